@@ -1,0 +1,160 @@
+// File handle calls: open, read, write, seek, size, close.
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+namespace marquel {
+namespace {
+
+// Undecided until first use (all bits set), then 1 or 0.
+std::atomic<uint32_t> g_useWideApi{0xFFFFFFFFu};
+
+int OpenFlags(uint32_t access, uint32_t disposition) {
+  int flags = O_CLOEXEC;
+  const bool read = (access & GENERIC_READ) != 0;
+  const bool write = (access & GENERIC_WRITE) != 0;
+  flags |= (read && write) ? O_RDWR : (write ? O_WRONLY : O_RDONLY);
+  switch (disposition) {
+    case CREATE_NEW:
+      return flags | O_CREAT | O_EXCL;
+    case CREATE_ALWAYS:
+      return flags | O_CREAT | O_TRUNC;
+    case OPEN_EXISTING:
+      return flags;
+    case OPEN_ALWAYS:
+      return flags | O_CREAT;
+    case TRUNCATE_EXISTING:
+      return write ? flags | O_TRUNC : -1;
+    default:
+      return -1;
+  }
+}
+
+}  // namespace
+
+int UseWideApi() {
+  uint32_t cached = g_useWideApi.load(std::memory_order_relaxed);
+  if (cached == 0 || cached == 1) return static_cast<int>(cached);
+  // The UTF-8 calls are the "wide" interface here: they carry every name the system
+  // can meet. A race on the first call stores the same value twice.
+  g_useWideApi.store(1, std::memory_order_relaxed);
+  return 1;
+}
+
+FileHandle OpenFileHandle(const std::string& path, uint32_t access, uint32_t /*shareMode*/,
+                          const void* /*security*/, uint32_t disposition, uint32_t /*flags*/,
+                          FileHandle /*templ*/) {
+  const int flags = OpenFlags(access, disposition);
+  if (flags < 0 || path.empty()) {
+    errno = EINVAL;
+    return kInvalidFileHandle;
+  }
+  int fd;
+  do {
+    fd = open(path.c_str(), flags, 0666);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return kInvalidFileHandle;
+  struct stat st;
+  if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    // CreateFile does not open folders without a special flag.
+    close(fd);
+    errno = EISDIR;
+    return kInvalidFileHandle;
+  }
+  return fd;
+}
+
+bool ReadFile(FileHandle h, void* buffer, uint32_t n, uint32_t* read) {
+  if (read != nullptr) *read = 0;
+  if (h < 0 || (buffer == nullptr && n > 0)) {
+    errno = EBADF;
+    return false;
+  }
+  auto* p = static_cast<char*>(buffer);
+  uint32_t done = 0;
+  while (done < n) {
+    ssize_t got = ::read(h, p + done, n - done);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      if (read != nullptr) *read = done;
+      return false;
+    }
+    if (got == 0) break;  // end of file: success with fewer bytes
+    done += static_cast<uint32_t>(got);
+  }
+  if (read != nullptr) *read = done;
+  return true;
+}
+
+bool WriteFile(FileHandle h, const void* buffer, uint32_t n, uint32_t* written) {
+  if (written != nullptr) *written = 0;
+  if (h < 0 || (buffer == nullptr && n > 0)) {
+    errno = EBADF;
+    return false;
+  }
+  const auto* p = static_cast<const char*>(buffer);
+  uint32_t done = 0;
+  while (done < n) {
+    ssize_t put = ::write(h, p + done, n - done);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) {
+      if (written != nullptr) *written = done;
+      return false;
+    }
+    done += static_cast<uint32_t>(put);
+  }
+  if (written != nullptr) *written = done;
+  return true;
+}
+
+bool CloseFileHandle(FileHandle h) {
+  if (h < 0) {
+    errno = EBADF;
+    return false;
+  }
+  // close() releases the descriptor even when it reports EINTR, so it is not retried.
+  return close(h) == 0;
+}
+
+int64_t SeekFile(FileHandle h, int64_t offset, int method) {
+  int whence;
+  switch (method) {
+    case FILE_BEGIN:
+      whence = SEEK_SET;
+      break;
+    case FILE_CURRENT:
+      whence = SEEK_CUR;
+      break;
+    case FILE_END:
+      whence = SEEK_END;
+      break;
+    default:
+      errno = EINVAL;
+      return -1;
+  }
+  off_t pos = lseek(h, static_cast<off_t>(offset), whence);
+  return pos < 0 ? -1 : static_cast<int64_t>(pos);
+}
+
+bool SetEndOfFile(FileHandle h) {
+  off_t pos = lseek(h, 0, SEEK_CUR);
+  if (pos < 0) return false;
+  int rc;
+  do {
+    rc = ftruncate(h, pos);
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0;
+}
+
+int64_t GetFileSize64(FileHandle h) {
+  struct stat st;
+  if (h < 0 || fstat(h, &st) != 0) return -1;
+  return static_cast<int64_t>(st.st_size);
+}
+
+}  // namespace marquel
