@@ -1,0 +1,126 @@
+// The record file of one tag: every sample of the tag, sorted by time code, no two equal.
+//
+// Layout (see docs/tag-store.md): a temporary file of fixed-size pages. Each page holds
+// 1..P records of one fixed size (32, or 32 + the sample size of a raw tag), sorted, and
+// a directory in memory lists the pages in time order with their first and last time
+// code, record count and file slot. The last page (the tail) lives in memory, so that
+// appending costs a copy. Single inserts before the tail go to a bounded in-memory
+// overlay that is merged into the pages in one pass when it fills or before any ordered
+// read; a merge rewrites only the pages whose time range it touches. Sorted runs (period
+// copies) merge straight into the pages the same way.
+//
+// Not thread-safe: the owning TagObject serialises all calls under its lock.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "descriptor_pool.h"
+#include "tags/sample.h"
+
+namespace marquel {
+
+class RecordFile {
+ public:
+  // Makes a new, empty temporary file ("MQT<hex>.tmp" in the temporary folder). Null when
+  // it cannot be made.
+  static std::unique_ptr<RecordFile> Create();
+  // Deletes the temporary file.
+  ~RecordFile();
+  RecordFile(const RecordFile&) = delete;
+  RecordFile& operator=(const RecordFile&) = delete;
+
+  const std::string& path() const { return file_.path(); }
+  bool Empty() const { return pages_.empty() && overlay_.empty(); }
+  int32_t kind() const { return kind_; }
+  int32_t sample_size() const { return sample_size_; }
+  bool dirty() const { return dirty_; }
+  // Fixes the kind and sample size of the records. Only while the file is empty.
+  void SetFormat(int32_t kind, int32_t sampleSize);
+
+  // Stores one record (kind as the file's). An equal time code is replaced. Raw rules:
+  // without bytes the length must equal the stored record's (or, for a new time code, the
+  // sample size); with bytes it must be at most the sample size. 1, or -1 (rule, I/O).
+  int Insert(const SampleRecord& record);
+  // Stores records of strictly ascending time code, each raw one with bytes and at most
+  // the sample size long, in one merge. 1, or -1 on I/O failure.
+  int InsertSortedRun(const SampleRecord* records, int64_t count);
+  // Exact lookup: 1 with *out a view into *storage, 0 not found, -1 on I/O failure.
+  int Find(int64_t timeCode, SampleRecord* out, std::vector<uint8_t>* storage);
+
+  // Counts (merging the overlay first). The period is half-open; hasEnd false means up to
+  // the last record. -1 on I/O failure.
+  int64_t Count();
+  int64_t CountRange(int64_t start, bool hasEnd, int64_t end);
+  // Visits, in order, the records from `from` (inclusive or not) up to `end` (exclusive,
+  // when hasEnd). The visitor gets a view valid during the call and returns false to stop.
+  // 1, or -1 on I/O failure.
+  using Visitor = std::function<bool(const SampleRecord&)>;
+  int Scan(int64_t from, bool fromInclusive, bool hasEnd, int64_t end, const Visitor& visit);
+
+  // Removes the records of [start, end) (to the last one when !hasEnd). 1, or -1.
+  int DeleteRange(int64_t start, bool hasEnd, int64_t end);
+  // Subtracts `offset` from every time code (wrapping). 1, or -1.
+  int MinusOffset(int64_t offset);
+  // Empties the file.
+  void Truncate();
+
+  // Records per page and overlay bound, for tests.
+  int32_t page_records() const { return page_records_; }
+  size_t overlay_limit() const { return overlay_limit_; }
+  size_t overlay_size() const { return overlay_.size(); }
+  size_t page_count() const { return pages_.size(); }
+
+ private:
+  struct Page {
+    int64_t first;
+    int64_t last;
+    int32_t count;
+    int32_t slot;  // -1 for the tail, which lives in tail_
+  };
+  class MergeWriter;
+
+  explicit RecordFile(std::string path);
+  size_t RecordBytes() const { return static_cast<size_t>(record_bytes_); }
+  size_t PageBytes() const { return RecordBytes() * page_records_; }
+  bool IsTail(size_t page) const { return page + 1 == pages_.size(); }
+
+  // Page access.
+  size_t PageFor(int64_t key) const;
+  int LoadPage(size_t page, std::vector<uint8_t>* buffer);
+  int WritePage(int32_t slot, const uint8_t* data, int32_t count);
+  int32_t AllocSlot();
+  int ReadKey(size_t page, int32_t index, int64_t* key);
+  int LowerBoundInPage(size_t page, int64_t key, int32_t* index);
+  int64_t Position(int64_t key);  // records with a time code below key, or -1
+
+  // Inserts.
+  int CheckRawRule(const SampleRecord& record);
+  int InsertIntoTail(const uint8_t* rec);
+  int MergeOverlay();
+  int MergeRun(const uint8_t* run, int64_t count);
+  int Abandon(MergeWriter& out);
+  int RestoreTail();
+
+  PooledFile file_;
+  int32_t kind_ = kPlainSample;
+  int32_t sample_size_ = 0;
+  int32_t record_bytes_ = 32;
+  int32_t page_records_ = 2048;
+  size_t overlay_limit_ = 0;
+  std::vector<Page> pages_;
+  std::vector<uint8_t> tail_;  // the records of the last page
+  std::vector<int32_t> free_slots_;
+  int32_t slot_count_ = 0;
+  int64_t count_ = 0;                  // records in the pages (the overlay not counted)
+  std::map<int64_t, size_t> overlay_;  // time code -> offset in overlay_bytes_
+  std::vector<uint8_t> overlay_bytes_;
+  std::vector<uint8_t> scratch_;
+  bool dirty_ = false;
+};
+
+}  // namespace marquel

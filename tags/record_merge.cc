@@ -1,0 +1,268 @@
+// Record file inserts: the tail, the overlay, and the merge of sorted runs into pages.
+#include <algorithm>
+#include <cstring>
+
+#include "record_file.h"
+#include "record_layout.h"
+
+namespace marquel {
+
+// Collects merged records into pages and writes them out, always into free slots: the
+// pages being merged stay intact until the directory is switched over, so a failed write
+// leaves the file as it was. One finished page is held back so that the last two can be
+// balanced at the end.
+class RecordFile::MergeWriter {
+ public:
+  MergeWriter(RecordFile* file, bool toTail)
+      : file_(file),
+        rec_(file->RecordBytes()),
+        fill_(toTail ? file->page_records_ : std::max(1, file->page_records_ * 3 / 4)),
+        to_tail_(toTail) {}
+
+  int Emit(const uint8_t* rec) {
+    current_.insert(current_.end(), rec, rec + rec_);
+    if (Count(current_) < fill_) return 1;
+    if (held_ && WriteHeld() < 0) return -1;
+    held_ = true;
+    held_buf_.swap(current_);
+    current_.clear();
+    return 1;
+  }
+
+  // Writes what is left. The tail region leaves its last page in memory as the new tail;
+  // elsewhere the last two pages are joined or balanced, then written.
+  int Finish() {
+    if (current_.empty() && held_) {
+      current_.swap(held_buf_);
+      held_ = false;
+    }
+    if (!to_tail_ && held_) {
+      int32_t total = Count(held_buf_) + Count(current_);
+      if (total <= file_->page_records_) {
+        held_buf_.insert(held_buf_.end(), current_.begin(), current_.end());
+        current_.clear();
+      } else if (Count(current_) < fill_ / 2) {
+        size_t keep = static_cast<size_t>(total / 2) * rec_;
+        std::vector<uint8_t> both(held_buf_);
+        both.insert(both.end(), current_.begin(), current_.end());
+        held_buf_.assign(both.begin(), both.begin() + keep);
+        current_.assign(both.begin() + keep, both.end());
+      }
+    }
+    if (held_ && WriteHeld() < 0) return -1;
+    if (current_.empty()) return 1;
+    if (to_tail_) {
+      pages_.push_back(Describe(current_, -1));
+      tail_.swap(current_);
+      return 1;
+    }
+    held_buf_.swap(current_);
+    return WriteHeld();
+  }
+
+  std::vector<Page>& pages() { return pages_; }
+  std::vector<uint8_t>& tail() { return tail_; }
+  const std::vector<int32_t>& slots() const { return slots_; }
+  int64_t written() const { return written_; }
+
+ private:
+  int32_t Count(const std::vector<uint8_t>& buf) const {
+    return static_cast<int32_t>(buf.size() / rec_);
+  }
+
+  Page Describe(const std::vector<uint8_t>& buf, int32_t slot) {
+    int32_t n = Count(buf);
+    written_ += n;
+    return Page{RecordKey(buf.data()), RecordKey(buf.data() + rec_ * (n - 1)), n, slot};
+  }
+
+  int WriteHeld() {
+    int32_t slot = file_->AllocSlot();
+    slots_.push_back(slot);
+    if (file_->WritePage(slot, held_buf_.data(), Count(held_buf_)) < 0) return -1;
+    pages_.push_back(Describe(held_buf_, slot));
+    held_buf_.clear();
+    held_ = false;
+    return 1;
+  }
+
+  RecordFile* file_;
+  size_t rec_;
+  int32_t fill_;
+  bool to_tail_;
+  bool held_ = false;
+  std::vector<uint8_t> current_;
+  std::vector<uint8_t> held_buf_;
+  std::vector<uint8_t> tail_;
+  std::vector<Page> pages_;
+  std::vector<int32_t> slots_;  // slots written
+  int64_t written_ = 0;
+};
+
+int RecordFile::CheckRawRule(const SampleRecord& record) {
+  if (kind_ != kRawSample) return 1;
+  if (record.nValue < 0) return -1;
+  if (record.pBuffer != nullptr) return record.nValue <= sample_size_ ? 1 : -1;
+  // No bytes: the length must match the record it replaces, or the sample size.
+  SampleRecord existing;
+  std::vector<uint8_t> storage;
+  int found = Find(record.llTimeCode, &existing, &storage);
+  if (found < 0) return -1;
+  int32_t expected = found == 1 ? existing.nValue : sample_size_;
+  return record.nValue == expected ? 1 : -1;
+}
+
+int RecordFile::Insert(const SampleRecord& record) {
+  if (CheckRawRule(record) < 0) return -1;
+  scratch_.resize(RecordBytes());
+  EncodeRecord(record, sample_size_, scratch_.data());
+  dirty_ = true;
+  auto hit = overlay_.find(record.llTimeCode);
+  if (hit != overlay_.end()) {
+    std::memcpy(overlay_bytes_.data() + hit->second, scratch_.data(), RecordBytes());
+    return 1;
+  }
+  if (pages_.empty() || record.llTimeCode >= pages_.back().first) {
+    return InsertIntoTail(scratch_.data());
+  }
+  overlay_.emplace(record.llTimeCode, overlay_bytes_.size());
+  overlay_bytes_.insert(overlay_bytes_.end(), scratch_.begin(), scratch_.end());
+  if (overlay_.size() >= overlay_limit_) return MergeOverlay();
+  return 1;
+}
+
+int RecordFile::InsertIntoTail(const uint8_t* rec) {
+  int64_t key = RecordKey(rec);
+  if (pages_.empty()) {
+    tail_.assign(rec, rec + RecordBytes());
+    pages_.push_back(Page{key, key, 1, -1});
+    ++count_;
+    return 1;
+  }
+  Page& tail = pages_.back();
+  size_t bytes = RecordBytes();
+  // Appending to a full tail: the tail goes to disk and a new one starts.
+  if (key > tail.last && tail.count >= page_records_) {
+    int32_t slot = AllocSlot();
+    if (WritePage(slot, tail_.data(), tail.count) < 0) return -1;
+    tail.slot = slot;
+    tail_.assign(rec, rec + bytes);
+    pages_.push_back(Page{key, key, 1, -1});
+    ++count_;
+    return 1;
+  }
+  int32_t lo = 0;
+  int32_t hi = tail.count;
+  while (lo < hi) {
+    int32_t mid = lo + (hi - lo) / 2;
+    if (RecordKey(tail_.data() + bytes * mid) < key) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  uint8_t* at = tail_.data() + bytes * lo;
+  if (lo < tail.count && RecordKey(at) == key) {
+    std::memcpy(at, rec, bytes);
+    return 1;
+  }
+  if (tail.count >= page_records_) return MergeRun(rec, 1);  // splits the full tail
+  tail_.insert(tail_.begin() + static_cast<ptrdiff_t>(bytes * lo), rec, rec + bytes);
+  ++tail.count;
+  tail.first = std::min(tail.first, key);
+  tail.last = std::max(tail.last, key);
+  ++count_;
+  return 1;
+}
+
+int RecordFile::MergeOverlay() {
+  if (overlay_.empty()) return 1;
+  std::vector<uint8_t> run;
+  run.reserve(overlay_bytes_.size());
+  for (const auto& [key, offset] : overlay_) {
+    const uint8_t* rec = overlay_bytes_.data() + offset;
+    run.insert(run.end(), rec, rec + RecordBytes());
+  }
+  if (MergeRun(run.data(), static_cast<int64_t>(overlay_.size())) < 0) return -1;
+  overlay_.clear();
+  overlay_bytes_.clear();
+  overlay_bytes_.shrink_to_fit();
+  return 1;
+}
+
+int RecordFile::InsertSortedRun(const SampleRecord* records, int64_t count) {
+  if (count <= 0) return 1;
+  if (MergeOverlay() < 0) return -1;
+  dirty_ = true;
+  // Merge in slices so that memory stays bounded (a period copy hands in 65,536 samples
+  // at a time, which one slice takes whole).
+  const int64_t slice = std::max<int64_t>(static_cast<int64_t>(overlay_limit_), 65536);
+  std::vector<uint8_t> run;
+  for (int64_t at = 0; at < count; at += slice) {
+    int64_t n = std::min(slice, count - at);
+    run.resize(RecordBytes() * static_cast<size_t>(n));
+    for (int64_t i = 0; i < n; ++i)
+      EncodeRecord(records[at + i], sample_size_, run.data() + RecordBytes() * i);
+    if (MergeRun(run.data(), n) < 0) return -1;
+  }
+  return 1;
+}
+
+// Gives back the slots a failed merge wrote; the directory was not changed.
+int RecordFile::Abandon(MergeWriter& out) {
+  for (int32_t slot : out.slots()) free_slots_.push_back(slot);
+  return -1;
+}
+
+// Merges `count` sorted records into the pages whose range they touch: from the page
+// holding the first record's time to the page holding the last one's. Pages outside stay
+// as they are. An equal time code takes the run's record.
+int RecordFile::MergeRun(const uint8_t* run, int64_t count) {
+  const size_t bytes = RecordBytes();
+  size_t first = 0;
+  size_t last = 0;
+  bool havePages = !pages_.empty();
+  if (havePages) {
+    first = PageFor(RecordKey(run));
+    last = std::max(first, PageFor(RecordKey(run + bytes * (count - 1))));
+  }
+  bool toTail = !havePages || last + 1 == pages_.size();
+  MergeWriter out(this, toTail);
+  int64_t before = 0;
+  int64_t j = 0;
+  std::vector<uint8_t> page;
+  for (size_t i = first; havePages && i <= last; ++i) {
+    if (LoadPage(i, &page) < 0) return Abandon(out);
+    before += pages_[i].count;
+    for (int32_t r = 0; r < pages_[i].count; ++r) {
+      const uint8_t* rec = page.data() + bytes * r;
+      int64_t key = RecordKey(rec);
+      while (j < count && RecordKey(run + bytes * j) < key) {
+        if (out.Emit(run + bytes * j++) < 0) return Abandon(out);
+      }
+      if (j < count && RecordKey(run + bytes * j) == key) {
+        if (out.Emit(run + bytes * j++) < 0) return Abandon(out);
+      } else if (out.Emit(rec) < 0) {
+        return Abandon(out);
+      }
+    }
+  }
+  while (j < count) {
+    if (out.Emit(run + bytes * j++) < 0) return Abandon(out);
+  }
+  if (out.Finish() < 0) return Abandon(out);
+  auto& fresh = out.pages();
+  if (havePages) {
+    for (size_t i = first; i <= last; ++i) {
+      if (pages_[i].slot >= 0) free_slots_.push_back(pages_[i].slot);
+    }
+    pages_.erase(pages_.begin() + static_cast<ptrdiff_t>(first),
+                 pages_.begin() + static_cast<ptrdiff_t>(last) + 1);
+  }
+  pages_.insert(pages_.begin() + static_cast<ptrdiff_t>(first), fresh.begin(), fresh.end());
+  if (toTail) tail_.swap(out.tail());
+  count_ += out.written() - before;
+  return 1;
+}
+
+}  // namespace marquel
