@@ -1,0 +1,185 @@
+#include "tags/block_program.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "tags/block_format.h"
+
+namespace marquel {
+namespace {
+
+// A tag's records in order. TagRecordCursor keeps a record's raw bytes only until its
+// next step, so the bytes of a batch are copied into the cursor's own buffer, which
+// lives until the next batch.
+class ProgramTagCursor : public BlockTagCursor {
+ public:
+  explicit ProgramTagCursor(TagObject* tag) : cursor_(tag) {}
+  size_t Next(BlockSampleView* out, size_t max) override {
+    bytes_.clear();
+    offsets_.clear();
+    size_t n = 0;
+    for (; n < max && cursor_.Valid(); ++n, cursor_.Next()) {
+      const SampleRecord& r = cursor_.Current();
+      out[n].time = r.llTimeCode;
+      out[n].kind = r.nKind;
+      out[n].value = r.nValue;
+      out[n].bytes = nullptr;
+      offsets_.push_back(kNoBytes);
+      if (r.nKind == kRawSample && r.pBuffer != nullptr && r.nValue > 0) {
+        offsets_.back() = bytes_.size();
+        bytes_.insert(bytes_.end(), r.pBuffer, r.pBuffer + r.nValue);
+      }
+    }
+    // Pointers are taken once the buffer has stopped growing.
+    for (size_t i = 0; i < n; ++i)
+      if (offsets_[i] != kNoBytes) out[i].bytes = bytes_.data() + offsets_[i];
+    return n;
+  }
+
+ private:
+  static constexpr size_t kNoBytes = ~size_t{0};
+  TagRecordCursor cursor_;
+  std::vector<uint8_t> bytes_;
+  std::vector<size_t> offsets_;
+};
+
+// Moves a written stream into one of the program's buffers.
+void StoreStream(ProgramBuffer* buffer, BitBuffer& stream) {
+  buffer->bytes = stream.ReleaseBytes();
+  buffer->bitPosition = static_cast<uint64_t>(buffer->bytes.size()) * 8;
+}
+
+void StoreHeader(MQOneProgram& program, const uint8_t* header) {
+  ProgramBuffer* h = program.MakeHeaderBuffer();
+  std::memcpy(h->bytes.data(), header, kBlockHeaderSize);
+  h->bitPosition = kBlockHeaderSize * 8;
+}
+
+}  // namespace
+
+std::unique_ptr<BlockTagCursor> ProgramBlockSource::OpenTag(int32_t tag_id) {
+  TagObject* tag = program_.Tag(tag_id);
+  if (tag == nullptr) return nullptr;
+  return std::make_unique<ProgramTagCursor>(tag);
+}
+
+int64_t ProgramBlockSource::Interval(int32_t tag_id) {
+  TagObject* tag = program_.Tag(tag_id);
+  return tag == nullptr ? 0 : tag->Interval();
+}
+
+int32_t WriteProgramBlock(MQOneProgram& program) {
+  ProgramBlockSource source(program);
+  EncodedBlock block;
+  if (EncodeBlock(source, &block) != 1) {
+    program.ReleaseBuffers();
+    return -1;
+  }
+  StoreStream(program.MakeTagIdBuffer(0), block.tag_ids);
+  StoreStream(program.MakeDataLengthBuffer(0), block.lengths);
+  StoreStream(program.MakeDataBuffer(0), block.data);
+  StoreHeader(program, block.header.data());
+  return 1;
+}
+
+int64_t QueryProgramBlockSize(MQOneProgram& program) {
+  ProgramBlockSource source(program);
+  return static_cast<int64_t>(PredictBlockSizes(source).Total());
+}
+
+int64_t QueryProgramBlockPeriodSize(MQOneProgram& program, int64_t start, int64_t end) {
+  ProgramBlockSource source(program);
+  BlockPeriodSource period(source, start, end);
+  return static_cast<int64_t>(PredictBlockSizes(period).Total());
+}
+
+std::vector<uint8_t> ProgramBlockBytes(MQOneProgram& program) {
+  ProgramBuffer* header = program.HeaderBuffer();
+  ProgramBuffer* parts[] = {program.TagIdBuffer(), program.DataLengthBuffer(),
+                            program.DataBuffer()};
+  if (header == nullptr || header->bytes.size() < kBlockHeaderSize) return {};
+  std::vector<uint8_t> out(header->bytes.begin(), header->bytes.begin() + kBlockHeaderSize);
+  for (ProgramBuffer* p : parts) {
+    if (p == nullptr) return {};
+    out.insert(out.end(), p->bytes.begin(), p->bytes.end());
+  }
+  return out;
+}
+
+void SetProgramBlockBuffers(MQOneProgram& program, const uint8_t* header,
+                            std::vector<uint8_t> tag_ids, std::vector<uint8_t> lengths,
+                            std::vector<uint8_t> data) {
+  auto put = [](ProgramBuffer* b, std::vector<uint8_t>&& bytes) {
+    b->bytes = std::move(bytes);
+    b->bitPosition = static_cast<uint64_t>(b->bytes.size()) * 8;
+  };
+  put(program.MakeTagIdBuffer(0), std::move(tag_ids));
+  put(program.MakeDataLengthBuffer(0), std::move(lengths));
+  put(program.MakeDataBuffer(0), std::move(data));
+  StoreHeader(program, header);
+}
+
+int32_t StoreBlockContent(MQOneProgram& program, const BlockContent& content, uint64_t* dropped) {
+  uint64_t left_out = 0;
+  int32_t result = 1;
+  static const uint8_t kNoBytes = 0;
+  for (int32_t id = 0; id < kTagIdCount && result == 1; ++id) {
+    const BlockTagSamples& s = content.tags[id];
+    if (!s.present) continue;
+    TagObject* tag = program.GetOrCreateTag(id);
+    if (tag == nullptr) return -1;
+    tag->SetValid(s.valid);
+    if (s.interval_set) tag->SetInterval(s.interval, true);
+    if (!s.valid) continue;
+    // The first raw sample fixes the tag's sample size; the store refuses longer ones.
+    int32_t raw_limit = s.raw && !s.empty() ? std::min(s.values[0], kMaxRawSampleBytes) : 0;
+    for (size_t i = 0; i < s.size(); ++i) {
+      SampleRecord r;
+      if (s.raw) {
+        if (s.values[i] > raw_limit) {
+          ++left_out;
+          continue;
+        }
+        const uint8_t* bytes = s.values[i] > 0 ? s.RawData(i) : &kNoBytes;
+        r = MakeRawSample(s.times[i], s.values[i], bytes);
+      } else {
+        r = MakePlainSample(s.times[i], s.values[i]);
+      }
+      if (tag->BulkAppend(r) != 1) {
+        result = -1;
+        break;
+      }
+    }
+  }
+  if (program.FlushAllMemoryBlocks() != 1) result = -1;
+  if (dropped) *dropped = left_out;
+  return result;
+}
+
+int32_t LoadProgramBlock(MQOneProgram& program, BlockRejection* why, BlockReadStats* stats,
+                         uint64_t max_filled_samples) {
+  ProgramBuffer* ids = program.TagIdBuffer();
+  ProgramBuffer* lengths = program.DataLengthBuffer();
+  ProgramBuffer* data = program.DataBuffer();
+  if (ids == nullptr || lengths == nullptr || data == nullptr) return 0;
+  BlockReadOptions options;
+  options.accept = [&program](int32_t id) { return program.AcceptsTag(id); };
+  options.max_filled_samples = max_filled_samples;
+  auto content = std::make_unique<BlockContent>();
+  BlockReadStats local;
+  if (DecodeBlock(ids->bytes.data(), ids->bytes.size(), lengths->bytes.data(),
+                  lengths->bytes.size(), data->bytes.data(), data->bytes.size(), options,
+                  content.get(), why, &local) != 1) {
+    if (stats) *stats = local;
+    return 0;
+  }
+  program.ClearAllTags();
+  uint64_t left_out = 0;
+  int32_t result = StoreBlockContent(program, *content, &left_out);
+  local.dropped_samples += left_out;
+  if (stats) *stats = local;
+  return result;
+}
+
+}  // namespace marquel
