@@ -1,0 +1,124 @@
+// Names of the per-user caches.
+#include "persist/cache_keys.h"
+
+#include "platform/key_name.h"
+#include "platform/text.h"
+
+namespace marquel {
+
+const char* CacheBaseKey(CacheKind kind) {
+  switch (kind) {
+    case CacheKind::kVR:
+      return "Software\\Halvern\\Marquel\\VRCache";
+    case CacheKind::kTS:
+      return "Software\\Halvern\\Marquel\\TSCache";
+    case CacheKind::kOther:
+      return "Software\\Halvern\\Marquel\\OtherCache";
+    case CacheKind::kAVI:
+      return "Software\\Halvern\\Marquel\\AVICache";
+    case CacheKind::kTemp:
+      return "Software\\Halvern\\Marquel\\TempCache";
+  }
+  return "";
+}
+
+const char* CacheKindName(CacheKind kind) {
+  switch (kind) {
+    case CacheKind::kVR:
+      return "VRCache";
+    case CacheKind::kTS:
+      return "TSCache";
+    case CacheKind::kOther:
+      return "OtherCache";
+    case CacheKind::kAVI:
+      return "AVICache";
+    case CacheKind::kTemp:
+      return "TempCache";
+  }
+  return "";
+}
+
+bool CacheKindFromName(const std::string& name, CacheKind* kind) {
+  for (int32_t i = 0; i < kCacheKindCount; ++i) {
+    CacheKind k = static_cast<CacheKind>(i);
+    if (EqualsIgnoreCase(name, CacheKindName(k))) {
+      if (kind != nullptr) *kind = k;
+      return true;
+    }
+  }
+  return false;
+}
+
+const char* CacheRecordValue(CacheKind kind) {
+  switch (kind) {
+    case CacheKind::kVR:
+      return kVRInfoValue;
+    case CacheKind::kTemp:
+      return kTempInfoWriteName;
+    default:
+      return kFileInfoValue;
+  }
+}
+
+std::string CacheEntryKeyPath(CacheKind kind, const std::string& subKeyName) {
+  return std::string(CacheBaseKey(kind)) + "\\" + subKeyName;
+}
+
+bool SplitCacheEntryKeyPath(const std::string& keyPath, CacheKind* kind, std::string* subKey) {
+  for (int32_t i = 0; i < kCacheKindCount; ++i) {
+    CacheKind k = static_cast<CacheKind>(i);
+    std::string base = std::string(CacheBaseKey(k)) + "\\";
+    if (keyPath.size() <= base.size() ||
+        !EqualsIgnoreCase(std::string_view(keyPath).substr(0, base.size()), base))
+      continue;
+    std::string rest = keyPath.substr(base.size());
+    if (rest.find('\\') != std::string::npos) return false;
+    if (kind != nullptr) *kind = k;
+    if (subKey != nullptr) *subKey = rest;
+    return true;
+  }
+  return false;
+}
+
+std::string CacheSubKeyName(const std::string& mediaPath) {
+  return FileKeyName(mediaPath);
+}
+
+bool CacheKindForFormat(int32_t format, CacheKind* kind) {
+  CacheKind k;
+  switch (format) {
+    case 0:
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+      k = CacheKind::kTemp;
+      break;
+    case 6:
+    case 7:
+      k = CacheKind::kVR;
+      break;
+    case 8:
+    case 9:
+      k = CacheKind::kAVI;
+      break;
+    case 10:
+      k = CacheKind::kTS;
+      break;
+    case 5:
+    case 11:
+    case 12:
+    case 13:
+    case 14:
+    case 15:
+    case 16:
+      k = CacheKind::kOther;
+      break;
+    default:
+      return false;
+  }
+  if (kind != nullptr) *kind = k;
+  return true;
+}
+
+}  // namespace marquel

@@ -1,0 +1,88 @@
+// Carrying a media file's cache entries over to a new name.
+#include <algorithm>
+
+#include "persist/cache_writer.h"
+#include "platform/access_reg.h"
+#include "platform/text.h"
+
+namespace marquel {
+namespace {
+
+// Writes `entry`'s values under its sub-key (made when missing). False on a failure.
+bool WriteEntryValues(const CacheEntry& entry) {
+  std::vector<uint8_t> record;
+  bool encoded = entry.kind == CacheKind::kTemp ? EncodeTempRecord(entry.temp, &record)
+                                                : EncodeFileRecord(entry.file, &record);
+  if (!encoded) return false;
+  AccessReg reg;
+  std::string path = entry.KeyPath();
+  if (!reg.CreateKey(HKEY_CURRENT_USER, path.c_str()) || !reg.Open(HKEY_CURRENT_USER, path.c_str()))
+    return false;
+  bool ok = reg.SetValue(CacheRecordValue(entry.kind), record.data(), REG_BINARY,
+                         static_cast<uint32_t>(record.size()));
+  if (ok && entry.has_id) ok = reg.SetDword(kIdValue, entry.id);
+  if (ok && entry.has_content) ok = reg.SetDword(kContentInfoValue, entry.content);
+  if (ok && entry.kind == CacheKind::kTS) {
+    std::vector<uint8_t> programs;
+    ok = EncodeProgramRecords(entry.programs, &programs) &&
+         reg.SetValue(kTSInfoValue, programs.data(), REG_BINARY,
+                      static_cast<uint32_t>(programs.size())) &&
+         reg.SetDword(kTSProgramsValue, static_cast<uint32_t>(entry.programs.size()));
+  }
+  return ok;
+}
+
+int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string& newPath) {
+  CacheEntry entry;
+  if (!ReadCacheEntry(kind, CacheSubKeyName(oldPath), &entry) || !entry.Complete()) return 1;
+  const std::string old_key = entry.KeyPath();
+  const bool same_key = EqualsIgnoreCase(entry.sub_key, CacheSubKeyName(newPath));
+  if (kind == CacheKind::kTemp) {
+    entry.temp.media_path = newPath;
+  } else {
+    entry.file.media_path = newPath;
+  }
+  entry.sub_key = CacheSubKeyName(newPath);
+  std::vector<std::string> keep = entry.CacheFiles();
+  if (!same_key) {
+    // An entry already under the new name belongs to a file that is being replaced.
+    CacheEntry replaced;
+    if (ReadCacheEntry(kind, entry.sub_key, &replaced)) {
+      AccessReg reg;
+      if (!reg.DeleteKey(HKEY_CURRENT_USER, replaced.KeyPath().c_str())) return -1;
+      for (const std::string& f : replaced.CacheFiles()) {
+        if (std::find(keep.begin(), keep.end(), f) == keep.end() && FileExists(f)) RemoveFile(f);
+      }
+    }
+  }
+  if (!WriteEntryValues(entry)) {
+    if (!same_key) {
+      AccessReg reg;
+      reg.DeleteKey(HKEY_CURRENT_USER, entry.KeyPath().c_str());
+    }
+    return -1;
+  }
+  if (!same_key) {
+    AccessReg reg;
+    reg.DeleteKey(HKEY_CURRENT_USER, old_key.c_str());
+  }
+  return 1;
+}
+
+}  // namespace
+
+int32_t CacheRename(const std::string& oldPath, const std::string& newPath, int32_t format) {
+  if (oldPath.empty() || newPath.empty() || !FitsRecordPath(newPath)) return -1;
+  if (oldPath == newPath) return 1;
+  CacheKind only;
+  bool one_kind = format != 0 && CacheKindForFormat(format, &only);
+  int32_t result = 1;
+  for (int32_t i = 0; i < kCacheKindCount; ++i) {
+    CacheKind kind = static_cast<CacheKind>(i);
+    if (one_kind && kind != only) continue;
+    if (RenameOne(kind, oldPath, newPath) != 1) result = -1;
+  }
+  return result;
+}
+
+}  // namespace marquel

@@ -1,0 +1,78 @@
+// Reading, finding, listing and deleting cache entries.
+//
+// An entry is the sub-key of one media file under a cache kind's base key. Values of the
+// wrong size count as absent, so a damaged entry reads as an entry without that value;
+// the lookups use only entries whose values are all present.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "persist/cache_fingerprint.h"
+#include "persist/cache_keys.h"
+#include "persist/cache_records.h"
+
+namespace marquel {
+
+// The most programs a TS entry may list (a session holds at most 8).
+constexpr uint32_t kMaxCachePrograms = 8;
+
+struct CacheEntry {
+  CacheKind kind = CacheKind::kVR;
+  std::string sub_key;  // the entry's own key name under the base key
+  bool has_id = false;
+  uint32_t id = 0;
+  bool has_content = false;
+  uint32_t content = 0;  // "CONTENTINFO"
+  bool has_file_record = false;
+  CacheFileRecord file;                      // VR, TS, AVI, other
+  std::vector<CacheProgramRecord> programs;  // TS: "TSINFO", "TSPROGRAMS" records
+  bool has_temp_record = false;
+  TempCacheRecord temp;  // temp cache
+
+  // The entry's full key under the current user's root.
+  std::string KeyPath() const { return CacheEntryKeyPath(kind, sub_key); }
+  // The media file the entry is about: the record's path, else the key name's path.
+  std::string MediaPath() const;
+  // Every cache file the entry names, each once, in program order.
+  std::vector<std::string> CacheFiles() const;
+  // The cache file of program 0 ("" when none).
+  std::string FirstCacheFile() const;
+  // Whether the values its kind needs are present: the file record (and for TS the
+  // program records), or the temp record.
+  bool Complete() const;
+};
+
+// Reads the entry `subKey` of `kind`. False when the sub-key does not exist.
+bool ReadCacheEntry(CacheKind kind, const std::string& subKey, CacheEntry* out);
+
+// Every entry of a kind, in the store's enumeration order.
+std::vector<CacheEntry> ListCacheEntries(CacheKind kind);
+
+// The id the next new entry of `kind` takes: "NextID", 0 when absent, 1000 and more
+// read as 0.
+uint32_t ReadNextId(CacheKind kind);
+
+// Deletes the cache files an entry names, then its sub-key. True when the sub-key is gone
+// afterwards (also when it never existed).
+bool DeleteCacheEntry(CacheKind kind, const std::string& subKey);
+
+// Deletes the first entry (in enumeration order) whose "ID" is `id`, with its cache files.
+// True when one was deleted.
+bool EvictCacheId(CacheKind kind, uint32_t id);
+
+// Finds the entry of a media file in the VR, TS, AVI or other cache. By name: the sub-key
+// named after the file, whose record has the same path (A-Z compared without case), the
+// same identity words and whose "CONTENTINFO" is the fingerprint (0 when not taken). Else,
+// when the fingerprint was taken, by content: the first complete entry whose
+// "CONTENTINFO" is the fingerprint and whose identity words are equal. False when neither
+// finds one.
+bool FindCacheEntry(CacheKind kind, const std::string& mediaPath, const uint64_t identity[2],
+                    const ContentSample& sample, CacheEntry* out);
+
+// Finds the temp-cache entry of a media file: the sub-key named after it, with a temp
+// record of the same path. False when there is none.
+bool FindTempCacheEntry(const std::string& mediaPath, CacheEntry* out);
+
+}  // namespace marquel

@@ -1,0 +1,139 @@
+// Closes that cannot write: the cache folder cannot be used, or the disk is full. The
+// close answers as the policy says, the store never names a missing file, and no sample
+// already cached is lost.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include "persist/cache_entry.h"
+#include "persist/result_codes.h"
+#include "session_test_util.h"
+
+namespace marquel {
+namespace {
+
+using cachetest::Bytes;
+using cachetest::CacheFolder;
+using cachetest::CopyMedia;
+using cachetest::FolderFiles;
+using cachetest::LogCapture;
+using sessiontest::Expected;
+using sessiontest::InsertSamples;
+using sessiontest::OpenSession;
+using sessiontest::PlainSamples;
+
+// No entry names a file that is not there.
+void ExpectEveryNamedFileExists() {
+  for (int32_t k = 0; k < kCacheKindCount; ++k) {
+    for (const CacheEntry& e : ListCacheEntries(static_cast<CacheKind>(k))) {
+      for (const std::string& file : e.CacheFiles()) {
+        EXPECT_TRUE(FileExists(file)) << e.KeyPath() << " names " << file;
+      }
+    }
+  }
+}
+
+// Makes the cache folder unusable: a file stands where it should be.
+void BlockCacheFolder() {
+  std::string halvern = CurrentEnv()->AppDataFolder() + "/Halvern";
+  MakeFolder(halvern);
+  cachetest::WriteAll(halvern + "/MQInfo", Bytes{0});
+}
+
+TEST(CloseFaults, CacheFolderThatCannotBeUsed) {
+  BlockCacheFolder();
+  struct Case {
+    const char* media;
+    const char* as;
+    int32_t bWriteToCache;
+    int32_t expected;
+  };
+  const Case cases[] = {
+      {"mpeg1.mpg", "a.mpg", 0, MQ_ERR},
+      {"mpeg2ps.mpg", "b.mpg", 0, MQ_AUTOPROCESSFAIL},  // the policy's answer
+      {"mpeg2ps.mpg", "c.mpg", 1, MQ_ERR},
+      {"ts188.ts", "d.ts", 0, MQ_AUTOPROCESSFAIL},
+      {"ts188.ts", "e.ts", 1, MQ_ERR},
+      {"avi.avi", "f.avi", 0, MQ_ERR},
+      {"mp4.mp4", "g.mp4", 0, MQ_ERR},
+      {"dvd.vob", "h.vob", 1, MQ_ERR},
+  };
+  for (const Case& c : cases) {
+    auto f = OpenSession(CopyMedia(c.media, c.as));
+    InsertSamples(*f, 0, 1, 5);
+    LogCapture log;
+    EXPECT_EQ(f->CloseFile(c.bWriteToCache), c.expected) << c.as;
+  }
+  for (int32_t k = 0; k < kCacheKindCount; ++k) {
+    EXPECT_TRUE(ListCacheEntries(static_cast<CacheKind>(k)).empty()) << k;
+  }
+}
+
+TEST(CloseFaults, Mpeg1CacheFileThatCannotBeMadeIsLogged) {
+  BlockCacheFolder();
+  auto f = OpenSession(CopyMedia("mpeg1.mpg", "a.mpg"));
+  InsertSamples(*f, 0, 1, 5);
+  LogCapture log;
+  EXPECT_EQ(f->CloseFile(0), MQ_ERR);
+  EXPECT_TRUE(log.Has("[3] create temp file fail ()"));
+  EXPECT_TRUE(log.Has("[3] always write to cache -1"));
+}
+
+// Files of this process cannot grow past `bytes` while alive, as on a full disk; the
+// signal such a write raises is ignored, so the write just fails.
+class ScopedFileSizeLimit {
+ public:
+  explicit ScopedFileSizeLimit(rlim_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &saved_);
+    previous_ = signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = saved_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~ScopedFileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &saved_);
+    signal(SIGXFSZ, previous_);
+  }
+
+ private:
+  rlimit saved_{};
+  sighandler_t previous_ = SIG_DFL;
+};
+
+TEST(CloseFaults, FullDiskKeepsEverySampleAlreadyCached) {
+  struct Case {
+    const char* media;
+    const char* as;
+    CacheKind kind;
+    int32_t expected;  // of the failing close
+  };
+  const Case cases[] = {
+      {"mpeg1.mpg", "a.mpg", CacheKind::kTemp, MQ_ERR},
+      {"mpeg2ps.mpg", "b.mpg", CacheKind::kTemp, MQ_AUTOPROCESSFAIL},
+      {"ts188.ts", "c.ts", CacheKind::kTS, MQ_AUTOPROCESSFAIL},
+      {"avi.avi", "d.avi", CacheKind::kAVI, MQ_ERR},
+  };
+  for (const Case& c : cases) {
+    std::string path = CopyMedia(c.media, c.as);
+    {
+      auto f = OpenSession(path);
+      InsertSamples(*f, 0, 1, 20);
+      ASSERT_NE(f->CloseFile(0), MQ_ERR) << c.as;
+    }
+    size_t files_before = FolderFiles(CacheFolder()).size();
+    {
+      auto f = OpenSession(path);
+      ASSERT_EQ(PlainSamples(*f, 0), Expected(1, 20));
+      InsertSamples(*f, 0, 2, 3000);  // a block far larger than the limit
+      ScopedFileSizeLimit full(4096);
+      EXPECT_EQ(f->CloseFile(0), c.expected) << c.as;
+    }
+    ExpectEveryNamedFileExists();
+    EXPECT_EQ(FolderFiles(CacheFolder()).size(), files_before) << "no half-written file stays";
+    auto g = OpenSession(path);
+    EXPECT_EQ(PlainSamples(*g, 0), Expected(1, 20)) << c.as << ": the cached samples are whole";
+  }
+}
+
+}  // namespace
+}  // namespace marquel

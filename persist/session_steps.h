@@ -1,0 +1,51 @@
+// The steps of a session's open and close that work on its private fields. One class,
+// a friend of MarquelOneFile, so that the open (session_open.cc) and the close
+// (session_close.cc, session_write.cc) can be kept in files of their own.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "persist/cache_entry.h"
+#include "persist/marquel_one_file.h"
+
+namespace marquel {
+
+class SessionSteps {
+ public:
+  // --- Open (session_open.cc) ---
+
+  // Steps 3 to 8 of the open of an existing, readable file.
+  static int OpenExisting(MarquelOneFile& f, int32_t nType, int32_t bLoad, int32_t bQueryOnly);
+  // Loads a cache file into a program's buffers (the temporary-file reader) and logs
+  // "MarquelOneFile: [%d] Read from registry %d". 1, or 0.
+  static int32_t LoadCacheFile(MarquelOneFile& f, MQOneProgram& program, const std::string& path);
+
+  // --- Close (session_close.cc, session_write.cc) ---
+
+  // Flushes every program's memory blocks and writes its block into its buffers.
+  static void FinalisePrograms(MarquelOneFile& f);
+  // Detects the format from the file again (when it can be opened) and stores it.
+  static void DetectFormat(MarquelOneFile& f);
+  // The force-to-cache flag of the close: bWriteToCache, raised by the FAT limits (at or
+  // above) and by a clear owner-write bit.
+  static int32_t ForceToCache(MarquelOneFile& f, int32_t bWriteToCache);
+  // The cache writers of the close. 1 or -1.
+  static int32_t WriteVRCache(MarquelOneFile& f, int32_t forceToCache);
+  static int32_t WriteProgramCache(MarquelOneFile& f, CacheKind kind);
+  // The sum of the block-size queries of every program.
+  static int64_t BlockSize(MarquelOneFile& f);
+
+ private:
+  static void TakeFileAttributes(MarquelOneFile& f);
+  static void OpenFromCache(MarquelOneFile& f, FileHandle file, CacheKind kind, int32_t bLoad);
+  static void OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t bLoad);
+  static void OpenTransportStream(MarquelOneFile& f, FileHandle file, int32_t bLoad);
+  static void LoadTsFromFile(MarquelOneFile& f, FileHandle file, const MQDataInFile& in_file);
+  static void LoadTsFromRegistry(MarquelOneFile& f, const CacheEntry& entry);
+  static int Finish(MarquelOneFile& f, int32_t bLoad, int32_t bQueryOnly);
+  // The media file's size and time now (the session's identity words when it is gone).
+  static void CurrentIdentity(MarquelOneFile& f, uint64_t identity[2]);
+};
+
+}  // namespace marquel

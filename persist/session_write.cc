@@ -1,0 +1,77 @@
+// MarquelOneFile's writers of the close: the temp cache of program streams (WriteToFile)
+// and the VR, TS, AVI and other-format caches.
+#include <vector>
+
+#include "log/log.h"
+#include "persist/cache_writer.h"
+#include "session_steps.h"
+#include "tags/block_tempfile.h"
+
+namespace marquel {
+namespace {
+
+// Writes the finalised block of each listed program, by index, into a cache file.
+CacheBlockWriter ProgramWriter(const std::vector<MQOneProgram*>& programs) {
+  return [programs](size_t index, FileHandle file) -> int32_t {
+    if (index >= programs.size()) return -1;
+    return WriteProgramBlockToFile(*programs[index], file);
+  };
+}
+
+}  // namespace
+
+void SessionSteps::CurrentIdentity(MarquelOneFile& f, uint64_t identity[2]) {
+  FileStatusRecord status;
+  if (FileStatus(f.file_name_, &status) == 0) {
+    identity[0] = static_cast<uint64_t>(status.size);
+    identity[1] = static_cast<uint64_t>(status.mtime);
+  } else {
+    identity[0] = f.identity_[0];
+    identity[1] = f.identity_[1];
+  }
+}
+
+int32_t SessionSteps::WriteVRCache(MarquelOneFile& f, int32_t forceToCache) {
+  MQOneProgram* program = f.Program(0);
+  // A program without its serialised block has nothing to write ("error! process
+  // program but no data!" is logged by the check).
+  if (program == nullptr || program->CheckBuffersForSerialise() != 1) return 1;
+  CacheWriteRequest request;
+  request.kind = CacheKind::kVR;
+  request.media_path = f.file_name_;
+  CurrentIdentity(f, request.identity);
+  request.side_file = forceToCache == 0;
+  CacheEntry written;
+  int32_t result = WriteCacheEntry(request, ProgramWriter({program}), &written);
+  if (result == 1) {
+    f.cache_file_path_ = written.file.cache_path;
+    f.cache_entry_key_ = written.KeyPath();
+  }
+  return result;
+}
+
+int32_t SessionSteps::WriteProgramCache(MarquelOneFile& f, CacheKind kind) {
+  std::vector<MQOneProgram*> programs;
+  CacheWriteRequest request;
+  request.kind = kind;
+  request.media_path = f.file_name_;
+  request.pmt_pids.clear();
+  int32_t count = kind == CacheKind::kTS ? f.ProgramCount() : 1;
+  for (int32_t i = 0; i < count; ++i) {
+    MQOneProgram* program = f.Program(i);
+    if (program == nullptr || program->CheckBuffersForSerialise() != 1) continue;
+    programs.push_back(program);
+    request.pmt_pids.push_back(program->PMTPID());
+  }
+  if (programs.empty()) return 1;
+  CurrentIdentity(f, request.identity);
+  CacheEntry written;
+  int32_t result = WriteCacheEntry(request, ProgramWriter(programs), &written);
+  if (result == 1) {
+    f.cache_file_path_ = written.FirstCacheFile();
+    f.cache_entry_key_ = written.KeyPath();
+  }
+  return result;
+}
+
+}  // namespace marquel
