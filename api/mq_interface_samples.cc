@@ -1,0 +1,227 @@
+// CMQInterface: inserting and reading plain and raw-data samples.
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "api/mq_interface.h"
+#include "result_rules.h"
+
+namespace marquel {
+namespace {
+
+// The temporary array of m internal samples a read fills; null when it cannot be had.
+std::unique_ptr<SampleRecord[]> TempSamples(int64_t m) {
+  return std::unique_ptr<SampleRecord[]>(new (std::nothrow) SampleRecord[m]);
+}
+
+// Frees the byte buffers a read handed out with its samples.
+void FreeBuffers(SampleRecord* records, int64_t count) {
+  if (count > 0) FreeSampleBuffers(records, count);
+}
+
+}  // namespace
+
+HRESULT CMQInterface::InsertDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                    int64_t llTimeCode, int32_t nData) {
+  return R2(
+      ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID, MakePlainSample(llTimeCode, nData)));
+}
+
+HRESULT CMQInterface::InsertDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                       const MarquelOneTag* mqTags, int32_t nDataCount,
+                                       int32_t* nInserted) {
+  Put(nInserted, 0);
+  if (mqTags == nullptr || nDataCount <= 0) return E_INVALIDARG;
+  std::unique_ptr<SampleRecord[]> records = TempSamples(nDataCount);
+  if (!records) return E_OUTOFMEMORY;
+  for (int32_t i = 0; i < nDataCount; ++i)
+    records[i] = MakePlainSample(mqTags[i].llTimeCode, mqTags[i].value);
+  int32_t stored = ctrl_->InsertMany(nFileHandle, nProgramIndex, nTagID, records.get(), nDataCount);
+  Put(nInserted, stored < 0 ? 0 : stored);
+  return R3(stored, nDataCount);
+}
+
+HRESULT CMQInterface::GetDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                 int64_t llTimeCode, int32_t* nValue) {
+  SampleRecord record;
+  int32_t result = ctrl_->GetOne(nFileHandle, nProgramIndex, nTagID, llTimeCode, &record);
+  FreeSampleBuffer(record.pBuffer);
+  if (result == 0) return E_FAIL;
+  // For a closed handle (-1) the value is the untouched record's, 0: not meaningful.
+  Put(nValue, record.nValue);
+  return S_OK;
+}
+
+HRESULT CMQInterface::GetDataAll(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                 int32_t m, std::vector<MarquelOneTag>* mqTags) {
+  return ReadPlain(nFileHandle, nProgramIndex, nTagID, true, 0, -1, m, mqTags);
+}
+
+HRESULT CMQInterface::GetDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                    int64_t llStartTime, int64_t llEndTime, int32_t m,
+                                    std::vector<MarquelOneTag>* mqTags) {
+  return ReadPlain(nFileHandle, nProgramIndex, nTagID, false, llStartTime, llEndTime, m, mqTags);
+}
+
+// The read fills a temporary array of m samples (never more: the table is given m as the
+// capacity, so a request with more samples than m cannot overrun it), and exactly m
+// records are handed out.
+HRESULT CMQInterface::ReadPlain(int32_t h, int32_t program, int32_t tag, bool all, int64_t start,
+                                int64_t end, int32_t m, std::vector<MarquelOneTag>* out) {
+  if (out == nullptr || m <= 0) return E_INVALIDARG;
+  if (m > kMaxReadSamples) return E_OUTOFMEMORY;
+  std::unique_ptr<SampleRecord[]> temp = TempSamples(m);
+  if (!temp) return E_OUTOFMEMORY;
+  int64_t n = all ? ctrl_->GetDataAll(h, program, tag, temp.get(), m)
+                  : ctrl_->GetDataPeriod(h, program, tag, start, end, temp.get(), m);
+  FreeBuffers(temp.get(), Written(n, m));
+  if (n == 0) return E_FAIL;
+  try {
+    out->resize(m);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  for (int32_t i = 0; i < m; ++i) {
+    (*out)[i].llTimeCode = temp[i].llTimeCode;
+    (*out)[i].value = temp[i].nValue;
+  }
+  return S_OK;
+}
+
+HRESULT CMQInterface::QueryOneTagSize(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                      int32_t* nSize) {
+  return R5(ctrl_->QueryOneTagSize(nFileHandle, nProgramIndex, nTagID), nSize);
+}
+
+HRESULT CMQInterface::QueryOneTagPeriodSize(int32_t nFileHandle, int32_t nProgramIndex,
+                                            int32_t nTagID, int64_t llStartTime, int64_t llEndTime,
+                                            int32_t* nSize) {
+  return R5(
+      ctrl_->QueryOneTagPeriodSize(nFileHandle, nProgramIndex, nTagID, llStartTime, llEndTime),
+      nSize);
+}
+
+// --- Raw-data samples ----------------------------------------------------------------
+
+HRESULT CMQInterface::InsertRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                       int64_t llTimeCode, int32_t nLength, const uint8_t* pData,
+                                       size_t available) {
+  // A length beyond the bytes that arrived would make the store read past them.
+  if (nLength > 0 && (pData == nullptr || static_cast<size_t>(nLength) > available))
+    return E_INVALIDARG;
+  return R2(ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID,
+                             MakeRawSample(llTimeCode, nLength, nLength > 0 ? pData : nullptr)));
+}
+
+HRESULT CMQInterface::GetRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                    int64_t llTimeCode, int32_t nLength,
+                                    std::vector<uint8_t>* pData) {
+  SampleRecord record;
+  int32_t result = ctrl_->GetOne(nFileHandle, nProgramIndex, nTagID, llTimeCode, &record);
+  std::unique_ptr<uint8_t, void (*)(uint8_t*)> bytes(record.pBuffer, FreeSampleBuffer);
+  if (result == 0) return E_FAIL;
+  int32_t length = record.nKind == kRawSample ? record.nValue : 0;
+  if (length > nLength) return E_INVALIDARG;
+  if (pData == nullptr) return S_OK;
+  pData->assign(static_cast<size_t>(length > 0 ? length : 0), 0);
+  if (length > 0 && bytes) std::memcpy(pData->data(), bytes.get(), length);
+  return S_OK;
+}
+
+HRESULT CMQInterface::GetRawDataAll(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                    int32_t m, RawSampleColumns* pTagList) {
+  return ReadRaw(nFileHandle, nProgramIndex, nTagID, true, 0, -1, m, pTagList);
+}
+
+HRESULT CMQInterface::GetRawDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                       int64_t llStartTime, int64_t llEndTime, int32_t m,
+                                       RawSampleColumns* pTagList) {
+  return ReadRaw(nFileHandle, nProgramIndex, nTagID, false, llStartTime, llEndTime, m, pTagList);
+}
+
+// The temporary array's allocation is tested here too (an untested one could only end the
+// server), and so is the size of what would be gathered.
+HRESULT CMQInterface::ReadRaw(int32_t h, int32_t program, int32_t tag, bool all, int64_t start,
+                              int64_t end, int32_t m, RawSampleColumns* out) {
+  if (out == nullptr || m < 1) return E_INVALIDARG;
+  if (m > kMaxReadSamples) return E_OUTOFMEMORY;
+  std::unique_ptr<SampleRecord[]> temp = TempSamples(m);
+  if (!temp) return E_OUTOFMEMORY;
+  int64_t n = all ? ctrl_->GetDataAll(h, program, tag, temp.get(), m)
+                  : ctrl_->GetDataPeriod(h, program, tag, start, end, temp.get(), m);
+  struct Release {
+    SampleRecord* records;
+    int64_t count;
+    ~Release() { FreeBuffers(records, count); }
+  } release{temp.get(), static_cast<int64_t>(Written(n, m))};
+  if (n == 0) return E_FAIL;
+  int64_t total = 0;
+  for (int32_t i = 0; i < m; ++i)
+    if (temp[i].nKind == kRawSample && temp[i].nValue > 0) total += temp[i].nValue;
+  if (total > kMaxReadRawBytes) return E_OUTOFMEMORY;
+  try {
+    out->times.resize(m);
+    out->lengths.resize(m);
+    out->bytes.assign(static_cast<size_t>(total), 0);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  }
+  size_t position = 0;
+  for (int32_t i = 0; i < m; ++i) {
+    const SampleRecord& r = temp[i];
+    int32_t length = r.nKind == kRawSample && r.nValue > 0 ? r.nValue : 0;
+    out->times[i] = r.llTimeCode;
+    out->lengths[i] = length;
+    // A raw sample kept without bytes reads as zeros of its length.
+    if (length > 0 && r.pBuffer) std::memcpy(out->bytes.data() + position, r.pBuffer, length);
+    position += length;
+  }
+  return S_OK;
+}
+
+HRESULT CMQInterface::GetRawDataAll(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                    int32_t m, MarquelRawDataTag* pTagList) {
+  if (pTagList == nullptr) return E_INVALIDARG;
+  RawSampleColumns columns;
+  return CopyRawOut(GetRawDataAll(nFileHandle, nProgramIndex, nTagID, m, &columns), columns, m,
+                    pTagList);
+}
+
+HRESULT CMQInterface::GetRawDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
+                                       int64_t llStartTime, int64_t llEndTime, int32_t m,
+                                       MarquelRawDataTag* pTagList) {
+  if (pTagList == nullptr) return E_INVALIDARG;
+  RawSampleColumns columns;
+  return CopyRawOut(
+      GetRawDataPeriod(nFileHandle, nProgramIndex, nTagID, llStartTime, llEndTime, m, &columns),
+      columns, m, pTagList);
+}
+
+// For each element: the time code; the bytes and their length only into a buffer that is
+// there and long enough.
+HRESULT CMQInterface::CopyRawOut(HRESULT hr, const RawSampleColumns& columns, int32_t m,
+                                 MarquelRawDataTag* pTagList) {
+  if (hr != S_OK) return hr;
+  size_t position = 0;
+  for (int32_t i = 0; i < m && static_cast<size_t>(i) < columns.size(); ++i) {
+    MarquelRawDataTag& element = pTagList[i];
+    int32_t length = columns.lengths[i];
+    element.llTimeCode = columns.times[i];
+    if (element.pBuffer != nullptr && element.nLength >= length) {
+      element.nLength = length;
+      if (length > 0) std::memcpy(element.pBuffer, columns.bytes.data() + position, length);
+    }
+    position += length;
+  }
+  return S_OK;
+}
+
+HRESULT CMQInterface::QueryRawDataTagSampleSize(int32_t nFileHandle, int32_t nProgramIndex,
+                                                int32_t nTagID, int32_t* nSampleSize) {
+  if (nSampleSize == nullptr) return E_INVALIDARG;
+  int32_t result =
+      ctrl_->QueryRawDataTagSampleSize(nFileHandle, nProgramIndex, nTagID, nSampleSize);
+  return result == -1 ? E_INVALIDARG : S_OK;
+}
+
+}  // namespace marquel

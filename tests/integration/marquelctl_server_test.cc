@@ -1,0 +1,219 @@
+// marquelctl's server subcommands, run as a user runs them, against the test's server.
+//
+// The test holds the media files open through its own client, so that the data a
+// marquelctl run inserts is still there for the next run.
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+
+#include "bus_fixture.h"
+#include "testsupport/fresh_home.h"
+
+namespace marquel::test {
+namespace {
+
+class Marquelctl : public BusTest {
+ protected:
+  void SetUp() override {
+    BusTest::SetUp();
+    file_ = MediaFile("clip.mpg");
+    ASSERT_EQ(client_->InitialFile(file_.c_str(), 0, 0, &handle_), S_OK);
+  }
+
+  // Runs marquelctl; returns its exit status and its standard output and error.
+  int Ctl(std::vector<std::string> args, std::string* out = nullptr) {
+    args.insert(args.begin(), MarquelctlPath());
+    std::string text;
+    int status = RunProgram(args, &text);
+    if (out) *out = text;
+    return status;
+  }
+  nlohmann::json CtlJson(std::vector<std::string> args, int expected_status = 0) {
+    std::string out;
+    EXPECT_EQ(Ctl(args, &out), expected_status) << out;
+    try {
+      return nlohmann::json::parse(out);
+    } catch (const std::exception& e) {
+      ADD_FAILURE() << "not JSON: " << out;
+      return nullptr;
+    }
+  }
+
+  std::string file_;
+  int32_t handle_ = -1;
+};
+
+TEST_F(Marquelctl, PutAndGetInTextAndJson) {
+  std::string out;
+  EXPECT_EQ(Ctl({"put", file_, "--tag", "40", "--sample", "100=5", "--sample", "200=-6"}, &out), 0);
+  EXPECT_EQ(out, "inserted 2\n");
+  EXPECT_EQ(Ctl({"get", file_, "--tag", "40"}, &out), 0);
+  EXPECT_EQ(out, "100\t5\n200\t-6\n");
+  nlohmann::json j = CtlJson({"get", file_, "--tag", "40", "--json"});
+  EXPECT_EQ(j["operation"], "get");
+  EXPECT_EQ(j["file"], file_);
+  ASSERT_EQ(j["samples"].size(), 2u);
+  EXPECT_EQ(j["samples"][1]["time"], 200);
+  EXPECT_EQ(j["samples"][1]["value"], -6);
+  j = CtlJson({"get", file_, "--tag", "40", "--from", "150", "--to", "1000", "--json"});
+  EXPECT_EQ(j["samples"].size(), 1u);
+  j = CtlJson({"get", file_, "--tag", "40", "--at", "100", "--json"});
+  EXPECT_EQ(j["samples"][0]["value"], 5);
+  EXPECT_EQ(Ctl({"get", file_, "--tag", "41", "--at", "100"}, &out), 3) << out;
+  EXPECT_NE(out.find("E_FAIL"), std::string::npos);
+}
+
+TEST_F(Marquelctl, PutFromCsvAndJsonFilesAndRawSamples) {
+  std::ofstream(TestPath("s.csv")) << "time,value\n10,1\n20,2\n# note\n30,3\n";
+  std::ofstream(TestPath("s.json")) << R"([{"time": 40, "value": 4}, [50, 5]])";
+  nlohmann::json j = CtlJson({"put", file_, "--tag", "40", "--csv", TestPath("s.csv"), "--json"});
+  EXPECT_EQ(j["inserted"], 3);
+  j = CtlJson({"put", file_, "--tag", "40", "--json-file", TestPath("s.json"), "--json"});
+  EXPECT_EQ(j["inserted"], 2);
+  int32_t size = 0;
+  EXPECT_EQ(client_->QueryOneTagSize(handle_, 40, &size), S_OK);
+  EXPECT_EQ(size, 5);
+  j = CtlJson({"put", file_, "--tag", "29", "--raw", "--sample", "7=00ff10", "--json"});
+  EXPECT_EQ(j["inserted"], 1);
+  j = CtlJson({"get", file_, "--tag", "29", "--raw", "--json"});
+  EXPECT_EQ(j["samples"][0]["data"], "00ff10");
+}
+
+TEST_F(Marquelctl, BadInputIsAUsageError) {
+  std::string out;
+  EXPECT_EQ(Ctl({"put", file_, "--tag", "40", "--sample", "oops"}, &out), 2);
+  EXPECT_NE(out.find("TIME=VALUE"), std::string::npos);
+  EXPECT_EQ(Ctl({"put", file_, "--tag", "40"}, &out), 2);
+  EXPECT_EQ(Ctl({"put", file_, "--tag", "29", "--raw", "--sample", "1=xyz"}, &out), 2);
+  EXPECT_NE(out.find("E_INVALIDARG"), std::string::npos);
+  EXPECT_EQ(Ctl({"get", file_}, &out), 2);  // --tag is required
+  ASSERT_EQ(Ctl({"put", file_, "--tag", "40", "--sample", "1=1"}), 0);
+  nlohmann::json j = CtlJson({"get", file_, "--tag", "40", "--raw", "--json"}, 2);
+  EXPECT_EQ(j["error"]["hresult"], "E_INVALIDARG");  // not a raw tag
+}
+
+TEST_F(Marquelctl, TagsAndIntervals) {
+  ASSERT_EQ(Ctl({"put", file_, "--tag", "40", "--sample", "0=1", "--sample", "400000=2"}), 0);
+  ASSERT_EQ(Ctl({"put", file_, "--tag", "29", "--raw", "--sample", "0=0102"}), 0);
+  std::string out;
+  EXPECT_EQ(Ctl({"tags", file_}, &out), 0);
+  EXPECT_EQ(out, "40\t2\tplain\n29\t1\traw\t2\n");
+  nlohmann::json j = CtlJson({"tags", file_, "--json"});
+  ASSERT_EQ(j["tags"].size(), 2u);
+  EXPECT_EQ(j["tags"][1]["sample_size"], 2);
+  j = CtlJson({"intervals", file_, "--tag", "40", "--json"});
+  ASSERT_EQ(j["intervals"].size(), 1u);
+  EXPECT_EQ(j["intervals"][0]["start"], 0);
+}
+
+TEST_F(Marquelctl, DeleteAndShift) {
+  ASSERT_EQ(Ctl({"put", file_, "--tag", "40", "--sample", "100=1", "--sample", "200=2", "--sample",
+                 "300=3"}),
+            0);
+  nlohmann::json j = CtlJson({"delete", file_, "--from", "150", "--to", "250", "--json"});
+  EXPECT_EQ(j["operation"], "delete");
+  j = CtlJson({"shift", file_, "--by", "50", "--tag", "40", "--json"});
+  EXPECT_EQ(j["scope"]["tag"], 40);
+  j = CtlJson({"get", file_, "--tag", "40", "--json"});
+  ASSERT_EQ(j["samples"].size(), 2u);
+  EXPECT_EQ(j["samples"][0]["time"], 50);
+  EXPECT_EQ(j["samples"][1]["time"], 250);
+  j = CtlJson({"delete", file_, "--from", "0", "--to", "-1", "--category", "0", "--json"});
+  EXPECT_EQ(j["scope"]["category"], 0);
+}
+
+TEST_F(Marquelctl, CopyAndMoveBetweenFiles) {
+  std::string other = MediaFile("other.mpg");
+  int32_t h2 = -1;
+  ASSERT_EQ(client_->InitialFile(other.c_str(), 0, 0, &h2), S_OK);
+  ASSERT_EQ(Ctl({"put", file_, "--tag", "40", "--sample", "100=1", "--sample", "200=2"}), 0);
+  nlohmann::json j = CtlJson({"copy", file_, other, "--from", "0", "--to", "-1", "--at", "1000",
+                              "--stretch", "2/1", "--json"});
+  EXPECT_EQ(j["operation"], "copy");
+  j = CtlJson({"get", other, "--tag", "40", "--json"});
+  ASSERT_EQ(j["samples"].size(), 2u);
+  EXPECT_EQ(j["samples"][0]["time"], 2200);  // (1000 - 0 + 100) * 2
+  j = CtlJson(
+      {"move", file_, other, "--from", "0", "--to", "150", "--at", "0", "--tag", "40", "--json"});
+  EXPECT_EQ(j["operation"], "move");
+  j = CtlJson({"get", file_, "--tag", "40", "--json"});
+  EXPECT_EQ(j["samples"].size(), 1u);
+  std::string out;
+  EXPECT_EQ(Ctl({"copy", file_, other, "--from", "0", "--at", "0", "--stretch", "x"}, &out), 2);
+}
+
+TEST_F(Marquelctl, StatusAndWait) {
+  nlohmann::json j = CtlJson({"status", file_, "--json"});
+  EXPECT_EQ(j["open_files"], 1);
+  EXPECT_EQ(j["handles"], nlohmann::json::array({0}));
+  EXPECT_GE(j["memory"].get<int64_t>(), 16424 + 11000);
+  EXPECT_EQ(j["pending"][0]["done"], true);
+  EXPECT_TRUE(j["saved_pending"].is_array());
+  std::string out;
+  EXPECT_EQ(Ctl({"status"}, &out), 0);
+  EXPECT_NE(out.find("open files\t1"), std::string::npos);
+  j = CtlJson({"wait", file_, "--json"});
+  EXPECT_EQ(j["done"], true);
+  EXPECT_EQ(Ctl({"wait", file_}, &out), 0);
+  EXPECT_NE(out.find("waiting for " + file_ + ": written"), std::string::npos);
+}
+
+TEST_F(Marquelctl, SeveralOperationsOnOneHeldFile) {
+  // Without the test's own open the data lives only while marquelctl holds the file.
+  ASSERT_EQ(client_->CloseFile(handle_, 0), S_OK);
+  nlohmann::json j =
+      CtlJson({"file",  file_, "--json", "--", "put",   "40",   "100=1", "200=2", "get",  "40",
+               "count", "40",  "0",      "-1", "shift", "-100", "get",   "40",    "@200", "tags"});
+  ASSERT_TRUE(j.is_array());
+  ASSERT_EQ(j.size(), 6u);
+  EXPECT_EQ(j[0]["inserted"], 2);
+  EXPECT_EQ(j[1]["samples"].size(), 2u);
+  EXPECT_EQ(j[2]["count"], 2);
+  EXPECT_EQ(j[4]["samples"][0]["value"], 1);  // shifted by -100: 100 became 200
+  EXPECT_EQ(j[5]["tags"][0]["id"], 40);
+  int32_t count = 0;
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);  // closed again afterwards
+}
+
+TEST_F(Marquelctl, ScriptFile) {
+  std::ofstream(TestPath("ops.txt")) << "# a script\nput 40 10=1 20=2\nput-raw 29 5=abcd\n"
+                                        "get 40 15 100\nget-raw 29\nintervals 40\n"
+                                        "delete 0 -1 tag=40\ncount 40\nclean\n";
+  std::string out;
+  EXPECT_EQ(Ctl({"file", file_, "--script", TestPath("ops.txt")}, &out), 0) << out;
+  EXPECT_NE(out.find("20\t2\n"), std::string::npos);
+  EXPECT_NE(out.find("5\tabcd\n"), std::string::npos);
+  EXPECT_NE(out.find("\n0\n"), std::string::npos);  // count after the delete
+  EXPECT_EQ(Ctl({"file", file_, "--", "bogus"}, &out), 2);
+  EXPECT_EQ(Ctl({"file", file_, "--", "get", "x"}, &out), 2);
+  EXPECT_EQ(Ctl({"file", file_}, &out), 2);
+}
+
+TEST_F(Marquelctl, FailuresAreExplained) {
+  std::string out;
+  std::string missing = TestPath("missing.mpg");
+  EXPECT_EQ(Ctl({"tags", missing}, &out), 3);
+  EXPECT_NE(out.find("E_FAIL (0x80004005)"), std::string::npos);
+  nlohmann::json j = CtlJson({"tags", missing, "--json"}, 3);
+  EXPECT_EQ(j["error"]["hresult"], "E_FAIL");
+  EXPECT_EQ(j["error"]["hex"], "0x80004005");
+  EXPECT_FALSE(j["error"]["message"].get<std::string>().empty());
+  // Without a bus at all.
+  bus_.Stop();
+  EXPECT_EQ(Ctl({"status", "--json"}, &out), 3);
+}
+
+TEST_F(Marquelctl, EveryServerCommandHasHelp) {
+  for (const char* sub : {"tags", "get", "put", "intervals", "delete", "shift", "copy", "move",
+                          "status", "wait", "file"}) {
+    std::string out;
+    EXPECT_EQ(Ctl({sub, "--help"}, &out), 0) << sub;
+    EXPECT_NE(out.find("Usage"), std::string::npos) << sub << ": " << out;
+  }
+  std::string out;
+  EXPECT_EQ(Ctl({"--help"}, &out), 0);
+  EXPECT_NE(out.find("status"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace marquel::test

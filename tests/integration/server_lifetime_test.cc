@@ -1,0 +1,178 @@
+// The server's lifetime: activation, idle end, service mode, stop signal, second copy,
+// registration switches, and the loss of the bus.
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "bus_fixture.h"
+#include "testsupport/fresh_home.h"
+
+namespace marquel::test {
+namespace {
+
+using ServerLifetime = BusTest;
+using std::chrono::milliseconds;
+
+std::string ActivationFile() {
+  return TestDir() + "/data/dbus-1/services/com.halvern.Marquel64.service";
+}
+
+bool Running(pid_t pid) {
+  return ProcessAlive(pid);
+}
+
+// "RegServer" leaves no "LocalService": the activated server is a plain one and ends
+// after its last client has gone (here with a grace of 300 ms).
+TEST_F(ServerLifetime, AnActivatedPlainServerEndsAfterItsLastClient) {
+  int32_t count = 0;
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);  // starts the server
+  pid_t pid = ServerPid();
+  ASSERT_GT(pid, 0);
+  std::this_thread::sleep_for(milliseconds(800));
+  EXPECT_TRUE(Running(pid)) << "a connected client keeps the server";
+  client_.reset();
+  EXPECT_TRUE(WaitUntil([&] { return !Running(pid); }, kLong));
+  EXPECT_EQ(ServerPid(), -1);
+}
+
+// A second client arriving within the grace keeps the server alive.
+TEST_F(ServerLifetime, ANewClientWithinTheGraceKeepsTheServer) {
+  setenv("MARQUEL_IDLE_GRACE_MS", "3000", 1);
+  StopServer();
+  bus_.Stop();
+  ASSERT_TRUE(bus_.Start());
+  client_ = Connect();
+  int32_t count = 0;
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);
+  pid_t pid = ServerPid();
+  client_.reset();
+  std::this_thread::sleep_for(milliseconds(500));
+  client_ = Connect();
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);
+  EXPECT_EQ(ServerPid(), pid);
+}
+
+// "Service" sets "LocalService": the server runs until SIGTERM, whether or not clients
+// are connected, and logs "Service started" and "Service stopped" on standard error.
+TEST_F(ServerLifetime, AServiceStaysUpUntilStoppedAndLogsItsStartAndStop) {
+  client_.reset();
+  StopServer();
+  ASSERT_EQ(RunProgram({Marquel64Path(), "-Service"}), 0);
+  std::string log = TestPath("service.log");
+  Child server = Spawn({Marquel64Path()}, log);
+  ASSERT_TRUE(WaitUntil([&] { return ServerPid() == server.pid; }, kLong));
+  client_ = Connect();
+  int32_t h = -1;
+  ASSERT_EQ(client_->InitialFile(MediaFile("a.mpg").c_str(), 0, 0, &h), S_OK);
+  client_.reset();
+  std::this_thread::sleep_for(milliseconds(1000));
+  EXPECT_TRUE(Running(server.pid)) << "a service does not end without clients";
+  // The stop signal while a client is connected ends the loop in order.
+  client_ = Connect();
+  int32_t count = 0;
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);
+  kill(server.pid, SIGTERM);
+  int status = -1;
+  ASSERT_TRUE(WaitForExit(server.pid, kLong, &status));
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReadFile(log), "Service started\nService stopped\n");
+}
+
+// A plain server writes "Service started" on standard output and, stopped by SIGTERM,
+// ends with status 0.
+TEST_F(ServerLifetime, APlainServerStoppedBySigterm) {
+  client_.reset();
+  StopServer();
+  std::string log = TestPath("plain.log");
+  Child server = Spawn({Marquel64Path()}, log);
+  ASSERT_TRUE(WaitUntil([&] { return ServerPid() == server.pid; }, kLong));
+  kill(server.pid, SIGTERM);
+  int status = -1;
+  ASSERT_TRUE(WaitForExit(server.pid, kLong, &status));
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReadFile(log), "Service started\n");
+}
+
+TEST_F(ServerLifetime, ASecondCopyExitsAtOnceWithZero) {
+  int32_t count = 0;
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);
+  pid_t pid = ServerPid();
+  ASSERT_GT(pid, 0);
+  std::string output;
+  EXPECT_EQ(RunProgram({Marquel64Path()}, &output), 0);
+  EXPECT_EQ(output, "");
+  EXPECT_EQ(ServerPid(), pid);
+}
+
+// The single-instance check comes before the switches: while a server runs, a
+// registration run is a second copy too and changes nothing.
+TEST_F(ServerLifetime, RegistrationWhileTheServerRunsChangesNothing) {
+  int32_t count = 0;
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);
+  ASSERT_GT(ServerPid(), 0);
+  std::filesystem::remove(ActivationFile());
+  EXPECT_EQ(RunProgram({Marquel64Path(), "-RegServer"}), 0);
+  EXPECT_FALSE(std::filesystem::exists(ActivationFile()));
+}
+
+// The name alone also keeps a second server out (a lock file in another runtime folder
+// does not help it).
+TEST_F(ServerLifetime, TheBusNameKeepsASecondServerOut) {
+  int32_t count = 0;
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);
+  pid_t pid = ServerPid();
+  std::string other = TestPath("other-run");
+  std::filesystem::create_directories(other);
+  std::string saved = getenv("XDG_RUNTIME_DIR");
+  setenv("XDG_RUNTIME_DIR", other.c_str(), 1);
+  int status = RunProgram({Marquel64Path()});
+  setenv("XDG_RUNTIME_DIR", saved.c_str(), 1);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ServerPid(), pid);
+}
+
+TEST_F(ServerLifetime, ServiceThenUnregServerRemovesTheServiceAndLocalService) {
+  client_.reset();
+  StopServer();
+  ASSERT_EQ(RunProgram({Marquel64Path(), "-Service"}), 0);
+  std::string unit = TestDir() + "/data/systemd/user/marquel64.service";
+  EXPECT_TRUE(std::filesystem::exists(unit));
+  EXPECT_NE(ReadFile(ActivationFile()).find("SystemdService=marquel64.service"), std::string::npos);
+  ASSERT_EQ(RunProgram({Marquel64Path(), "/unregserver"}), 0);
+  EXPECT_FALSE(std::filesystem::exists(unit));
+  EXPECT_FALSE(std::filesystem::exists(ActivationFile()));
+  // Without its application key the server does not run: it ends with the store's
+  // "not found" code.
+  EXPECT_EQ(RunProgram({Marquel64Path()}), 2);
+}
+
+TEST_F(ServerLifetime, ASwitchWithMoreTextRunsTheServerInstead) {
+  client_.reset();
+  StopServer();
+  std::string log = TestPath("server.log");
+  Child server = Spawn({Marquel64Path(), "-RegServer", "please"}, log);
+  ASSERT_TRUE(WaitUntil([&] { return ServerPid() == server.pid; }, kLong));
+  int status = -1;
+  ASSERT_TRUE(WaitForExit(server.pid, kLong, &status));  // no client: idle end
+  EXPECT_EQ(status, 0);
+}
+
+// The bus going away ends the server cleanly (the loop's disconnect error is caught).
+TEST_F(ServerLifetime, LosingTheBusEndsTheServerCleanly) {
+  client_.reset();
+  StopServer();
+  setenv("MARQUEL_IDLE_GRACE_MS", "600000", 1);
+  std::string log = TestPath("server.log");
+  Child server = Spawn({Marquel64Path()}, log);
+  ASSERT_TRUE(WaitUntil([&] { return ServerPid() == server.pid; }, kLong));
+  bus_.Stop();
+  int status = -1;
+  ASSERT_TRUE(WaitForExit(server.pid, kLong, &status));
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(ReadFile(log).find("bus connection lost"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace marquel::test
