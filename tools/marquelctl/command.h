@@ -21,5 +21,14 @@ using Action = std::function<int()>;
 
 // The store commands: marquelctl reg set|get|delete|list.
 void AddRegCommand(CLI::App& app, Action& run);
+void AddCacheCommand(CLI::App& app, Action& run);  // cache list | show FILE | delete FILE
+void AddServerQueryCommands(CLI::App& app, Action& run);   // tags | get | intervals FILE ...
+void AddServerPutCommand(CLI::App& app, Action& run);      // put FILE --tag T ...
+void AddServerPeriodCommands(CLI::App& app, Action& run);  // delete | shift | copy | move
+void AddServerStatusCommands(CLI::App& app, Action& run);  // status [FILE...] | wait FILE
+void AddServerFileCommand(CLI::App& app, Action& run);     // file FILE [--script P] OPS...
+void AddDetectCommand(CLI::App& app, Action& run);   // detect FILE [--json]
+void AddAnalyseCommand(CLI::App& app, Action& run);  // analyse FILE [--out DIR]
+void AddBlockCommand(CLI::App& app, Action& run);    // block dump FILE [--json]
 
 }  // namespace marquel::ctl

@@ -11,6 +11,15 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   Action run;
   AddRegCommand(app, run);
+  AddCacheCommand(app, run);
+  AddServerQueryCommands(app, run);
+  AddServerPutCommand(app, run);
+  AddServerPeriodCommands(app, run);
+  AddServerStatusCommands(app, run);
+  AddServerFileCommand(app, run);
+  AddBlockCommand(app, run);
+  AddDetectCommand(app, run);
+  AddAnalyseCommand(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

@@ -1,0 +1,110 @@
+// What the server subcommands of marquelctl share: the connection, a file held open for
+// one invocation, the operations on an open file, and how results and HRESULTs are shown.
+//
+// Every operation produces a JSON object; with --json it is printed as it is (one object,
+// or an array of them for several operations), otherwise as plain text lines.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "marquel/marquel_client.h"
+
+namespace marquel::ctl {
+
+// The exit status for an HRESULT: 0 for S_OK and S_FALSE, kExitUsage for E_INVALIDARG,
+// kExitFailure for the rest.
+int ExitStatusFor(HRESULT hr);
+
+// Tells the user that `what` failed with `hr`: a line on standard error, or with `json`
+// an {"error": {...}} object on standard output. Returns the exit status.
+int ReportFailure(bool json, const std::string& what, HRESULT hr);
+// The same for a failure that is not an HRESULT (usage, files).
+int ReportError(bool json, const std::string& message, int status);
+
+// Prints a result: JSON as it is, or its text form.
+void PrintResult(bool json, const nlohmann::json& result);
+
+// Connects to the server; null after reporting why not.
+std::unique_ptr<IMarquelClient> Connect(bool json);
+
+// A media file opened for the length of one invocation, closed again at the end.
+class HeldFile {
+ public:
+  HeldFile(IMarquelClient& client, const std::string& path, int32_t type, int32_t write_to_cache);
+  ~HeldFile();
+  HeldFile(const HeldFile&) = delete;
+  HeldFile& operator=(const HeldFile&) = delete;
+  HRESULT OpenResult() const { return open_hr_; }
+  int32_t Handle() const { return handle_; }
+  // Closes now; the close's HRESULT (S_OK when already closed).
+  HRESULT Close();
+
+ private:
+  IMarquelClient& client_;
+  HRESULT open_hr_;
+  int32_t handle_ = -1;
+  int32_t write_to_cache_;
+};
+
+// The options of a command on one media file.
+struct FileOptions {
+  std::string file;
+  int32_t program = 0;
+  int32_t type = 0;  // the file type for InitialFile (0: detect; the file must exist)
+  bool write_to_cache = false;
+  bool json = false;
+};
+// Adds FILE, --program, --type, --write-to-cache and --json to a subcommand.
+void AddFileOptions(CLI::App* sub, FileOptions* options);
+
+using FileOperation = std::function<HRESULT(IMarquelClient&, int32_t handle, nlohmann::json*)>;
+// Connects, opens the file, runs the operation, prints its result, closes the file.
+// Returns the exit status.
+int RunOnFile(const FileOptions& options, const std::string& what, const FileOperation& op);
+
+// Which tags a period operation touches: all, one tag, or one category.
+struct TagScope {
+  std::optional<int32_t> tag;
+  std::optional<int32_t> category;
+};
+
+// One sample given by the user: "TIME=VALUE" (a number, or hex bytes for raw tags).
+struct SampleText {
+  int64_t time = 0;
+  std::string value;
+};
+// Parses "TIME=VALUE"; false when it is not that shape.
+bool ParseSample(const std::string& text, SampleText* out);
+// Reads samples from a CSV file (time,value per line; '#' comments and a header line are
+// skipped) or a JSON file ([{"time":T,"value":V}, ...] or [[T,V], ...]).
+bool ReadSampleFile(const std::string& path, bool json_file, std::vector<SampleText>* out,
+                    std::string* error);
+// Parses hex bytes ("0a1b..."); false for an odd length or another character.
+bool ParseHex(const std::string& text, std::vector<uint8_t>* out);
+std::string Hex(const uint8_t* data, size_t n);
+
+// The operations on an open file. Each fills `out` and returns the HRESULT that decides.
+HRESULT ListTags(IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out);
+HRESULT GetSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, bool raw,
+                   std::optional<std::pair<int64_t, int64_t>> period, std::optional<int64_t> at,
+                   nlohmann::json* out);
+HRESULT CountSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
+                     std::optional<std::pair<int64_t, int64_t>> period, nlohmann::json* out);
+HRESULT PutSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, bool raw,
+                   const std::vector<SampleText>& samples, nlohmann::json* out);
+HRESULT DeletePeriod(IMarquelClient& c, int32_t h, int64_t from, int64_t to, const TagScope& scope,
+                     nlohmann::json* out);
+HRESULT ShiftTimes(IMarquelClient& c, int32_t h, int64_t offset, const TagScope& scope,
+                   nlohmann::json* out);
+HRESULT ListIntervals(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
+                      nlohmann::json* out);
+HRESULT CleanAll(IMarquelClient& c, int32_t h, nlohmann::json* out);
+
+}  // namespace marquel::ctl

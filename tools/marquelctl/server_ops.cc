@@ -1,0 +1,197 @@
+// marquelctl's operations on an open file, shared by the single commands and `file`.
+#include <climits>
+
+#include "server_common.h"
+
+namespace marquel::ctl {
+namespace {
+
+// Sample counts: an empty tag answers E_FAIL, which here is simply 0.
+HRESULT Count(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
+              const std::optional<std::pair<int64_t, int64_t>>& period, int32_t* n) {
+  *n = 0;
+  HRESULT hr = period ? c.QueryOneTagPeriodSize2(h, program, tag, period->first, period->second, n)
+                      : c.QueryOneTagSize2(h, program, tag, n);
+  if (hr == E_FAIL) {
+    *n = 0;
+    return S_OK;
+  }
+  if (*n < 0) return E_FAIL;  // the handle is not open
+  return hr;
+}
+
+nlohmann::json Scope(const TagScope& scope) {
+  nlohmann::json s = nlohmann::json::object();
+  if (scope.tag) s["tag"] = *scope.tag;
+  if (scope.category) s["category"] = *scope.category;
+  return s;
+}
+
+HRESULT GetRaw(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, int32_t n,
+               const std::optional<std::pair<int64_t, int64_t>>& period, nlohmann::json* samples) {
+  int32_t size = 0;
+  HRESULT hr = c.QueryRawDataTagSampleSize(h, program, tag, &size);
+  if (hr != S_OK) return hr;
+  std::vector<uint8_t> bytes(static_cast<size_t>(n) * size);
+  std::vector<MarquelRawDataTag> list(n);
+  for (int32_t i = 0; i < n; ++i)
+    list[i] = MarquelRawDataTag{0, size, bytes.data() + static_cast<size_t>(i) * size};
+  hr = period ? c.GetRawDataPeriod2(h, program, tag, period->first, period->second, n, list.data())
+              : c.GetRawDataAll2(h, program, tag, n, list.data());
+  if (hr != S_OK) return hr;
+  for (const MarquelRawDataTag& s : list)
+    samples->push_back({{"time", s.llTimeCode}, {"data", Hex(s.pBuffer, s.nLength)}});
+  return S_OK;
+}
+
+}  // namespace
+
+HRESULT ListTags(IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
+  *out = {{"operation", "tags"}, {"program", program}, {"tags", nlohmann::json::array()}};
+  int32_t plain = 0, raw = 0;
+  HRESULT hr = c.QueryOneFileTagCount2(h, program, &plain);
+  if (hr != S_OK) return hr;
+  if (plain < 0) return E_FAIL;
+  hr = c.QueryOneFileRawDataTagCount2(h, program, &raw);
+  if (hr != S_OK) return hr;
+  std::vector<int32_t> ids(256), raw_ids(256), sizes(256);
+  if (plain > 0 && (hr = c.QueryOneFileTagList2(h, program, plain, ids.data())) != S_OK) return hr;
+  if (raw > 0 &&
+      (hr = c.QueryOneFileRawDataTagList2(h, program, raw, raw_ids.data(), sizes.data())) != S_OK)
+    return hr;
+  for (int32_t i = 0; i < plain; ++i) {
+    int32_t n = 0;
+    Count(c, h, program, ids[i], std::nullopt, &n);
+    (*out)["tags"].push_back({{"id", ids[i]}, {"count", n}, {"raw", false}});
+  }
+  for (int32_t i = 0; i < std::max(raw, 0); ++i) {
+    int32_t n = 0;
+    Count(c, h, program, raw_ids[i], std::nullopt, &n);
+    (*out)["tags"].push_back(
+        {{"id", raw_ids[i]}, {"count", n}, {"raw", true}, {"sample_size", sizes[i]}});
+  }
+  return S_OK;
+}
+
+HRESULT GetSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, bool raw,
+                   std::optional<std::pair<int64_t, int64_t>> period, std::optional<int64_t> at,
+                   nlohmann::json* out) {
+  *out = {{"operation", "get"},
+          {"program", program},
+          {"tag", tag},
+          {"samples", nlohmann::json::array()}};
+  nlohmann::json& samples = (*out)["samples"];
+  if (at) {
+    if (raw) {
+      int32_t size = 0;
+      HRESULT hr = c.QueryRawDataTagSampleSize(h, program, tag, &size);
+      if (hr != S_OK) return hr;
+      std::vector<uint8_t> bytes(size);
+      hr = c.GetRawDataOne2(h, program, tag, *at, size, bytes.data());
+      if (hr == S_OK) samples.push_back({{"time", *at}, {"data", Hex(bytes.data(), size)}});
+      return hr;
+    }
+    // A tag without samples answers GetDataOne with a success of no meaning; count first.
+    int32_t n = 0;
+    HRESULT hr = Count(c, h, program, tag, std::nullopt, &n);
+    if (hr != S_OK) return hr;
+    if (n == 0) return E_FAIL;
+    int32_t value = 0;
+    hr = c.GetDataOne2(h, program, tag, *at, &value);
+    if (hr == S_OK) samples.push_back({{"time", *at}, {"value", value}});
+    return hr;
+  }
+  int32_t n = 0;
+  HRESULT hr = Count(c, h, program, tag, period, &n);
+  if (hr != S_OK || n == 0) return hr;
+  if (raw) return GetRaw(c, h, program, tag, n, period, &samples);
+  std::vector<MarquelOneTag> list(n);
+  hr = period ? c.GetDataPeriod2(h, program, tag, period->first, period->second, n, list.data())
+              : c.GetDataAll2(h, program, tag, n, list.data());
+  if (hr != S_OK) return hr;
+  for (const MarquelOneTag& s : list)
+    samples.push_back({{"time", s.llTimeCode}, {"value", s.value}});
+  return S_OK;
+}
+
+HRESULT CountSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
+                     std::optional<std::pair<int64_t, int64_t>> period, nlohmann::json* out) {
+  int32_t n = 0;
+  HRESULT hr = Count(c, h, program, tag, period, &n);
+  *out = {{"operation", "count"}, {"program", program}, {"tag", tag}, {"count", n}};
+  return hr;
+}
+
+HRESULT PutSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, bool raw,
+                   const std::vector<SampleText>& samples, nlohmann::json* out) {
+  *out = {{"operation", "put"}, {"program", program}, {"tag", tag}, {"inserted", 0}};
+  if (samples.empty()) return E_INVALIDARG;
+  if (raw) {
+    int64_t inserted = 0;
+    for (const SampleText& s : samples) {
+      std::vector<uint8_t> bytes;
+      if (!ParseHex(s.value, &bytes)) return E_INVALIDARG;
+      HRESULT hr = c.InsertRawDataOne2(h, program, tag, s.time, static_cast<int32_t>(bytes.size()),
+                                       bytes.data());
+      if (hr != S_OK) return hr;
+      (*out)["inserted"] = ++inserted;
+    }
+    return S_OK;
+  }
+  std::vector<MarquelOneTag> list;
+  for (const SampleText& s : samples) {
+    try {
+      size_t used = 0;
+      long long v = std::stoll(s.value, &used, 0);
+      if (used != s.value.size() || v < INT32_MIN || v > INT32_MAX) return E_INVALIDARG;
+      list.push_back(MarquelOneTag{s.time, static_cast<int32_t>(v)});
+    } catch (const std::exception&) {
+      return E_INVALIDARG;
+    }
+  }
+  HRESULT hr = c.InsertDataPeriod2(h, program, tag, list.data(), static_cast<int32_t>(list.size()));
+  if (hr == S_OK) (*out)["inserted"] = list.size();
+  return hr;
+}
+
+HRESULT DeletePeriod(IMarquelClient& c, int32_t h, int64_t from, int64_t to, const TagScope& scope,
+                     nlohmann::json* out) {
+  *out = {{"operation", "delete"}, {"from", from}, {"to", to}, {"scope", Scope(scope)}};
+  if (scope.tag) return c.DeleteDataPeriodForOneTag(h, *scope.tag, from, to);
+  if (scope.category) return c.DeleteDataPeriodForOneCategory(h, *scope.category, from, to);
+  return c.DeleteDataPeriod(h, from, to);
+}
+
+HRESULT ShiftTimes(IMarquelClient& c, int32_t h, int64_t offset, const TagScope& scope,
+                   nlohmann::json* out) {
+  *out = {{"operation", "shift"}, {"offset", offset}, {"scope", Scope(scope)}};
+  if (scope.tag) return c.MinustTimeOffsetForOneTag(h, *scope.tag, offset);
+  if (scope.category) return c.MinusTimeOffsetForOneCategory(h, *scope.category, offset);
+  return c.MinusTimeOffset(h, offset);
+}
+
+HRESULT ListIntervals(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
+                      nlohmann::json* out) {
+  *out = {{"operation", "intervals"},
+          {"program", program},
+          {"tag", tag},
+          {"intervals", nlohmann::json::array()}};
+  int32_t n = 0;
+  HRESULT hr = c.QueryValidIntervalSize2(h, program, tag, &n);
+  if (hr != S_OK) return hr;
+  if (n < 0) return E_FAIL;
+  if (n == 0) return S_OK;
+  std::vector<int64_t> starts(n), ends(n);
+  hr = c.QueryValidInterval2(h, program, tag, n, starts.data(), ends.data());
+  if (hr != S_OK) return hr;
+  for (int32_t i = 0; i < n; ++i)
+    (*out)["intervals"].push_back({{"start", starts[i]}, {"end", ends[i]}});
+  return S_OK;
+}
+
+HRESULT CleanAll(IMarquelClient& c, int32_t h, nlohmann::json* out) {
+  *out = {{"operation", "clean"}};
+  return c.CleanFile(h);
+}
+
+}  // namespace marquel::ctl

@@ -1,0 +1,82 @@
+// marquelctl tags | get | intervals: reading a media file's tags through the server.
+//
+//   tags FILE [--program N] [--json]               tag ids with sample counts
+//   get FILE --tag T [--from A --to B | --at T] [--raw] [--program N] [--json]
+//   intervals FILE --tag T [--program N] [--json]  valid intervals of a tag
+//
+// Times are in 100 ns units; a period is [A, B), B below 0 meaning up to the last sample.
+#include <memory>
+
+#include "command.h"
+#include "server_common.h"
+
+namespace marquel::ctl {
+namespace {
+
+struct GetOptions {
+  FileOptions file;
+  int32_t tag = 0;
+  std::optional<int64_t> from, to, at;
+  bool raw = false;
+};
+
+void AddTags(CLI::App& app, Action& run) {
+  auto o = std::make_shared<FileOptions>();
+  CLI::App* sub = app.add_subcommand("tags", "List the tags of a media file with their counts");
+  AddFileOptions(sub, o.get());
+  sub->callback([o, &run] {
+    run = [o] {
+      return RunOnFile(*o, "tags", [o](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+        return ListTags(c, h, o->program, out);
+      });
+    };
+  });
+}
+
+void AddGet(CLI::App& app, Action& run) {
+  auto o = std::make_shared<GetOptions>();
+  CLI::App* sub = app.add_subcommand("get", "Print the samples of one tag");
+  AddFileOptions(sub, &o->file);
+  sub->add_option("--tag", o->tag, "tag id (0-255)")->required();
+  sub->add_option("--from", o->from, "period start (with --to)");
+  sub->add_option("--to", o->to, "period end, exclusive; below 0: to the last sample");
+  sub->add_option("--at", o->at, "the one sample at this time code");
+  sub->add_flag("--raw", o->raw, "the tag holds raw data (printed as hex)");
+  sub->callback([o, &run] {
+    run = [o] {
+      if (o->at && (o->from || o->to))
+        return ReportError(o->file.json, "get: --at goes without --from and --to", kExitUsage);
+      std::optional<std::pair<int64_t, int64_t>> period;
+      if (o->from || o->to) period = std::make_pair(o->from.value_or(0), o->to.value_or(-1));
+      return RunOnFile(
+          o->file, "get", [o, period](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+            return GetSamples(c, h, o->file.program, o->tag, o->raw, period, o->at, out);
+          });
+    };
+  });
+}
+
+void AddIntervals(CLI::App& app, Action& run) {
+  auto o = std::make_shared<GetOptions>();
+  CLI::App* sub = app.add_subcommand("intervals", "Print the valid intervals of one tag");
+  AddFileOptions(sub, &o->file);
+  sub->add_option("--tag", o->tag, "tag id (0-255)")->required();
+  sub->callback([o, &run] {
+    run = [o] {
+      return RunOnFile(o->file, "intervals",
+                       [o](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+                         return ListIntervals(c, h, o->file.program, o->tag, out);
+                       });
+    };
+  });
+}
+
+}  // namespace
+
+void AddServerQueryCommands(CLI::App& app, Action& run) {
+  AddTags(app, run);
+  AddGet(app, run);
+  AddIntervals(app, run);
+}
+
+}  // namespace marquel::ctl
