@@ -9,8 +9,37 @@
 #include "registration.h"
 #include "single_instance.h"
 
+namespace {
+
+constexpr const char kUsage[] =
+    "Usage: marquel64 [-RegServer | -UnregServer | -Service | --help]\n"
+    "\n"
+    "The Marquel tag server. Without a switch it serves clients on the session bus\n"
+    "(name com.halvern.Marquel64) and ends a few seconds after its last client has gone,\n"
+    "unless it is registered as a service.\n"
+    "\n"
+    "  -RegServer    write the D-Bus activation file, so that clients start the server\n"
+    "  -Service      as -RegServer, and run as a systemd user service until stopped\n"
+    "  -UnregServer  remove the activation file, the service unit and the registration\n"
+    "\n"
+    "Switches may start with '-' or '/' and ignore letter case.\n";
+
+// "--help", "-h" and "/?" alone print the usage. They are not server switches, so they
+// are tested before anything else; any other text keeps its meaning for the switches.
+bool WantsHelp(int argc, char** argv) {
+  if (argc != 2) return false;
+  const std::string arg = argv[1];
+  return arg == "--help" || arg == "-h" || arg == "/?";
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   using namespace marquel::host;
+  if (WantsHelp(argc, argv)) {
+    fputs(kUsage, stdout);
+    return 0;
+  }
   // Before any thread exists, so that every thread leaves these signals to the loop.
   BlockServerSignals();
 

@@ -159,6 +159,20 @@ TEST_F(ServerLifetime, ASwitchWithMoreTextRunsTheServerInstead) {
   EXPECT_EQ(status, 0);
 }
 
+// "--help" prints the usage and exits with 0 without starting a server or registering.
+TEST_F(ServerLifetime, HelpPrintsTheUsageAndStartsNothing) {
+  client_.reset();
+  StopServer();
+  std::error_code ec;
+  std::filesystem::remove(ActivationFile(), ec);
+  std::string out;
+  EXPECT_EQ(RunProgram({Marquel64Path(), "--help"}, &out), 0);
+  EXPECT_NE(out.find("Usage: marquel64"), std::string::npos);
+  EXPECT_NE(out.find("-RegServer"), std::string::npos);
+  EXPECT_EQ(ServerPid(), -1);
+  EXPECT_FALSE(std::filesystem::exists(ActivationFile()));
+}
+
 // The bus going away ends the server cleanly (the loop's disconnect error is caught).
 TEST_F(ServerLifetime, LosingTheBusEndsTheServerCleanly) {
   client_.reset();
