@@ -11,54 +11,23 @@
 #include <string>
 #include <vector>
 
+#include "ctl_test_util.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using ctltest::Bytes;
+using DumpRun = ctltest::CtlRun;
 
-struct DumpRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+DumpRun Dump(const std::vector<std::string>& args) {
+  return ctltest::Ctl(args);
 }
 
 std::string WriteBlock(const std::string& name, const Bytes& bytes) {
   std::string path = test::TestPath(name);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
+  ctltest::WriteBytes(path, bytes);
   return path;
-}
-
-DumpRun Dump(const std::vector<std::string>& args) {
-  const std::string out_path = test::TestPath("dump.out");
-  const std::string err_path = test::TestPath("dump.err");
-  pid_t pid = fork();
-  if (pid == 0) {
-    int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    std::vector<char*> argv = {const_cast<char*>(MARQUELCTL_PATH)};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(MARQUELCTL_PATH, argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  DumpRun r;
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  r.out = ReadAll(out_path);
-  r.err = ReadAll(err_path);
-  return r;
 }
 
 // Tag 16 = 0x1234 at time 100 (see the block codec's golden tests for every byte).

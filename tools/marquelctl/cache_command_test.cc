@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "ctl_test_util.h"
 #include "platform/access_reg.h"
 #include "platform/files.h"
 #include "platform/text.h"
@@ -19,42 +20,10 @@
 namespace marquel {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-struct CtlRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string ReadText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-CtlRun Ctl(const std::vector<std::string>& args) {
-  const std::string out_path = test::TestPath("ctl.out");
-  const std::string err_path = test::TestPath("ctl.err");
-  pid_t pid = fork();
-  if (pid == 0) {
-    int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    std::vector<char*> argv = {const_cast<char*>(MARQUELCTL_PATH)};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(MARQUELCTL_PATH, argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  CtlRun r;
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  r.out = ReadText(out_path);
-  r.err = ReadText(err_path);
-  return r;
-}
+using ctltest::Bytes;
+using ctltest::Ctl;
+using ctltest::CtlRun;
+using ctltest::ReadText;
 
 // A stored block: tag 16 = 0x1234 at time 100.
 const Bytes kOneValue = {
@@ -65,9 +34,7 @@ const Bytes kOneValue = {
 
 std::string WriteCacheFile(const std::string& name, const Bytes& bytes) {
   std::string path = test::TestPath(name);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
+  ctltest::WriteBytes(path, bytes);
   return path;
 }
 

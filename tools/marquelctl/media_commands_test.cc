@@ -12,55 +12,15 @@
 #include <string>
 #include <vector>
 
+#include "ctl_test_util.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-struct Result {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void Spit(const std::string& path, const Bytes& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()),
-            static_cast<std::streamsize>(bytes.size()));
-}
-
-Result Ctl(const std::vector<std::string>& args, const std::string& cwd = "") {
-  const std::string out_path = test::TestPath("ctl.out");
-  const std::string err_path = test::TestPath("ctl.err");
-  pid_t pid = fork();
-  if (pid == 0) {
-    int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(MARQUELCTL_PATH));
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(MARQUELCTL_PATH, argv.data());
-    _exit(127);
-  }
-  Result r;
-  int status = 0;
-  waitpid(pid, &status, 0);
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  r.out = Slurp(out_path);
-  r.err = Slurp(err_path);
-  return r;
-}
+using ctltest::Bytes;
+using ctltest::Ctl;
+using Result = ctltest::CtlRun;
 
 // 40 transport-stream units of `unit` bytes with the sync byte after a 0xFF prefix.
 Bytes TsFile(size_t unit) {
@@ -105,7 +65,7 @@ Bytes ProgramStream() {
 
 TEST(DetectCommand, PrintsCodeNameAndTransportLayout) {
   const std::string ts = test::TestPath("clip.ts");
-  Spit(ts, TsFile(192));
+  ctltest::WriteBytes(ts, TsFile(192));
   Result r = Ctl({"detect", ts});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "10 MQ_FORMAT_TS packet_size=192 first_packet_offset=0\n");
@@ -115,7 +75,7 @@ TEST(DetectCommand, PrintsCodeNameAndTransportLayout) {
             "{\"code\":10,\"name\":\"MQ_FORMAT_TS\",\"packet_size\":192,"
             "\"first_packet_offset\":0}\n");
   const std::string m2ts = test::TestPath("clip.M2TS");
-  Spit(m2ts, TsFile(192));
+  ctltest::WriteBytes(m2ts, TsFile(192));
   r = Ctl({"detect", "--json", m2ts});
   EXPECT_EQ(nlohmann::json::parse(r.out),
             nlohmann::json::parse(R"({"code":15,"name":"MQ_FORMAT_MTS"})"));
@@ -123,17 +83,17 @@ TEST(DetectCommand, PrintsCodeNameAndTransportLayout) {
 
 TEST(DetectCommand, ProgramStreamsAndNames) {
   const std::string mpg = test::TestPath("clip.mpg");
-  Spit(mpg, ProgramStream());
+  ctltest::WriteBytes(mpg, ProgramStream());
   Result r = Ctl({"detect", mpg});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "2 MQ_FORMAT_MPEG2\n");
   const std::string empty = test::TestPath("empty.mov");
-  Spit(empty, {});
+  ctltest::WriteBytes(empty, {});
   r = Ctl({"detect", "--json", empty});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "{\"code\":14,\"name\":\"MQ_FORMAT_MOV\"}\n");
   const std::string one = test::TestPath("one.bin");
-  Spit(one, {0x47});
+  ctltest::WriteBytes(one, {0x47});
   r = Ctl({"detect", one});
   EXPECT_EQ(r.out, "0 MQ_FORMAT_NONE\n");
   // A folder exists but cannot be read as a file.
@@ -153,31 +113,31 @@ TEST(DetectCommand, MissingFileAndUsage) {
 
 TEST(AnalyseCommand, WritesTheProgramStreamAnalysis) {
   const std::string mpg = test::TestPath("clip.mpg");
-  Spit(mpg, ProgramStream());
+  ctltest::WriteBytes(mpg, ProgramStream());
   const std::string out = test::TestPath("out");
   ASSERT_EQ(mkdir(out.c_str(), 0700), 0);
-  Spit(out + "/M2SAna.txt", {'o', 'l', 'd', '\n'});
+  ctltest::WriteBytes(out + "/M2SAna.txt", {'o', 'l', 'd', '\n'});
   Result r = Ctl({"analyse", mpg, "--out", out});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("2 packs"), std::string::npos) << r.out;
-  const std::string text = Slurp(out + "/M2SAna.txt");
+  const std::string text = ctltest::ReadText(out + "/M2SAna.txt");
   EXPECT_EQ(text.find("PACK 1, SCR_base 9000, SCR_ext 0, MuxRate 25200, Staff 0\n"), 0u) << text;
   EXPECT_NE(text.find("PACK 2, SCR_base 18000, "), std::string::npos);
   EXPECT_NE(text.find("End of MPEG2\n"), std::string::npos);
   // Without --out the file goes to the current folder.
   r = Ctl({"analyse", mpg}, test::TestDir());
   EXPECT_EQ(r.status, 0);
-  EXPECT_NE(Slurp(test::TestPath("M2SAna.txt")).find("PACK 2"), std::string::npos);
+  EXPECT_NE(ctltest::ReadText(test::TestPath("M2SAna.txt")).find("PACK 2"), std::string::npos);
 }
 
 TEST(AnalyseCommand, TransportStreamsAndOtherFormats) {
   const std::string ts = test::TestPath("clip.ts");
-  Spit(ts, TsFile(188));
+  ctltest::WriteBytes(ts, TsFile(188));
   Result r = Ctl({"analyse", ts, "--out", test::TestDir()});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(Slurp(test::TestPath("TSAna.txt")).find("Packet #"), std::string::npos);
+  EXPECT_NE(ctltest::ReadText(test::TestPath("TSAna.txt")).find("Packet #"), std::string::npos);
   const std::string mov = test::TestPath("clip.mov");
-  Spit(mov, Bytes(100, 0));
+  ctltest::WriteBytes(mov, Bytes(100, 0));
   r = Ctl({"analyse", mov});
   EXPECT_EQ(r.status, 3);
   EXPECT_NE(r.err.find("MQ_FORMAT_MOV"), std::string::npos);

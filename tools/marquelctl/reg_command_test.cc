@@ -12,47 +12,15 @@
 #include <string>
 #include <vector>
 
+#include "ctl_test_util.h"
 #include "platform/access_reg.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel {
 namespace {
 
-struct Result {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-Result Ctl(const std::vector<std::string>& args) {
-  const std::string outPath = test::TestPath("ctl.out");
-  const std::string errPath = test::TestPath("ctl.err");
-  pid_t pid = fork();
-  if (pid == 0) {
-    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(MARQUELCTL_PATH));
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(MARQUELCTL_PATH, argv.data());
-    _exit(127);
-  }
-  Result r;
-  int status = 0;
-  waitpid(pid, &status, 0);
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  r.out = Slurp(outPath);
-  r.err = Slurp(errPath);
-  return r;
-}
+using ctltest::Ctl;
+using Result = ctltest::CtlRun;
 
 const std::string kKey = "Software\\Halvern\\Common\\Marquel";
 
@@ -202,7 +170,7 @@ TEST(RegCommandTest, CorruptStoreExitsWithThreeAndSaysWhy) {
     EXPECT_NE(r.err.find(path), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("damaged"), std::string::npos) << r.err;
   }
-  EXPECT_EQ(Slurp(path), std::string(4096, '\x5a'));
+  EXPECT_EQ(ctltest::ReadText(path), std::string(4096, '\x5a'));
 }
 
 TEST(RegCommandTest, DefaultValueHasTheEmptyName) {
