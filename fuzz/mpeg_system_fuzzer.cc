@@ -32,14 +32,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (mode & 0x2) dec->SetAnalysis(1, "/nonexistent-marquel-fuzz-folder");
   if (mode & 0x4) dec->SelectStream(0xFA);
   const size_t piece = kPieces[(mode >> 3) & 0x7];
+  // An exact-size copy of the stream, so that AddressSanitizer sees any read past its
+  // end (the decoder copies each piece into its ring at once).
+  std::unique_ptr<uint8_t[]> copy(new uint8_t[size]);
+  for (size_t i = 0; i < size; ++i) copy[i] = data[i];
   uint8_t out[1000];
   size_t taken = 0;
   for (size_t at = 0; at < size; at += piece) {
     const size_t n = piece < size - at ? piece : size - at;
-    // An exact-size copy, so that AddressSanitizer sees any read past the end.
-    std::unique_ptr<uint8_t[]> copy(new uint8_t[n]);
-    for (size_t i = 0; i < n; ++i) copy[i] = data[at + i];
-    if (dec->Feed(copy.get(), static_cast<int32_t>(n)) != 1) __builtin_trap();
+    if (dec->Feed(copy.get() + at, static_cast<int32_t>(n)) != 1) __builtin_trap();
     int32_t got;
     while ((got = dec->TakePayload(out, sizeof out)) > 0) taken += static_cast<size_t>(got);
   }

@@ -67,7 +67,7 @@ TEST(ProbeSvcd, WholePacksWithoutSequenceHeaderAreSvcd) {
   pstest::Append(&s, SvcdBlock(&no_header));
   EXPECT_EQ(Probe(s), MQ_FORMAT_SVCD);
   // A short last block makes the answer no; nothing decisive follows: MPEG-2.
-  s.resize(s.size() - 1);
+  s.pop_back();
   EXPECT_EQ(Probe(s), MQ_FORMAT_MPEG2);
 }
 
