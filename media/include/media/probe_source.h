@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "platform/files.h"
 
@@ -22,11 +23,15 @@ class ProbeSource {
   virtual bool IsValid() const = 0;
 };
 
-// Reads an open file through the platform calls. Counts the bytes it has read and notes
-// the furthest byte it has read, so that tests can check how much of a file detection
-// touches.
+// Reads an open file through the platform calls. The first read that starts inside the
+// file's head (its first kHeadBytes bytes, the most any probe looks at) reads the whole
+// head once, and every later read inside it is served from memory, so detection reads each
+// byte of the file at most once and never more than kHeadBytes of a transport stream.
+// Counts the bytes it has read from the file and notes the furthest byte it has read, so
+// that tests can check how much of a file detection touches.
 class FileProbeSource : public ProbeSource {
  public:
+  static constexpr uint32_t kHeadBytes = 512000;
   explicit FileProbeSource(FileHandle handle) : handle_(handle) {}
   int64_t Seek(int64_t offset) override;
   int64_t Read(void* buffer, uint32_t n) override;
@@ -36,10 +41,15 @@ class FileProbeSource : public ProbeSource {
   uint64_t read_extent() const { return read_extent_; }
 
  private:
+  // Reads the head into head_ once; false when that read fails.
+  bool LoadHead();
+
   FileHandle handle_;
   int64_t position_ = 0;
   uint64_t bytes_read_ = 0;
   uint64_t read_extent_ = 0;
+  bool head_loaded_ = false;
+  std::vector<uint8_t> head_;
 };
 
 // Reads a caller's buffer, which must outlive the source.
