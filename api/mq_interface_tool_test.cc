@@ -83,9 +83,10 @@ TEST(CMQInterfaceTool, QueryOrgFileSizeAndMTime) {
   EXPECT_EQ(mq.Controller().QueryFileCount(), 0);  // the session was its own
 }
 
-// Until the session offers the cache rename and the move of cached data, a file has no
-// cache entry and nothing to move, which both answer with success.
-TEST(CMQInterfaceTool, CacheOperations_PendingClosePolicy) {
+// A file without a cache entry: the rename has nothing to carry over and succeeds. The
+// move of cached data into the file is a later step; today it answers success with
+// nothing moved.
+TEST(CMQInterfaceTool, CacheOperationsWithoutAnEntry_PendingMigration) {
   CMQInterface mq;
   std::string name = MediaFile("a.mpg");
   EXPECT_EQ(mq.CacheRename(name, test::TestPath("b.mpg"), 0), S_OK);

@@ -1,7 +1,9 @@
 // The client interface's edge cases, through the bus and the client library.
 #include <cstring>
+#include <filesystem>
 
 #include "bus_fixture.h"
+#include "testsupport/fresh_home.h"
 
 namespace marquel::test {
 namespace {
@@ -124,16 +126,29 @@ TEST_F(InterfaceEdges, ExecuteCmdOnTheBus) {
   EXPECT_EQ(std::get<0>(call(1, 0, -1)), E_FAIL);
 }
 
-// Closing a file whose data must still be moved into it reports S_OK and leaves the name
-// on the controller's list (IsWriteToFileDone 0). The session's close policy that returns
-// that result for program and transport streams is not in the table yet: today every
-// close finishes at once, so IsWriteToFileDone reports 1 right after the close.
-TEST_F(InterfaceEdges, CloseFileOfATransportStream_PendingClosePolicy) {
-  std::string name = MediaFile("clip.ts", 188 * 4);
+// Closing a transport stream with bWriteToCache 0 caches its data and marks the move into
+// the file as pending: the close reports S_OK and the name stays on the controller's list,
+// so IsWriteToFileDone reports 0. Nothing moves it yet (the close monitor is a later
+// step), so it stays 0.
+TEST_F(InterfaceEdges, CloseFileOfATransportStreamLeavesItsWritePending) {
+  std::string name = TestPath("clip.ts");
+  std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/ts188.ts", name);
   int32_t h = -1, done = -1;
   ASSERT_EQ(client_->InitialFile(name.c_str(), 10, 0, &h), S_OK);
   ASSERT_EQ(client_->InsertDataOne(h, kPlainTag, 1000, 1), S_OK);
   EXPECT_EQ(client_->CloseFile(h, 0), S_OK);
+  EXPECT_EQ(client_->IsWriteToFileDone(name.c_str(), &done), S_OK);
+  EXPECT_EQ(done, 0);
+}
+
+// The same file closed with bWriteToCache 1 stays in the cache: nothing is pending.
+TEST_F(InterfaceEdges, CloseFileToTheCacheLeavesNothingPending) {
+  std::string name = TestPath("clip.ts");
+  std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/ts188.ts", name);
+  int32_t h = -1, done = -1;
+  ASSERT_EQ(client_->InitialFile(name.c_str(), 10, 0, &h), S_OK);
+  ASSERT_EQ(client_->InsertDataOne(h, kPlainTag, 1000, 1), S_OK);
+  EXPECT_EQ(client_->CloseFile(h, 1), S_OK);
   EXPECT_EQ(client_->IsWriteToFileDone(name.c_str(), &done), S_OK);
   EXPECT_EQ(done, 1);
 }
