@@ -16,49 +16,23 @@
 #include <vector>
 
 #include "media/ts_decoder.h"
+#include "media_bench_util.h"
 #include "platform/files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using marquel::bench::Clock;
+using marquel::bench::MakeRepeated;
+using marquel::bench::Report;
+using marquel::bench::Seconds;
+using marquel::bench::TimeCommand;
 
 constexpr int64_t kTarget = int64_t{1} << 30;
 constexpr int64_t kProbeSlice = int64_t{64} << 20;
 constexpr uint32_t kReadSize = 1 << 20;
 constexpr double kGoalGbPerS = 1.0;
 constexpr double kGoalVsFfprobe = 10.0;
-
-double Seconds(Clock::time_point since) {
-  return std::chrono::duration<double>(Clock::now() - since).count();
-}
-
-// Writes `source` repeated until `target` bytes (whole copies only) and answers the size.
-int64_t MakeRepeated(const std::string& source, const std::string& path, int64_t target) {
-  std::ifstream in(source, std::ios::binary);
-  const std::vector<char> data((std::istreambuf_iterator<char>(in)), {});
-  if (data.empty()) return 0;
-  // Repeat in blocks of about 8 MiB to keep the writes large.
-  std::vector<char> block;
-  while (block.size() < (size_t{8} << 20)) block.insert(block.end(), data.begin(), data.end());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  int64_t size = 0;
-  while (size < target) {
-    const int64_t n = std::min<int64_t>(static_cast<int64_t>(block.size()), target - size);
-    const int64_t whole = n - n % static_cast<int64_t>(data.size());
-    if (whole == 0) break;
-    out.write(block.data(), whole);
-    size += whole;
-  }
-  return out ? size : 0;
-}
-
-// Wall time of a shell command, or a negative value when it fails.
-double TimeCommand(const std::string& command) {
-  const auto start = Clock::now();
-  if (std::system(command.c_str()) != 0) return -1;
-  return Seconds(start);
-}
 
 // Feeds the whole file through a reader; answers the seconds taken (reads included).
 double TimeFeed(const std::string& path, int32_t unit, uint32_t* packets) {
@@ -79,11 +53,6 @@ double TimeFeed(const std::string& path, int32_t unit, uint32_t* packets) {
   marquel::CloseFileHandle(h);
   *packets = dec.packet_count();
   return dec.programs().count() > 0 ? seconds : -1;
-}
-
-void Report(const char* name, double value, const char* unit, double ratio, double goal) {
-  std::printf("BENCH %s %.3f %s ratio=%.3f goal=%g %s\n", name, value, unit, ratio, goal,
-              value >= goal ? "pass" : "short");
 }
 
 }  // namespace
