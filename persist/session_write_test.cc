@@ -1,9 +1,13 @@
 // WriteToFile's open modes and fallback, and ForceDeleteCacheData.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 
@@ -11,6 +15,7 @@
 #include "persist/result_codes.h"
 #include "platform/access_reg.h"
 #include "session_test_util.h"
+#include "testsupport/fresh_home.h"
 
 namespace marquel {
 namespace {
@@ -73,10 +78,44 @@ TEST(WriteToFile, DirectWriteIsLeftToTheInFileWriters) {
   EXPECT_TRUE(ListCacheEntries(CacheKind::kTemp).empty());
 }
 
+// A copy of a small system program, running while the test lasts: Linux refuses to open
+// a running program for writing (ETXTBSY), even to root. Its bytes do not depend on this
+// build, so detection sees the same file in every build.
+class BusyProgram {
+ public:
+  BusyProgram() : path_(test::TestPath("busy-program")) {
+    std::filesystem::copy_file("/bin/sleep", path_);
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all);
+    pid_ = fork();
+    if (pid_ == 0) {
+      execl(path_.c_str(), "busy-program", "60", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    // Wait until the program runs, which is when writing starts to be refused.
+    for (int i = 0; i < 500 && !Busy(); ++i) usleep(10000);
+  }
+  ~BusyProgram() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  const std::string& path() const { return path_; }
+  bool Busy() const {
+    int fd = open(path_.c_str(), O_WRONLY);
+    if (fd >= 0) close(fd);
+    return fd < 0 && errno == ETXTBSY;
+  }
+
+ private:
+  std::string path_;
+  pid_t pid_ = -1;
+};
+
 TEST(WriteToFile, FileThatCannotBeWrittenFallsBackToReadAndTheCache) {
-  // A program that is running opens for reading but never for writing, even as root:
-  // this test's own executable stands in for a media file that cannot be written.
-  std::string path = std::filesystem::read_symlink("/proc/self/exe").string();
+  BusyProgram program;
+  ASSERT_TRUE(program.Busy());
+  const std::string& path = program.path();
   auto f = OpenSession(path);
   ASSERT_EQ(f->FileType(), 0) << "kept as MPEG-1 is";
   InsertSamples(*f, 0, 1, 5);
