@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -37,6 +38,18 @@ inline int64_t MakeRepeated(const std::string& source, const std::string& path, 
     size += whole;
   }
   return out ? size : 0;
+}
+
+// Makes a new folder for the bench's big files below $TMPDIR (else /tmp), named after
+// `name` and the current time; the caller removes it.
+inline std::filesystem::path MakeScratchFolder(const std::string& name) {
+  const char* tmp = std::getenv("TMPDIR");
+  const std::filesystem::path dir =
+      std::filesystem::path(tmp && *tmp ? tmp : "/tmp") /
+      (name + "." + std::to_string(std::chrono::system_clock::now().time_since_epoch().count()));
+  std::error_code ec;
+  std::filesystem::create_directories(dir, ec);
+  return dir;
 }
 
 // Wall time of a shell command, or a negative value when it fails.

@@ -100,13 +100,8 @@ double TimeDecoder(const std::string& path, int64_t* packs) {
 int main(int argc, char** argv) {
   const std::string source =
       argc > 1 ? argv[1] : std::string(MARQUEL_TEST_MEDIA_DIR) + "/mpeg2ps_long.mpg";
-  const char* tmp = std::getenv("TMPDIR");
   std::error_code ec;
-  const fs::path dir =
-      fs::path(tmp && *tmp ? tmp : "/tmp") /
-      ("media_ps_bench." +
-       std::to_string(std::chrono::system_clock::now().time_since_epoch().count()));
-  fs::create_directories(dir, ec);
+  const fs::path dir = marquel::bench::MakeScratchFolder("media_ps_bench");
   const std::string big = (dir / "big.mpg").string();
   const std::string slice = (dir / "slice.mpg").string();
   int rc = 1;

@@ -59,13 +59,8 @@ double TimeFeed(const std::string& path, int32_t unit, uint32_t* packets) {
 
 int main(int argc, char** argv) {
   const std::string source = argc > 1 ? argv[1] : std::string(MARQUEL_TEST_MEDIA_DIR) + "/ts188.ts";
-  const char* tmp = std::getenv("TMPDIR");
   std::error_code ec;
-  const fs::path dir =
-      fs::path(tmp && *tmp ? tmp : "/tmp") /
-      ("media_ts_bench." +
-       std::to_string(std::chrono::system_clock::now().time_since_epoch().count()));
-  fs::create_directories(dir, ec);
+  const fs::path dir = marquel::bench::MakeScratchFolder("media_ts_bench");
   const std::string big = (dir / "big.ts").string();
   const std::string slice = (dir / "slice.ts").string();
   int rc = 1;
