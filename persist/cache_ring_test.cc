@@ -16,14 +16,7 @@ using cachetest::FolderFiles;
 using cachetest::IdentityOf;
 using cachetest::MakeFile;
 using cachetest::ReadAll;
-
-CacheWriteRequest Request(CacheKind kind, const std::string& path) {
-  CacheWriteRequest r;
-  r.kind = kind;
-  r.media_path = path;
-  IdentityOf(path, r.identity);
-  return r;
-}
+using cachetest::Request;
 
 // Lays out the VR entry of `media` with id `id` as the writer does (record, content
 // word, id and a cache file), without the writer's eviction scan.

@@ -127,4 +127,13 @@ inline std::string MediaSource(const std::string& name) {
 // Copies a test media file into the test's folder under `as` and returns its path.
 std::string CopyMedia(const std::string& name, const std::string& as);
 
+// A write request of `kind` for the media file at `path`, with its identity words.
+inline CacheWriteRequest Request(CacheKind kind, const std::string& path) {
+  CacheWriteRequest r;
+  r.kind = kind;
+  r.media_path = path;
+  IdentityOf(path, r.identity);
+  return r;
+}
+
 }  // namespace marquel::cachetest

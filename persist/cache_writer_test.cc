@@ -21,14 +21,7 @@ using cachetest::FolderFiles;
 using cachetest::IdentityOf;
 using cachetest::MakeFile;
 using cachetest::ReadAll;
-
-CacheWriteRequest Request(CacheKind kind, const std::string& path) {
-  CacheWriteRequest r;
-  r.kind = kind;
-  r.media_path = path;
-  IdentityOf(path, r.identity);
-  return r;
-}
+using cachetest::Request;
 
 uint32_t Dword(const std::string& key, const char* name) {
   AccessReg reg;
