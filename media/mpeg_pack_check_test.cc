@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "mpeg_ps_syntax.h"
 #include "ps_test_builder.h"
 
@@ -284,6 +286,98 @@ TEST(PackChecker, FedInPiecesContinuesItsClockState) {
   ASSERT_EQ(list.count(), 2u);
   EXPECT_EQ(checker.time_base(), 90000);
   EXPECT_EQ(list.head()->video_time, (90000 + 9000) * 1000 / 9);
+}
+
+// Garbage of every length up to 16 bytes, rich in zeros and in start codes that are
+// neither packs nor packets (sequence header, end code, system header), is passed over
+// one byte at a time: the next pack is found at its exact offset whatever the garbage's
+// length, also when the garbage ends in zeros that run into the pack's start code.
+TEST(PackChecker, GarbageOfAnyLengthIsPassedOverByteByByte) {
+  const Bytes pattern = {0x00, 0x00, 0x01, 0xB3, 0x00, 0x00, 0x00, 0x01,
+                         0xB9, 0x47, 0x00, 0x00, 0x01, 0xBB, 0x00, 0x00};
+  for (bool mpeg1 : {false, true}) {
+    for (size_t n = 0; n <= pattern.size(); ++n) {
+      Bytes s;
+      if (mpeg1) {
+        s = pstest::Mpeg1Pack(90000, 1000);
+        pstest::Append(&s, pstest::Pes1(0xE0, 100000, Bytes(40, 0xAA)));
+      } else {
+        s = VideoPack(9000, 12000);
+      }
+      s.insert(s.end(), pattern.begin(), pattern.begin() + static_cast<ptrdiff_t>(n));
+      const size_t second = s.size();
+      if (mpeg1) {
+        pstest::Append(&s, pstest::Mpeg1Pack(93600, 1000));
+        pstest::Append(&s, pstest::Pes1(0xE0, 103600, Bytes(40, 0xAA)));
+      } else {
+        pstest::Append(&s, VideoPack(12000, 15600));
+      }
+      std::unique_ptr<MpegPackCheck> checker;
+      if (mpeg1) {
+        checker = std::make_unique<Mpeg1PackCheck>();
+      } else {
+        checker = std::make_unique<Mpeg2PackCheck>();
+      }
+      MpegPackList list;
+      uint32_t consumed = 0;
+      auto packs = Check(*checker, s, &list, true, &consumed);
+      ASSERT_EQ(packs.size(), 2u) << mpeg1 << " " << n;
+      EXPECT_EQ(packs[0]->pack_length, second) << mpeg1 << " " << n;
+      EXPECT_EQ(packs[1]->pack_offset, second) << mpeg1 << " " << n;
+      EXPECT_EQ(packs[1]->scr_base, mpeg1 ? 93600u : 12000u);
+      EXPECT_EQ(packs[1]->has_video, 1);
+      EXPECT_EQ(consumed, s.size());
+    }
+  }
+}
+
+// Only the last media packet of an MPEG-2 pack counts: video after audio makes it a
+// video pack again, audio after video makes it an audio pack.
+TEST(Mpeg2PackCheck, LastMediaPacketDecidesTheVideoFlag) {
+  Bytes s = VideoPack(9000, 12000, true, 1);  // video (I), audio
+  pstest::Append(&s, pstest::Pes2(0xE0, 15600, pstest::PictureHeader(1)));
+  Mpeg2PackCheck checker;
+  MpegPackList list;
+  auto packs = Check(checker, s, &list);
+  ASSERT_EQ(packs.size(), 1u);
+  EXPECT_EQ(packs[0]->has_audio, 1);
+  EXPECT_EQ(packs[0]->has_video, 1);
+  EXPECT_EQ(packs[0]->has_i_picture, 1);
+  // The MPEG-1 checker never clears them, whatever comes last.
+  Bytes m1 = pstest::Mpeg1Pack(90000, 1000);
+  pstest::Append(&m1, pstest::Pes1(0xE0, 100000, pstest::PictureHeader(1)));
+  pstest::Append(&m1, pstest::Pes1(0xBD, 100000, Bytes(40, 0xAA)));
+  pstest::Append(&m1, pstest::Pes1(0xC0, 100000, Bytes(40, 0xAA)));
+  Mpeg1PackCheck checker1;
+  MpegPackList list1;
+  packs = Check(checker1, m1, &list1);
+  ASSERT_EQ(packs.size(), 1u);
+  EXPECT_EQ(packs[0]->has_audio, 1);
+  EXPECT_EQ(packs[0]->has_video, 1);
+  EXPECT_EQ(packs[0]->has_i_picture, 1);
+}
+
+TEST(Mpeg1PackCheck, OwnDataPacksAreNotRecordedButConsumed) {
+  Bytes s = pstest::Mpeg1Pack(90000, 1000);
+  pstest::Append(&s, pstest::Pes1(0xE0, 100000, Bytes(40, 0xAA)));
+  const size_t own_at = s.size();
+  pstest::Append(&s, pstest::Mpeg1Pack(90000, 0x7FFFF));
+  pstest::Append(&s, pstest::Pes1(ps::kOwnDataStream, -1, Bytes(100, 0x11), 9));
+  pstest::Append(&s, pstest::Mpeg1Pack(90000, 0x7FFFF));
+  pstest::Append(&s, pstest::RawPacket(ps::kOwnMarkerStream, Bytes(50, 0x22)));
+  const size_t last_at = s.size();
+  pstest::Append(&s, pstest::Mpeg1Pack(93600, 1000));
+  pstest::Append(&s, pstest::Pes1(0xE0, 103600, Bytes(40, 0xAA)));
+  for (int analysis : {0, 1}) {
+    Mpeg1PackCheck checker(analysis);
+    MpegPackList list;
+    uint32_t consumed = 0;
+    auto packs = Check(checker, s, &list, true, &consumed);
+    ASSERT_EQ(packs.size(), 2u) << analysis;
+    EXPECT_EQ(packs[0]->pack_length, own_at);
+    EXPECT_EQ(packs[1]->pack_offset, last_at);
+    EXPECT_EQ(consumed, s.size());
+  }
 }
 
 }  // namespace

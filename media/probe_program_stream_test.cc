@@ -4,6 +4,7 @@
 
 #include "media/file_type.h"
 #include "ps_test_builder.h"
+#include "testsupport/fresh_home.h"
 
 namespace marquel {
 namespace {
@@ -231,6 +232,62 @@ TEST(ProbePack, StartCodeSearchLimits) {
   EXPECT_EQ(Probe(Bytes(1000, 0xAA)), MQ_FORMAT_NONE);
   EXPECT_EQ(Probe(Bytes{0x00, 0x00, 0x01, 0xBA}), MQ_FORMAT_NONE);
   EXPECT_EQ(Probe(Bytes{0x00, 0x00}), MQ_FORMAT_NONE);
+}
+
+// The MPEG-1 check reads from five bytes after the first start code wherever that code
+// lies, not from offset 5 of the file.
+TEST(ProbeMpeg1, CheckReadsFiveBytesAfterALateStartCode) {
+  Bytes late(100, 0xAA);
+  pstest::Append(&late, {0x00, 0x00, 0x01, 0xBA, 0x21});
+  pstest::Append(&late, pstest::Mpeg1Pack(0, 3528));
+  pstest::PadTo(&late, 4000);
+  EXPECT_EQ(Probe(late), MQ_FORMAT_VCD);
+  // The same pack header one byte further on is not where the check reads.
+  Bytes off_by_one(100, 0xAA);
+  pstest::Append(&off_by_one, {0x00, 0x00, 0x01, 0xBA, 0x21, 0xAA});
+  pstest::Append(&off_by_one, pstest::Mpeg1Pack(0, 3528));
+  pstest::PadTo(&off_by_one, 4000);
+  EXPECT_EQ(Probe(off_by_one), MQ_FORMAT_MPEG1);
+}
+
+// Detection through an open file, the way a session runs it, for a file written to
+// the test folder.
+uint32_t DetectFile(const Bytes& data, const std::string& name) {
+  const std::string path = test::TestPath(name);
+  pstest::WriteAll(path, data);
+  const FileHandle h = OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                      0, kInvalidFileHandle);
+  EXPECT_NE(h, kInvalidFileHandle) << path;
+  const uint32_t code = DetectFileType(nullptr, h, path);
+  CloseFileHandle(h);
+  return code;
+}
+
+TEST(ProbeThroughAFile, KeptQuirksHoldOnTheFilePath) {
+  // Video CD only when a second pack header follows five bytes after the first code.
+  Bytes vcd = pstest::Mpeg1Pack(0, 3528);
+  pstest::PadTo(&vcd, 4000);
+  EXPECT_EQ(DetectFile(vcd, "vcd.mpg"), MQ_FORMAT_MPEG1);
+  Bytes quirk(100, 0xAA);
+  pstest::Append(&quirk, {0x00, 0x00, 0x01, 0xBA, 0x21});
+  pstest::Append(&quirk, pstest::Mpeg1Pack(0, 3528));
+  pstest::PadTo(&quirk, 4000);
+  EXPECT_EQ(DetectFile(quirk, "quirk.mpg"), MQ_FORMAT_VCD);
+  // 480x576 at code 3 is SVCD; 704x576 is not.
+  EXPECT_EQ(DetectFile(SvcdStream(480, 576, 3), "svcd.mpg"), MQ_FORMAT_SVCD);
+  EXPECT_EQ(DetectFile(SvcdStream(704, 576, 3), "pal.mpg"), MQ_FORMAT_MPEG2);
+  // A start code straddling the first 2048-byte block is not seen; one inside it is.
+  const Bytes later = {0, 0, 1, 0xB3, 1, 2, 3, 4, 5, 6};
+  Bytes straddle = ScanStream(2046, {0, 0, 1, 0xB6});
+  std::copy(later.begin(), later.end(), straddle.begin() + 3000);
+  EXPECT_EQ(DetectFile(straddle, "straddle.dat"), MQ_FORMAT_MPEG2);
+  Bytes inside = ScanStream(2043, {0, 0, 1, 0xB6});
+  std::copy(later.begin(), later.end(), inside.begin() + 3000);
+  EXPECT_EQ(DetectFile(inside, "inside.dat"), MQ_FORMAT_MPEG4);
+  // Navigation data: DVD-Video, but MPEG-2 under an MPEG name.
+  const Bytes nav = ScanStream(100, {0, 0, 1, 0xBF, 0x03, 0xD4, 0x00});
+  EXPECT_EQ(DetectFile(nav, "movie.vob"), MQ_FORMAT_VOB);
+  EXPECT_EQ(DetectFile(nav, "movie.mpg"), MQ_FORMAT_MPEG2);
 }
 
 }  // namespace
