@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "crc32_internal.h"
+
 namespace marquel {
 namespace {
 
@@ -25,8 +27,8 @@ TEST(Crc32Mpeg, KnownVectors) {
 // A PAT section of one program followed by its own CRC checks to 0, which is how
 // receivers test MPEG-2 sections.
 TEST(Crc32Mpeg, SectionWithItsCrcGivesZero) {
-  std::vector<uint8_t> pat = {0x00, 0xB0, 0x0D, 0x00, 0x01, 0xC1, 0x00,
-                              0x00, 0x00, 0x01, 0xF0, 0x00};
+  std::vector<uint8_t> pat = {0x00, 0xB0, 0x0D, 0x00, 0x01, 0xC1,
+                              0x00, 0x00, 0x00, 0x01, 0xF0, 0x00};
   uint32_t crc = Crc32Mpeg(pat.data(), pat.size());
   for (int shift = 24; shift >= 0; shift -= 8) pat.push_back(uint8_t(crc >> shift));
   EXPECT_EQ(Crc32Mpeg(pat.data(), pat.size()), 0u);
@@ -63,6 +65,48 @@ TEST(Crc32Ieee, MatchesBitwiseDefinition) {
     for (int i = 0; i < 8; ++i) c = (c & 1) ? (c >> 1) ^ 0xEDB88320u : c >> 1;
   }
   EXPECT_EQ(Crc32Ieee(data.data(), data.size()), ~c);
+}
+
+}  // namespace
+}  // namespace marquel
+
+namespace marquel {
+namespace {
+
+// The folding path must agree with the table path for every length around its block
+// boundaries, at every alignment, and when a buffer is fed in pieces.
+TEST(Crc32Ieee, FoldingAgreesWithTheTable) {
+  if (!crc32_internal::HaveClmul()) GTEST_SKIP() << "no carry-less multiplication here";
+  std::vector<uint8_t> data(4096 + 64);
+  uint32_t seed = 7;
+  for (auto& b : data) b = static_cast<uint8_t>((seed = seed * 1103515245u + 12345u) >> 16);
+  for (size_t align = 0; align < 16; ++align) {
+    for (size_t n = 0; n <= 700; ++n) {
+      const uint8_t* p = data.data() + align;
+      ASSERT_EQ(crc32_internal::IeeeUpdateClmul(kCrc32IeeeInit, p, n),
+                crc32_internal::IeeeUpdateTable(kCrc32IeeeInit, p, n))
+          << "length " << n << " alignment " << align;
+    }
+  }
+  const uint32_t whole = crc32_internal::IeeeUpdateTable(0x12345678u, data.data(), 4096);
+  EXPECT_EQ(crc32_internal::IeeeUpdateClmul(0x12345678u, data.data(), 4096), whole);
+  uint32_t pieces = crc32_internal::IeeeUpdateClmul(0x12345678u, data.data(), 1000);
+  pieces = crc32_internal::IeeeUpdateClmul(pieces, data.data() + 1000, 3096);
+  EXPECT_EQ(pieces, whole);
+}
+
+// A flipped bit anywhere in a long buffer changes the folded CRC as it changes the table's.
+TEST(Crc32Ieee, FoldingSeesEveryFlippedBit) {
+  if (!crc32_internal::HaveClmul()) GTEST_SKIP() << "no carry-less multiplication here";
+  std::vector<uint8_t> data(256, 0x5A);
+  const uint32_t clean = crc32_internal::IeeeUpdateClmul(kCrc32IeeeInit, data.data(), data.size());
+  for (size_t bit = 0; bit < data.size() * 8; bit += 13) {
+    data[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
+    uint32_t folded = crc32_internal::IeeeUpdateClmul(kCrc32IeeeInit, data.data(), data.size());
+    EXPECT_NE(folded, clean) << "bit " << bit;
+    EXPECT_EQ(folded, crc32_internal::IeeeUpdateTable(kCrc32IeeeInit, data.data(), data.size()));
+    data[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
+  }
 }
 
 }  // namespace

@@ -1,0 +1,21 @@
+// The two ways the reflected IEEE CRC-32 is computed. Crc32IeeeUpdate picks the fastest
+// one the processor offers; both are exposed here so that tests can hold them against
+// each other.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace marquel::crc32_internal {
+
+// Table-driven, eight bytes a step; runs on every processor.
+uint32_t IeeeUpdateTable(uint32_t state, const uint8_t* data, size_t size);
+
+// Whether this processor has carry-less multiplication (PCLMULQDQ with SSE4.1).
+bool HaveClmul();
+
+// Folds 64 bytes a step with carry-less multiplication; needs HaveClmul(). Any size and
+// alignment: the head and tail that do not fill a 16-byte lane go through the table.
+uint32_t IeeeUpdateClmul(uint32_t state, const uint8_t* data, size_t size);
+
+}  // namespace marquel::crc32_internal
