@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <utility>
 
 #include "persist/cache_entry.h"
 #include "persist/cache_limits.h"
@@ -53,6 +54,48 @@ TEST(SessionClose, WithoutTagsNothingIsWrittenAndAnEntryStays) {
   ASSERT_EQ(after.size(), 1u);
   EXPECT_EQ(after[0].temp.cache_path, before[0].temp.cache_path);
   EXPECT_TRUE(FileExists(before[0].temp.cache_path));
+}
+
+// No format writes anything for a session without tags; MPEG-2, SVCD and transport
+// streams then answer 1, not the pending 2.
+TEST(SessionClose, WithoutTagsNoFormatWritesAnything) {
+  std::filesystem::create_directories(test::TestPath("disc/VIDEO_TS"));
+  const std::pair<const char*, const char*> media[] = {
+      {"mpeg2ps.mpg", "a.mpg"}, {"svcd.mpg", "b.mpg"},
+      {"ts188.ts", "c.ts"},     {"dvd.vob", "disc/VIDEO_TS/VTS_01_1.VOB"},
+      {"avi.avi", "e.avi"},     {"mp4.mp4", "f.mp4"},
+  };
+  for (const auto& [source, as] : media) {
+    auto f = OpenSession(CopyMedia(source, as));
+    ASSERT_FALSE(f->HasTags()) << as;
+    LogCapture log;
+    EXPECT_EQ(f->CloseFile(0), MQ_SUCCESS) << as;
+    EXPECT_FALSE(log.Has("close with type")) << as;
+  }
+  for (int32_t k = 0; k < kCacheKindCount; ++k) {
+    EXPECT_TRUE(ListCacheEntries(static_cast<CacheKind>(k)).empty()) << k;
+  }
+  EXPECT_TRUE(FolderFiles(CacheFolder()).empty());
+  EXPECT_FALSE(FileExists(test::TestPath("disc/MQINFO/VTS_01_1.VOB.mq")));
+}
+
+// Tags in any program make the close write: here only the second program of a transport
+// stream holds some.
+TEST(SessionClose, TagsInALaterProgramAreWritten) {
+  auto f = OpenSession(CopyMedia("ts188.ts", "a.ts"));
+  int32_t index = -1;
+  ASSERT_EQ(f->InsertNewProgram(0x300, &index), 1);
+  ASSERT_EQ(index, 1);
+  InsertSamples(*f, 1, 4, 5);
+  ASSERT_TRUE(f->HasTags());
+  EXPECT_EQ(f->CloseFile(0), MQ_AUTOPROCESSFAIL);
+  auto entries = ListCacheEntries(CacheKind::kTS);
+  ASSERT_EQ(entries.size(), 1u);
+  ASSERT_FALSE(entries[0].programs.empty());
+  EXPECT_EQ(entries[0].programs.back().pmt_pid, 0x300);
+  auto g = OpenSession(f->FileName());
+  ASSERT_GE(g->FindProgram(0x300), 0);
+  EXPECT_EQ(PlainSamples(*g, g->FindProgram(0x300)), Expected(4, 5));
 }
 
 TEST(SessionClose, ReadOnlySelectionWritesNothing) {
@@ -242,6 +285,59 @@ TEST(CloseLimits, Mpeg2NearTheFat32LimitIsCachedAsAlways) {
   EXPECT_EQ(f->CloseFile(0), MQ_AUTOPROCESSFAIL);
   ASSERT_EQ(ListCacheEntries(CacheKind::kTemp).size(), 1u);
   EXPECT_EQ(ListCacheEntries(CacheKind::kTemp)[0].temp.original_size, 3999000000u);
+}
+
+// The force-to-cache flag steers the VR cache only. On a FAT32 volume where every file
+// reaches the limit, the DVD file is forced into the cache folder, while MPEG-2, SVCD and
+// transport streams take their usual path: the cache, and 2 for the pending move.
+TEST(CloseLimits, ForcedCacheSteersOnlyTheVRPath) {
+  FakeVolumeEnv fat32("FAT32");
+  ScopedEnv env(&fat32);
+  std::filesystem::create_directories(test::TestPath("disc/VIDEO_TS"));
+  struct Case {
+    const char* media;
+    const char* as;
+    int32_t format;
+    int32_t expected;
+  };
+  const Case cases[] = {
+      {"dvd.vob", "disc/VIDEO_TS/VTS_01_1.VOB", 6, MQ_SUCCESS},
+      {"mpeg2ps.mpg", "a.mpg", 2, MQ_AUTOPROCESSFAIL},
+      {"svcd.mpg", "b.mpg", 4, MQ_AUTOPROCESSFAIL},
+      {"ts188.ts", "c.ts", 10, MQ_AUTOPROCESSFAIL},
+  };
+  for (const Case& c : cases) {
+    std::string path = CopyMedia(c.media, c.as);
+    ASSERT_EQ(truncate(path.c_str(), kFat32SizeLimit), 0);  // at the limit before growing
+    auto f = OpenSession(path);
+    ASSERT_EQ(f->FileType(), c.format) << c.as;
+    InsertSamples(*f, 0, 1, 5);
+    EXPECT_EQ(f->CloseFile(0), c.expected) << c.as;
+    EXPECT_EQ(f->CacheFilePath().rfind(CacheFolder(), 0), 0u) << c.as << ": " << f->CacheFilePath();
+  }
+  EXPECT_FALSE(FileExists(SideFile())) << "the DVD file was forced into the cache";
+  EXPECT_EQ(ListCacheEntries(CacheKind::kVR).size(), 1u);
+  EXPECT_EQ(ListCacheEntries(CacheKind::kTemp).size(), 2u);
+  EXPECT_EQ(ListCacheEntries(CacheKind::kTS).size(), 1u);
+
+  // Cache-only persistence asked for: the writers' own result.
+  std::string again = CopyMedia("ts188.ts", "d.ts");
+  ASSERT_EQ(truncate(again.c_str(), kFat32SizeLimit), 0);
+  auto f = OpenSession(again);
+  InsertSamples(*f, 0, 1, 5);
+  EXPECT_EQ(f->CloseFile(1), MQ_SUCCESS);
+}
+
+// A clear owner-write bit forces the cache too, and a transport stream still answers 2.
+TEST(CloseLimits, ReadOnlyTransportStreamIsCachedAndPending) {
+  std::string ts = CopyMedia("ts188.ts", "a.ts");
+  ASSERT_EQ(chmod(ts.c_str(), 0444), 0);
+  auto f = OpenSession(ts);
+  InsertSamples(*f, 0, 3, 5);
+  EXPECT_EQ(f->CloseFile(0), MQ_AUTOPROCESSFAIL);
+  ASSERT_EQ(ListCacheEntries(CacheKind::kTS).size(), 1u);
+  auto g = OpenSession(ts);
+  EXPECT_EQ(PlainSamples(*g, 0), Expected(3, 5));
 }
 
 TEST(CloseLimits, ReadOnlyMediaIsStillCached) {

@@ -69,6 +69,24 @@ TEST(WriteToFile, CacheBranchWritesTheTempCacheWithTheContentWords) {
       << "a file without MQ data starts its data at its end";
 }
 
+// A file that ends two bytes after 3172: the record keeps the count of bytes read as its
+// content word, and no checksum.
+TEST(WriteToFile, ShortFileKeepsTheCountOfBytesReadAsItsContentWord) {
+  std::string path = test::TestPath("short.mpg");
+  cachetest::Bytes head = cachetest::ReadAll(cachetest::MediaSource("mpeg1.mpg"));
+  head.resize(3174);
+  cachetest::WriteAll(path, head);
+  auto f = OpenSession(path);
+  ASSERT_LE(f->FileType(), 1);
+  InsertSamples(*f, 0, 1, 5);
+  EXPECT_EQ(f->WriteToFile(1), 1);
+  auto entries = ListCacheEntries(CacheKind::kTemp);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].temp.content_word, 2u);
+  EXPECT_EQ(entries[0].temp.content_crc, 0u);
+  EXPECT_EQ(entries[0].temp.original_size, 3174u);
+}
+
 TEST(WriteToFile, DirectWriteIsLeftToTheInFileWriters) {
   auto f = OpenSession(CopyMedia("mpeg2ps.mpg", "a.mpg"));
   InsertSamples(*f, 0, 1, 5);
