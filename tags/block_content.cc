@@ -11,11 +11,19 @@ void BlockTagSamples::AddRaw(int64_t time, const uint8_t* bytes, int32_t n) {
   times.push_back(time);
   values.push_back(n);
   raw_offset.push_back(raw_bytes.size());
-  if (n > 0) raw_bytes.insert(raw_bytes.end(), bytes, bytes + n);
+  if (n > 0) raw_bytes.insert_back(bytes, bytes + n);
 }
 
 void BlockTagSamples::Clear() {
-  *this = BlockTagSamples();
+  present = false;
+  valid = true;
+  raw = false;
+  interval = 0;
+  interval_set = false;
+  times.clear();
+  values.clear();
+  raw_bytes.clear();
+  raw_offset.clear();
 }
 
 int32_t BlockContent::HighestTagId() const {
@@ -30,52 +38,67 @@ uint64_t BlockContent::SampleCount() const {
   return n;
 }
 
+bool BlockContent::Empty() const {
+  for (const auto& t : tags) {
+    bool cleared = !t.present && t.valid && !t.raw && t.interval == 0 && !t.interval_set &&
+                   t.empty() && t.values.empty() && t.raw_bytes.empty() && t.raw_offset.empty();
+    if (!cleared) return false;
+  }
+  return true;
+}
+
 void BlockContent::Clear() {
   for (auto& t : tags) t.Clear();
 }
 
 namespace {
 
+// The whole tag in one batch, straight from its lists.
 class ContentCursor : public BlockTagCursor {
  public:
   explicit ContentCursor(const BlockTagSamples& tag) : tag_(tag) {}
-  size_t Next(BlockSampleView* out, size_t max) override {
-    size_t n = std::min(max, tag_.size() - next_);
-    for (size_t i = 0; i < n; ++i, ++next_) {
-      out[i].time = tag_.times[next_];
-      out[i].value = tag_.values[next_];
-      out[i].kind = tag_.raw ? 1 : 0;
-      out[i].bytes = tag_.raw ? tag_.RawData(next_) : nullptr;
+  bool Next(BlockSampleBatch* batch) override {
+    if (done_ || tag_.empty()) return false;
+    done_ = true;
+    *batch = BlockSampleBatch();
+    batch->times = tag_.times.data();
+    batch->values = tag_.values.data();
+    batch->count = tag_.size();
+    if (tag_.raw) {
+      batch->raw_base = tag_.raw_bytes.data();
+      batch->raw_offsets = tag_.raw_offset.data();
     }
-    return n;
+    return true;
   }
 
  private:
   const BlockTagSamples& tag_;
-  size_t next_ = 0;
+  bool done_ = false;
 };
 
-// Passes on the inner cursor's samples that lie inside [start, end).
+// Passes on the part of the inner cursor's batches that lies inside [start, end).
 class PeriodCursor : public BlockTagCursor {
  public:
   PeriodCursor(std::unique_ptr<BlockTagCursor> inner, int64_t start, int64_t end)
       : inner_(std::move(inner)), start_(start), end_(end) {}
-  size_t Next(BlockSampleView* out, size_t max) override {
-    while (!done_) {
-      size_t n = inner_->Next(out, max);
-      if (n == 0) break;
-      size_t kept = 0;
-      for (size_t i = 0; i < n; ++i) {
-        if (out[i].time < start_) continue;
-        if (end_ >= 0 && out[i].time >= end_) {
-          done_ = true;
-          break;
-        }
-        out[kept++] = out[i];
+  bool Next(BlockSampleBatch* batch) override {
+    while (!done_ && inner_->Next(batch)) {
+      const int64_t* t = batch->times;
+      size_t first = static_cast<size_t>(std::lower_bound(t, t + batch->count, start_) - t);
+      size_t last = batch->count;
+      if (end_ >= 0) {
+        last = static_cast<size_t>(std::lower_bound(t + first, t + batch->count, end_) - t);
+        if (last < batch->count) done_ = true;
       }
-      if (kept > 0) return kept;
+      if (first == last) continue;
+      batch->times += first;
+      batch->values += first;
+      if (batch->raw_offsets != nullptr) batch->raw_offsets += first;
+      batch->count = last - first;
+      return true;
     }
-    return 0;
+    done_ = true;
+    return false;
   }
 
  private:

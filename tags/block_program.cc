@@ -9,39 +9,48 @@
 namespace marquel {
 namespace {
 
-// A tag's records in order. TagRecordCursor keeps a record's raw bytes only until its
-// next step, so the bytes of a batch are copied into the cursor's own buffer, which
-// lives until the next batch.
+// A tag's records in order, a batch at a time. TagRecordCursor keeps a record's raw
+// bytes only until its next step, so the bytes of a batch are copied into the cursor's
+// own buffer, which lives until the next batch.
 class ProgramTagCursor : public BlockTagCursor {
  public:
   explicit ProgramTagCursor(TagObject* tag) : cursor_(tag) {}
-  size_t Next(BlockSampleView* out, size_t max) override {
-    bytes_.clear();
+  bool Next(BlockSampleBatch* batch) override {
+    times_.clear();
+    values_.clear();
     offsets_.clear();
-    size_t n = 0;
-    for (; n < max && cursor_.Valid(); ++n, cursor_.Next()) {
+    bytes_.clear();
+    bool any_bytes = false;
+    for (size_t n = 0; n < kBatch && cursor_.Valid(); ++n, cursor_.Next()) {
       const SampleRecord& r = cursor_.Current();
-      out[n].time = r.llTimeCode;
-      out[n].kind = r.nKind;
-      out[n].value = r.nValue;
-      out[n].bytes = nullptr;
-      offsets_.push_back(kNoBytes);
+      times_.push_back(r.llTimeCode);
+      values_.push_back(r.nValue);
+      offsets_.push_back(BlockSampleBatch::kNoBytes);
       if (r.nKind == kRawSample && r.pBuffer != nullptr && r.nValue > 0) {
         offsets_.back() = bytes_.size();
         bytes_.insert(bytes_.end(), r.pBuffer, r.pBuffer + r.nValue);
+        any_bytes = true;
       }
     }
-    // Pointers are taken once the buffer has stopped growing.
-    for (size_t i = 0; i < n; ++i)
-      if (offsets_[i] != kNoBytes) out[i].bytes = bytes_.data() + offsets_[i];
-    return n;
+    if (times_.empty()) return false;
+    *batch = BlockSampleBatch();
+    batch->times = times_.data();
+    batch->values = values_.data();
+    batch->count = times_.size();
+    if (any_bytes) {
+      batch->raw_base = bytes_.data();
+      batch->raw_offsets = offsets_.data();
+    }
+    return true;
   }
 
  private:
-  static constexpr size_t kNoBytes = ~size_t{0};
+  static constexpr size_t kBatch = 256;
   TagRecordCursor cursor_;
+  std::vector<int64_t> times_;
+  std::vector<int32_t> values_;
+  std::vector<uint64_t> offsets_;
   std::vector<uint8_t> bytes_;
-  std::vector<size_t> offsets_;
 };
 
 // Moves a written stream into one of the program's buffers.

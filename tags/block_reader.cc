@@ -1,99 +1,171 @@
 #include "tags/block_reader.h"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
-#include "tags/bit_buffer.h"
+#include "bit_source.h"
 #include "tags/block_format.h"
+#include "width_queue.h"
 
 namespace marquel {
 namespace {
 
-// Per-tag state of the reader.
-struct TagState {
-  bool asked = false;
-  bool valid = true;
-  uint32_t sum = 0;       // delta tags: the running sum, kept modulo 2^width
-  bool run_open = false;  // state tags: a run has started and not ended
-  int32_t run_state = 0;
-  int64_t run_start = 0;
-  int64_t interval = 0;  // state tags: the interval of the last state item
-};
-
 class Decoder {
  public:
   Decoder(const BlockReadOptions& options, BlockContent* content, BlockReadStats* stats)
-      : options_(options), content_(*content), stats_(*stats) {}
+      : options_(options), content_(*content), stats_(*stats) {
+    for (int32_t id = 0; id < kTagIdCount; ++id) state_[id].type = kTagDefinitions[id].nType;
+  }
 
-  BlockRejection Run(const uint8_t* ids, size_t id_count, BitReader lengths, BitReader data) {
-    Reserve(ids, id_count);
-    for (size_t i = 0; i < id_count; ++i) {
-      uint8_t id = ids[i];
-      if (id == kAbsoluteTimeEntry) {
-        // Four 16-bit groups, the least significant first.
-        uint32_t low, high;
-        if (!data.ReadBits(32, &low) || !data.ReadBits(32, &high))
-          return BlockRejection::kDataStreamShort;
-        uint64_t g0 = low >> 16, g1 = low & 0xFFFF, g2 = high >> 16, g3 = high & 0xFFFF;
-        now_ = static_cast<int64_t>(g0 | g1 << 16 | g2 << 32 | g3 << 48);
+  // Decodes the entries. The data stream, the queue position and the current time are
+  // locals whose address is never taken, so that the loop keeps them in registers. The
+  // common entry, a value of a value tag already met, is decoded inline.
+  BlockRejection Run(const uint8_t* ids, size_t id_count, WidthQueue& widths, BitSource data) {
+    int64_t now = 0;
+    const uint8_t* width_next = widths.items();
+    const uint8_t* width_end = width_next;
+    for (const uint8_t *id_next = ids, *id_end = ids + id_count; id_next != id_end; ++id_next) {
+      const uint8_t id = *id_next;
+      if (id <= kRelativeTimeEntry) {
+        if (!TimeEntry(id, data, &now)) return BlockRejection::kDataStreamShort;
         continue;
       }
-      if (id == kRelativeTimeEntry) {
-        uint32_t d;
-        if (!ReadThreeBytes(data, &d)) return BlockRejection::kDataStreamShort;
-        // The difference is a signed 24-bit number: the writer stores a step below
-        // 1000000 this way, and only a negative first time code makes it negative.
-        int64_t step = (d & 0x800000u) ? static_cast<int64_t>(d) - 0x1000000 : d;
-        now_ = static_cast<int64_t>(static_cast<uint64_t>(now_) + static_cast<uint64_t>(step));
-        continue;
+      if (width_next == width_end) {
+        size_t n = widths.Refill();
+        if (n == 0) return BlockRejection::kLengthStreamShort;
+        width_next = widths.items();
+        width_end = width_next + n;
       }
-      uint32_t width;
-      if (!lengths.ReadBits(kLengthItemBits, &width)) return BlockRejection::kLengthStreamShort;
+      const int width = *width_next++;
       if (width < 1) {
         ++stats_.skipped_entries;
         continue;
       }
-      const int32_t type = kTagDefinitions[id].nType;
-      TagState& st = state_[id];
-      if (st.asked && (type == kTagTypeValue || type == kTagTypeValue2)) {
-        // The common entry, kept in this loop: a value of a tag already met.
-        uint32_t value;
-        if (!data.ReadBits(static_cast<int>(width), &value))
-          return BlockRejection::kDataStreamShort;
-        Append(id, st.valid, static_cast<int32_t>(value));
+      uint32_t item;
+      if (!data.Read(width, &item)) return BlockRejection::kDataStreamShort;
+      Lane& lane = lanes_[id];
+      if (lane.open) {
+        if (now <= lane.times[lane.size - 1]) {
+          ++stats_.dropped_samples;
+          continue;
+        }
+        if (lane.size == lane.capacity) GrowLane(id);
+        lane.times[lane.size] = now;
+        lane.values[lane.size] = static_cast<int32_t>(item);
+        ++lane.size;
         continue;
       }
-      BlockRejection r = SampleEntry(id, static_cast<int>(width), data);
+      // Entries of other kinds. Those that need more of the data stream read it here,
+      // so that the stream never leaves this function.
+      const int32_t type = Meet(id);
+      BlockRejection r = BlockRejection::kNone;
+      if (type == kTagTypeRaw) {
+        if (data.BitsLeft() / 8 < item) return BlockRejection::kDataStreamShort;
+        data.ReadBytes(RawTarget(id, item, now), item);
+      } else if (IsStateTagType(type)) {
+        uint32_t interval = 0;
+        if ((item == 2 || item == 3) && !ReadThreeBytes(data, &interval))
+          return BlockRejection::kDataStreamShort;
+        r = StateItem(id, item, interval, now);
+      } else {
+        ValueEntry(id, width, item, now);
+      }
       if (r != BlockRejection::kNone) return r;
     }
     stats_.entries = id_count;
     return BlockRejection::kNone;
   }
 
- private:
-  // Makes room for each tag's entries at once (one count per tag-id byte), so that the
-  // sample lists do not grow step by step.
-  void Reserve(const uint8_t* ids, size_t id_count) {
-    uint64_t count[kTagIdCount] = {};
-    for (size_t i = 0; i < id_count; ++i) ++count[ids[i]];
-    for (int32_t id = 2; id < kTagIdCount; ++id) {
-      if (count[id] == 0) continue;
-      BlockTagSamples& tag = content_.tags[id];
-      tag.times.reserve(count[id]);
-      tag.values.reserve(count[id]);
-      if (kTagDefinitions[id].nType == kTagTypeRaw) tag.raw_offset.reserve(count[id]);
+  // Counts what the open lanes wrote into their tags' lists. Call once, after Run.
+  void CloseLanes() {
+    for (int32_t id = 0; id < kTagIdCount; ++id) {
+      if (!lanes_[id].open) continue;
+      CommitLane(id);
+      lanes_[id].open = false;
     }
   }
 
+ private:
+  // Where the samples of a plain value tag go once its first sample is in: straight into
+  // its lists' memory, whose sizes the lane keeps until it commits them (when the room
+  // runs out, and at the end). The lists are never empty while the lane is open.
+  struct Lane {
+    bool open = false;
+    int64_t* times = nullptr;
+    int32_t* values = nullptr;
+    size_t size = 0;
+    size_t capacity = 0;  // the smaller of the two lists' capacities
+  };
+
+  void OpenLane(int32_t id) {
+    lanes_[id].open = true;
+    PointLane(id);
+  }
+  void PointLane(int32_t id) {
+    BlockTagSamples& tag = content_.tags[id];
+    Lane& lane = lanes_[id];
+    lane.times = tag.times.data();
+    lane.values = tag.values.data();
+    lane.size = tag.times.size();
+    lane.capacity = std::min(tag.times.capacity(), tag.values.capacity());
+  }
+  void CommitLane(int32_t id) {
+    BlockTagSamples& tag = content_.tags[id];
+    size_t n = lanes_[id].size - tag.times.size();
+    tag.times.Commit(n);
+    tag.values.Commit(n);
+  }
+  __attribute__((noinline)) void GrowLane(int32_t id) {
+    CommitLane(id);
+    BlockTagSamples& tag = content_.tags[id];
+    size_t more = std::max<size_t>(256, tag.size());
+    tag.times.EnsureSpare(more);
+    tag.values.EnsureSpare(more);
+    PointLane(id);
+  }
+
+  // Per-tag state of the reader.
+  struct TagState {
+    int32_t type = 0;
+    bool asked = false;
+    bool valid = true;
+    uint32_t sum = 0;       // delta tags: the running sum, kept modulo 2^width
+    bool run_open = false;  // state tags: a run has started and not ended
+    int32_t run_state = 0;
+    int64_t run_start = 0;
+    int64_t interval = 0;  // state tags: the interval of the last state item
+  };
+
+  // An absolute entry (four 16-bit groups, the least significant first) or a relative
+  // one (three bytes, the least significant first).
+  static inline bool TimeEntry(uint8_t id, BitSource& data, int64_t* now) {
+    if (id == kAbsoluteTimeEntry) {
+      uint32_t low, high;
+      if (!data.Read(32, &low) || !data.Read(32, &high)) return false;
+      uint64_t g0 = low >> 16, g1 = low & 0xFFFF, g2 = high >> 16, g3 = high & 0xFFFF;
+      *now = static_cast<int64_t>(g0 | g1 << 16 | g2 << 32 | g3 << 48);
+      return true;
+    }
+    uint32_t d;
+    if (!ReadThreeBytes(data, &d)) return false;
+    // The difference is a signed 24-bit number: the writer stores a step below 1000000
+    // this way, and only a negative first time code makes it negative.
+    int64_t step = (d & 0x800000u) ? static_cast<int64_t>(d) - 0x1000000 : d;
+    *now = static_cast<int64_t>(static_cast<uint64_t>(*now) + static_cast<uint64_t>(step));
+    return true;
+  }
+
   // Three bytes, the least significant first.
-  static bool ReadThreeBytes(BitReader& data, uint32_t* out) {
+  static bool ReadThreeBytes(BitSource& data, uint32_t* out) {
     uint32_t v;
-    if (!data.ReadBits(24, &v)) return false;
+    if (!data.Read(24, &v)) return false;
     *out = (v >> 16) | (v & 0xFF00) | (v & 0xFF) << 16;
     return true;
   }
 
-  BlockRejection SampleEntry(int32_t id, int width, BitReader& data) {
+  // Marks the tag present and asks about it the first time; returns its type.
+  int32_t Meet(int32_t id) {
     TagState& st = state_[id];
     BlockTagSamples& tag = content_.tags[id];
     tag.present = true;
@@ -101,71 +173,67 @@ class Decoder {
       st.asked = true;
       st.valid = !options_.accept || options_.accept(id);
       tag.valid = st.valid;
+      if (st.type == kTagTypeRaw) tag.raw = true;
     }
-    int32_t type = kTagDefinitions[id].nType;
-    uint32_t item;
-    if (!data.ReadBits(width, &item)) return BlockRejection::kDataStreamShort;
-    switch (type) {
-      case kTagTypeDelta: {
-        uint32_t mask = width >= 32 ? ~0u : (uint32_t{1} << width) - 1;
-        st.sum = (st.sum + item) & mask;
-        Append(id, st.valid, static_cast<int32_t>(st.sum));
-        return BlockRejection::kNone;
-      }
-      case kTagTypeState:
-      case kTagTypeState2:
-        return StateItem(id, item, data);
-      case kTagTypeRaw:
-        return RawSample(id, item, data);
-      default:
-        Append(id, st.valid, static_cast<int32_t>(item));
-        return BlockRejection::kNone;
-    }
+    return st.type;
   }
 
-  BlockRejection RawSample(int32_t id, uint32_t count, BitReader& data) {
-    if (data.BitsLeft() / 8 < count) return BlockRejection::kDataStreamShort;
+  // A value or delta entry outside a lane: the first value of a value tag (which then
+  // opens the tag's lane), a value of a refused tag, or a delta.
+  void ValueEntry(int32_t id, int width, uint32_t item, int64_t now) {
+    TagState& st = state_[id];
+    if (st.type == kTagTypeDelta) {
+      uint32_t mask = width >= 32 ? ~0u : (uint32_t{1} << width) - 1;
+      st.sum = (st.sum + item) & mask;
+      Append(id, st.valid, static_cast<int32_t>(st.sum), now);
+      return;
+    }
+    Append(id, st.valid, static_cast<int32_t>(item), now);
+    if (st.valid) OpenLane(id);
+  }
+
+  // Where the `count` bytes of a raw sample at `now` go, with the sample counted; null
+  // when they are to be skipped.
+  uint8_t* RawTarget(int32_t id, uint32_t count, int64_t now) {
     BlockTagSamples& tag = content_.tags[id];
-    tag.raw = true;
-    if (!state_[id].valid || !After(tag)) {
+    if (!state_[id].valid || !After(tag, now)) {
       if (state_[id].valid) ++stats_.dropped_samples;
-      data.Seek(data.bit_position() + uint64_t{count} * 8);
-      return BlockRejection::kNone;
+      return nullptr;
     }
     size_t at = tag.raw_bytes.size();
-    tag.raw_bytes.resize(at + count);
-    data.ReadBytes(tag.raw_bytes.data() + at, count);
-    tag.times.push_back(now_);
+    tag.raw_bytes.EnsureSpare(count);
+    uint8_t* target = tag.raw_bytes.SpareBegin();
+    tag.raw_bytes.Commit(count);
+    tag.times.push_back(now);
     tag.values.push_back(static_cast<int32_t>(count));
     tag.raw_offset.push_back(at);
-    return BlockRejection::kNone;
+    return target;
   }
 
-  BlockRejection StateItem(int32_t id, uint32_t item, BitReader& data) {
+  // A state tag's item, with the interval that follows a state item.
+  BlockRejection StateItem(int32_t id, uint32_t item, uint32_t interval, int64_t now) {
     TagState& st = state_[id];
     if (item == 0) {  // end item: fill the run up to and including now, then close it
       if (st.run_open) {
-        Fill(id, now_, /*inclusive=*/true);
+        Fill(id, now, /*inclusive=*/true);
         st.run_open = false;
       }
       return BlockRejection::kNone;
     }
     if (item != 2 && item != 3) return BlockRejection::kBadStateItem;
-    uint32_t interval;
-    if (!ReadThreeBytes(data, &interval)) return BlockRejection::kDataStreamShort;
     // An interval of 0 cannot step a run; it stands for the writer's default, as a tag
     // with interval 0 is written with it.
     st.interval = interval == 0 ? kDefaultStateInterval : interval;
     content_.tags[id].interval = st.interval;
     content_.tags[id].interval_set = true;
     int32_t state = static_cast<int32_t>(item & 1);
-    if (st.run_open && state != st.run_state) Fill(id, now_, /*inclusive=*/false);
+    if (st.run_open && state != st.run_state) Fill(id, now, /*inclusive=*/false);
     if (!st.run_open || state != st.run_state) {
       st.run_open = true;
       st.run_state = state;
-      st.run_start = now_;
+      st.run_start = now;
     }
-    Append(id, st.valid, state);
+    Append(id, st.valid, state, now);
     return BlockRejection::kNone;
   }
 
@@ -190,17 +258,19 @@ class Decoder {
     }
   }
 
-  // Whether a sample at now_ would come after the tag's last sample.
-  bool After(const BlockTagSamples& tag) const { return tag.empty() || tag.times.back() < now_; }
+  // Whether a sample at `now` would come after the tag's last sample.
+  static bool After(const BlockTagSamples& tag, int64_t now) {
+    return tag.empty() || tag.times.back() < now;
+  }
 
-  void Append(int32_t id, bool valid, int32_t value) {
+  void Append(int32_t id, bool valid, int32_t value, int64_t now) {
     if (!valid) return;
     BlockTagSamples& tag = content_.tags[id];
-    if (!After(tag)) {
+    if (!After(tag, now)) {
       ++stats_.dropped_samples;
       return;
     }
-    tag.times.push_back(now_);
+    tag.times.push_back(now);
     tag.values.push_back(value);
   }
 
@@ -208,7 +278,7 @@ class Decoder {
   BlockContent& content_;
   BlockReadStats& stats_;
   TagState state_[kTagIdCount];
-  int64_t now_ = 0;
+  Lane lanes_[kTagIdCount];
 };
 
 }  // namespace
@@ -251,12 +321,25 @@ int32_t DecodeBlock(const uint8_t* tag_ids, size_t tag_ids_size, const uint8_t* 
   }
   BlockReadStats local_stats;
   if (reason == BlockRejection::kNone) {
-    auto content = std::make_unique<BlockContent>();
-    Decoder decoder(options, content.get(), &local_stats);
-    reason = decoder.Run(tag_ids, tag_ids_size - kBlockCrcSize,
-                         BitReader(lengths, lengths_size - kBlockCrcSize),
-                         BitReader(data, data_size - kBlockCrcSize));
-    if (reason == BlockRejection::kNone) std::swap(*out, *content);
+    // An empty output is decoded into directly, so that a reader that clears and
+    // reuses its content keeps its memory; a rejection empties it again, which leaves
+    // it as it was. Content that holds tags is replaced only on success.
+    std::unique_ptr<BlockContent> scratch;
+    BlockContent* target = out;
+    if (!out->Empty()) {
+      scratch = std::make_unique<BlockContent>();
+      target = scratch.get();
+    }
+    Decoder decoder(options, target, &local_stats);
+    WidthQueue widths(lengths, lengths_size - kBlockCrcSize);
+    reason = decoder.Run(tag_ids, tag_ids_size - kBlockCrcSize, widths,
+                         BitSource(data, data_size - kBlockCrcSize));
+    decoder.CloseLanes();
+    if (reason != BlockRejection::kNone) {
+      target->Clear();
+    } else if (scratch) {
+      std::swap(*out, *scratch);
+    }
   }
   if (why) *why = reason;
   if (stats) *stats = reason == BlockRejection::kNone ? local_stats : BlockReadStats();

@@ -271,3 +271,47 @@ TEST(BlockReader, RejectionTextsNameTheStream) {
 
 }  // namespace
 }  // namespace marquel
+
+namespace marquel {
+namespace {
+
+using namespace blocktest;
+
+// An empty output is decoded into directly and keeps its memory for the next block; a
+// block rejected half way leaves it empty again, with nothing of the block in it.
+TEST(BlockReader, EmptyOutputIsReusedAndEmptiedAgainOnRejection) {
+  BlockContent c;
+  for (int64_t t = 0; t < 5000; ++t) c.tags[16].AddPlain(t * 10, static_cast<int32_t>(t));
+  Bytes block = Encode(c);
+  BlockContent out;
+  ASSERT_EQ(Decode(block, &out, nullptr), 1);
+  ASSERT_EQ(out.tags[16].size(), 5000u);
+  const int64_t* memory = out.tags[16].times.data();
+  out.Clear();
+  ASSERT_TRUE(out.Empty());
+  ASSERT_EQ(Decode(block, &out, nullptr), 1);
+  EXPECT_EQ(out.tags[16].times.data(), memory);
+  EXPECT_EQ(out.tags[16].times, c.tags[16].times);
+
+  // Cut the data stream inside a raw sample that comes last, so that the entries before
+  // it decode and the stream then ends early.
+  BlockContent refused;
+  refused.tags[16] = c.tags[16];
+  refused.tags[29].AddRaw(50000, reinterpret_cast<const uint8_t*>("abc"), 3);
+  Bytes whole = Encode(refused);
+  Layout l = LayoutOf(whole);
+  auto part = [&](size_t from, size_t to) {
+    return Bytes(whole.begin() + static_cast<ptrdiff_t>(from),
+                 whole.begin() + static_cast<ptrdiff_t>(to));
+  };
+  Bytes cut = BuildBlock(part(l.tag_ids, l.lengths - 4), part(l.lengths, l.data - 4),
+                         part(l.data, l.end - 4 - 2));
+  out.Clear();
+  BlockRejection why;
+  EXPECT_EQ(Decode(cut, &out, &why), 0);
+  EXPECT_EQ(why, BlockRejection::kDataStreamShort);
+  EXPECT_TRUE(out.Empty());
+}
+
+}  // namespace
+}  // namespace marquel

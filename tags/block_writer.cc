@@ -3,52 +3,50 @@
 #include <algorithm>
 #include <limits>
 
+#include "block_sinks.h"
 #include "tags/block_format.h"
 
 namespace marquel {
 namespace {
 
-// Counts the bits each stream would receive.
-struct CountingSink {
-  uint64_t tag_bytes = 0;
-  uint64_t length_bits = 0;
-  uint64_t data_bits = 0;
-  void Tag(uint8_t) { ++tag_bytes; }
-  void Length(uint32_t, int bits) { length_bits += static_cast<uint64_t>(bits); }
-  void Data(uint32_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
-  void DataBytes(const uint8_t*, size_t n) { data_bits += static_cast<uint64_t>(n) * 8; }
-};
-
-// Writes the entries into the three stream buffers.
-struct BufferSink {
-  BitBuffer* tag_ids;
-  BitBuffer* lengths;
-  BitBuffer* data;
-  void Tag(uint8_t id) { tag_ids->WriteBits(id, 8); }
-  void Length(uint32_t value, int bits) { lengths->WriteBits(value, bits); }
-  void Data(uint32_t value, int bits) { data->WriteBits(value, bits); }
-  void DataBytes(const uint8_t* bytes, size_t n) { data->WriteBytes(bytes, n); }
-};
-
-// Samples fetched from a cursor per call.
-constexpr size_t kBatch = 256;
-
 // One tag while the writer walks it.
 struct TagWalk {
-  int32_t id = 0;
-  int32_t type = 0;
-  int width = 0;         // value width, 0..31 (what the 5-bit length item can say)
-  int64_t interval = 0;  // state tags: the interval written (0 became the default)
-  std::unique_ptr<BlockTagCursor> cursor;
-  std::vector<BlockSampleView> batch;  // batch[pos] is the current sample
+  int64_t cur_time = 0;  // time of the current sample, times[pos]
+  const int64_t* times = nullptr;
+  const int32_t* values = nullptr;
   size_t pos = 0;
   size_t count = 0;
-  bool has_cur = false;
-  int64_t cur_time = 0;       // batch[pos].time, kept at hand for the merge
+  BlockSampleBatch batch;  // the current batch (for the bytes of raw samples)
+  bool done = false;       // no sample left
+  int32_t id = 0;
+  int32_t type = 0;
+  int width = 0;              // value width, 0..31 (what the 5-bit length item can say)
+  uint32_t mask = 0;          // the low `width` bits
+  int64_t interval = 0;       // state tags: the interval written (0 became the default)
   uint64_t index = 0;         // index of the current sample among the tag's samples
-  int64_t prev_time = 0;      // time of the sample before `cur`
+  int64_t prev_time = 0;      // time of the sample before the current one
   uint32_t prev_value = 0;    // delta tags: the previous sample's value (0 before the first)
   int64_t last_written = -1;  // state tags: the last state value written, -1 for none
+  std::unique_ptr<BlockTagCursor> cursor;
+
+  void Fetch() {
+    pos = 0;
+    done = !cursor->Next(&batch) || batch.count == 0;
+    count = done ? 0 : batch.count;
+    times = batch.times;
+    values = batch.values;
+    if (!done) cur_time = times[0];
+  }
+  // Moves to the next sample; the bytes of the one left behind may go.
+  void Advance() {
+    prev_time = cur_time;
+    ++index;
+    if (++pos < count) {
+      cur_time = times[pos];
+    } else {
+      Fetch();
+    }
+  }
 };
 
 // Whether `later` - `earlier` exceeds twice `interval`, without overflow.
@@ -56,26 +54,138 @@ bool GapExceeds(int64_t earlier, int64_t later, int64_t interval) {
   return static_cast<__int128>(later) - earlier > static_cast<__int128>(interval) * 2;
 }
 
+// The entries of one step go out through the sink: the time entry before the first
+// sample entry, then the sample entries.
+template <class Sink>
+struct StepWriter {
+  Sink& sink;
+  int64_t current;
+  int64_t& previous;
+  bool time_written = false;
+
+  void TimeEntry() {
+    if (time_written) return;
+    time_written = true;
+    // The difference wraps as 64-bit two's complement arithmetic does.
+    uint64_t diff = static_cast<uint64_t>(current) - static_cast<uint64_t>(previous);
+    if (static_cast<int64_t>(diff) >= kAbsoluteTimeGap) {
+      // Four 16-bit groups, the least significant first.
+      uint64_t t = static_cast<uint64_t>(current);
+      sink.Tag(kAbsoluteTimeEntry);
+      sink.Data(static_cast<uint32_t>((t & 0xFFFF) << 16 | ((t >> 16) & 0xFFFF)), 32);
+      sink.Data(static_cast<uint32_t>(((t >> 32) & 0xFFFF) << 16 | t >> 48), 32);
+    } else {
+      sink.Tag(kRelativeTimeEntry);
+      sink.Data(ThreeBytesLowFirst(diff), 24);
+    }
+    previous = current;
+  }
+  static uint32_t ThreeBytesLowFirst(uint64_t v) {
+    return static_cast<uint32_t>((v & 0xFF) << 16 | (v & 0xFF00) | ((v >> 16) & 0xFF));
+  }
+  void Head(const TagWalk& t) {
+    TimeEntry();
+    sink.Tag(static_cast<uint8_t>(t.id));
+    sink.Length(static_cast<uint32_t>(t.width));
+  }
+
+  void Sample(TagWalk& t) {
+    const size_t i = t.pos;
+    const uint32_t value = static_cast<uint32_t>(t.values[i]);
+    switch (t.type) {
+      case kTagTypeDelta:
+        Head(t);
+        sink.Data((value - t.prev_value) & t.mask, t.width);
+        t.prev_value = value;
+        break;
+      case kTagTypeState:
+      case kTagTypeState2:
+        StateSample(t);
+        return;  // StateSample advances the cursor itself
+      case kTagTypeRaw:
+        RawSample(t, i);
+        break;
+      default:  // types 0 and 2
+        Head(t);
+        sink.Data(value & t.mask, t.width);
+        break;
+    }
+    t.Advance();
+  }
+
+  void RawSample(TagWalk& t, size_t i) {
+    Head(t);
+    // A plain sample in a raw tag, or a raw sample without bytes, has no bytes to
+    // write: it goes out with a byte count of 0. A count the length field cannot hold
+    // is cut to the largest it can, with that many bytes, so the streams stay in step.
+    const uint8_t* bytes = t.batch.Bytes(i);
+    uint32_t n = bytes != nullptr && t.values[i] > 0 ? static_cast<uint32_t>(t.values[i]) : 0;
+    n = std::min(n, t.mask);
+    sink.Data(n, t.width);
+    sink.Reserve(0, n);
+    sink.DataBytes(bytes, n);
+  }
+
+  void StateSample(TagWalk& t) {
+    const int64_t value = t.values[t.pos];
+    const int64_t time = t.cur_time;
+    if (value != t.last_written) {
+      Head(t);
+      sink.Data(static_cast<uint32_t>(value | 2) & t.mask, t.width);
+      sink.Data(ThreeBytesLowFirst(static_cast<uint64_t>(t.interval)), 24);
+      t.last_written = value;
+    }
+    // Samples 0, 1 and 2 never end a run by a gap; from sample 3 on, a sample more than
+    // twice the interval after its predecessor ends the run after itself.
+    bool gap = t.index >= 3 && GapExceeds(t.prev_time, time, t.interval);
+    t.Advance();
+    if (gap || t.done) {
+      Head(t);
+      sink.Data(0, t.width);
+      t.last_written = -1;
+    }
+  }
+};
+
 template <class Sink>
 class Walker {
  public:
   Walker(BlockSampleSource& source, Sink& sink) : source_(source), sink_(sink) {}
 
+  // Merges the tags by time. Each step writes, in ascending id order, one sample of
+  // every tag whose current sample has the step's time, and finds the next step's time
+  // on the way.
   void Run() {
     OpenTags();
-    while (true) {
+    Sink sink = sink_;  // a local copy, which the compiler can keep in registers
+    int64_t previous = 0;
+    int64_t current = 0;
+    for (size_t k = 0; k < tags_.size(); ++k)
+      if (k == 0 || tags_[k].cur_time < current) current = tags_[k].cur_time;
+    while (!tags_.empty()) {
+      // A step writes at most a time entry and, per tag, a sample and an end item.
+      sink.Reserve(2 * tags_.size() + 1, 0);
+      StepWriter<Sink> step{sink, current, previous};
       bool any = false;
-      for (const TagWalk& t : tags_) {
-        if (t.has_cur && (!any || t.cur_time < current_)) {
-          current_ = t.cur_time;
+      int64_t next = 0;
+      for (size_t k = 0; k < tags_.size();) {
+        TagWalk& t = tags_[k];
+        if (t.cur_time == current) {
+          step.Sample(t);
+          if (t.done) {
+            tags_.erase(tags_.begin() + static_cast<ptrdiff_t>(k));
+            continue;
+          }
+        }
+        if (!any || t.cur_time < next) {
+          next = t.cur_time;
           any = true;
         }
+        ++k;
       }
-      if (!any) break;
-      time_written_ = false;
-      for (TagWalk& t : tags_)
-        if (t.has_cur && t.cur_time == current_) WriteSample(t);
+      current = next;
     }
+    sink_ = sink;
   }
 
  private:
@@ -89,12 +199,12 @@ class Walker {
       TagWalk t;
       t.cursor = source_.OpenTag(id);
       if (!t.cursor) continue;
-      t.batch.resize(kBatch);
-      Refill(t);
-      if (!t.has_cur) continue;
+      t.Fetch();
+      if (t.done) continue;
       t.id = id;
       t.type = kTagDefinitions[id].nType;
       t.width = kTagDefinitions[id].nBits & 31;
+      t.mask = t.width == 0 ? 0 : (uint32_t{1} << t.width) - 1;
       if (IsStateTagType(t.type)) {
         t.interval = source_.Interval(id);
         if (t.interval == 0) t.interval = kDefaultStateInterval;
@@ -103,114 +213,9 @@ class Walker {
     }
   }
 
-  // Writes the step's time entry before its first sample entry.
-  void EnsureTimeEntry() {
-    if (time_written_) return;
-    time_written_ = true;
-    // The difference wraps as 64-bit two's complement arithmetic does.
-    int64_t diff =
-        static_cast<int64_t>(static_cast<uint64_t>(current_) - static_cast<uint64_t>(previous_));
-    if (diff >= kAbsoluteTimeGap) {
-      uint64_t t = static_cast<uint64_t>(current_);
-      sink_.Tag(kAbsoluteTimeEntry);
-      for (int group = 0; group < 4; ++group)
-        sink_.Data(static_cast<uint32_t>(t >> (16 * group)) & 0xFFFF, 16);
-    } else {
-      uint64_t d = static_cast<uint64_t>(diff);
-      sink_.Tag(kRelativeTimeEntry);
-      for (int byte = 0; byte < 3; ++byte)
-        sink_.Data(static_cast<uint32_t>(d >> (8 * byte)) & 0xFF, 8);
-    }
-    previous_ = current_;
-  }
-
-  void EntryHead(const TagWalk& t) {
-    EnsureTimeEntry();
-    sink_.Tag(static_cast<uint8_t>(t.id));
-    sink_.Length(static_cast<uint32_t>(t.width), kLengthItemBits);
-  }
-
-  static void Refill(TagWalk& t) {
-    t.pos = 0;
-    t.count = t.cursor->Next(t.batch.data(), kBatch);
-    t.has_cur = t.count > 0;
-    if (t.has_cur) t.cur_time = t.batch[0].time;
-  }
-
-  // Moves to the tag's next sample. The bytes of the sample left behind may go.
-  static void Advance(TagWalk& t) {
-    t.prev_time = t.cur_time;
-    ++t.index;
-    if (++t.pos < t.count) {
-      t.cur_time = t.batch[t.pos].time;
-    } else {
-      Refill(t);
-    }
-  }
-
-  void WriteSample(TagWalk& t) {
-    const BlockSampleView s = t.batch[t.pos];
-    switch (t.type) {
-      case kTagTypeDelta: {
-        EntryHead(t);
-        uint32_t value = static_cast<uint32_t>(s.value);
-        sink_.Data(value - t.prev_value, t.width);
-        t.prev_value = value;
-        break;
-      }
-      case kTagTypeState:
-      case kTagTypeState2:
-        WriteStateSample(t, s);
-        return;  // WriteStateSample advances the cursor itself
-      case kTagTypeRaw: {
-        EntryHead(t);
-        // A plain sample in a raw tag, or a raw sample without bytes, has no bytes to
-        // write: it goes out with a byte count of 0. A count the length field cannot
-        // hold is cut to the largest it can, with that many bytes, so the streams stay
-        // in step.
-        uint32_t n = 0;
-        if (s.kind == 1 && s.bytes != nullptr && s.value > 0) n = static_cast<uint32_t>(s.value);
-        uint32_t max = t.width == 0 ? 0 : (uint32_t{1} << t.width) - 1;
-        n = std::min(n, max);
-        sink_.Data(n, t.width);
-        sink_.DataBytes(s.bytes, n);
-        break;
-      }
-      default:  // types 0 and 2
-        EntryHead(t);
-        sink_.Data(static_cast<uint32_t>(s.value), t.width);
-        break;
-    }
-    Advance(t);
-  }
-
-  void WriteStateSample(TagWalk& t, const BlockSampleView& s) {
-    int64_t value = s.value;
-    if (value != t.last_written) {
-      EntryHead(t);
-      sink_.Data(static_cast<uint32_t>(value | 2), t.width);
-      uint64_t iv = static_cast<uint64_t>(t.interval);
-      for (int byte = 0; byte < 3; ++byte)
-        sink_.Data(static_cast<uint32_t>(iv >> (8 * byte)) & 0xFF, 8);
-      t.last_written = value;
-    }
-    // Samples 0, 1 and 2 never end a run by a gap; from sample 3 on, a sample more than
-    // twice the interval after its predecessor ends the run after itself.
-    bool gap = t.index >= 3 && GapExceeds(t.prev_time, s.time, t.interval);
-    Advance(t);
-    if (gap || !t.has_cur) {
-      EntryHead(t);
-      sink_.Data(0, t.width);
-      t.last_written = -1;
-    }
-  }
-
   BlockSampleSource& source_;
   Sink& sink_;
   std::vector<TagWalk> tags_;
-  int64_t current_ = 0;
-  int64_t previous_ = 0;
-  bool time_written_ = false;
 };
 
 }  // namespace
@@ -235,8 +240,9 @@ int32_t WriteBlock(BlockSampleSource& source, const BlockStreams& out) {
   // which for a stored program means reading every record file twice.
   BitBuffer* streams[] = {out.tag_ids, out.lengths, out.data};
   for (BitBuffer* b : streams) b->Clear();
-  BufferSink sink{out.tag_ids, out.lengths, out.data};
+  BufferSink sink(out.tag_ids, out.lengths, out.data);
   Walker<BufferSink>(source, sink).Run();
+  sink.Finish();
   // The CRCs go on in this order: data, tag ids, lengths.
   out.data->AppendCrc();
   out.tag_ids->AppendCrc();

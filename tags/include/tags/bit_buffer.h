@@ -123,6 +123,16 @@ class BitBuffer {
   // Pads to a byte, then appends the CRC-32 of every byte held, big-endian.
   void AppendCrc();
 
+  // Direct writing, for writers that keep their own bit accumulator: returns where the
+  // next byte goes, with room for at least `room` bytes. The buffer must hold whole
+  // bytes only (nothing pending since the last PadToByte, or never written).
+  uint8_t* WritableTail(size_t room) {
+    if (size_ + room + kSlack > storage_.size()) Grow(size_ + room);
+    return storage_.data() + size_;
+  }
+  // Counts n bytes written at WritableTail() as stored.
+  void CommitTail(size_t n) { size_ += n; }
+
   // Bits written so far (padding included).
   uint64_t bit_count() const { return static_cast<uint64_t>(size_) * 8 + pending_; }
   // The bytes stored. The writer stores its bits in steps of four bytes, so up to 31

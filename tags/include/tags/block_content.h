@@ -12,6 +12,7 @@
 #include <memory>
 #include <vector>
 
+#include "tags/sample_column.h"
 #include "tags/tag_definitions.h"
 
 namespace marquel {
@@ -23,10 +24,10 @@ struct BlockTagSamples {
   bool raw = false;           // samples carry bytes (tags of the raw-data type)
   int64_t interval = 0;       // sampling interval (state tags); 0 = not known
   bool interval_set = false;  // the interval was set explicitly or read from a block
-  std::vector<int64_t> times;
-  std::vector<int32_t> values;       // plain: the value; raw: the byte count
-  std::vector<uint8_t> raw_bytes;    // raw: the bytes of all samples, back to back
-  std::vector<uint64_t> raw_offset;  // raw: where sample i's bytes start in raw_bytes
+  SampleColumn<int64_t> times;
+  SampleColumn<int32_t> values;       // plain: the value; raw: the byte count
+  SampleColumn<uint8_t> raw_bytes;    // raw: the bytes of all samples, back to back
+  SampleColumn<uint64_t> raw_offset;  // raw: where sample i's bytes start in raw_bytes
 
   size_t size() const { return times.size(); }
   bool empty() const { return times.empty(); }
@@ -40,6 +41,7 @@ struct BlockTagSamples {
   void AddRaw(int64_t time, const uint8_t* bytes, int32_t n);
   // The bytes of raw sample i (values[i] of them).
   const uint8_t* RawData(size_t i) const { return raw_bytes.data() + raw_offset[i]; }
+  // Back to a tag that is not present, with no samples; the lists keep their memory.
   void Clear();
 };
 
@@ -51,25 +53,40 @@ struct BlockContent {
   int32_t HighestTagId() const;
   // Total samples over all tags.
   uint64_t SampleCount() const;
+  // Whether every tag is as Clear() leaves it.
+  bool Empty() const;
+  // Clears every tag (see BlockTagSamples::Clear); the memory is kept for reuse.
   void Clear();
 };
 
-// One sample as the writer sees it.
-struct BlockSampleView {
-  int64_t time = 0;
-  int32_t kind = 0;                // 0 plain, 1 raw (the record kinds of the store)
-  int32_t value = 0;               // plain: the value; raw: the byte count
-  const uint8_t* bytes = nullptr;  // raw: the bytes, or null when the sample has none
+// A run of one tag's samples as the writer sees them, as parallel arrays.
+struct BlockSampleBatch {
+  // An entry of raw_offsets for a sample that has no bytes.
+  static constexpr uint64_t kNoBytes = ~uint64_t{0};
+
+  const int64_t* times = nullptr;
+  const int32_t* values = nullptr;  // plain: the value; raw: the byte count
+  // Raw samples: the bytes of sample i start at raw_base + raw_offsets[i]. Null
+  // raw_offsets: no sample of the batch has bytes.
+  const uint8_t* raw_base = nullptr;
+  const uint64_t* raw_offsets = nullptr;
+  size_t count = 0;
+
+  // The bytes of sample i, or null when it has none.
+  const uint8_t* Bytes(size_t i) const {
+    if (raw_offsets == nullptr || raw_offsets[i] == kNoBytes) return nullptr;
+    return raw_base + raw_offsets[i];
+  }
 };
 
 // Walks one tag's samples in ascending time order, a batch at a time.
 class BlockTagCursor {
  public:
   virtual ~BlockTagCursor() = default;
-  // Fills out[0..max) with the next samples and returns how many it filled; 0 when there
-  // are no more (or the samples cannot be read). The bytes of raw samples stay valid
-  // until the next call.
-  virtual size_t Next(BlockSampleView* out, size_t max) = 0;
+  // Points *batch at the next samples (at least one) and returns true; false when there
+  // are no more (or the samples cannot be read). The arrays stay valid until the next
+  // call.
+  virtual bool Next(BlockSampleBatch* batch) = 0;
 };
 
 // The program as the writer reads it.

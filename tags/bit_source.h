@@ -1,0 +1,111 @@
+// A fast most-significant-bit-first reader for the block decoder's hot loop.
+//
+// It holds the next bits at the top of a 64-bit word and refills that word eight bytes
+// at a time while eight bytes remain, then byte by byte, so that a read of up to 32 bits
+// is a shift and a compare. It never reads past the span it was given. Meant to live in
+// a local variable of one function, where the compiler can keep it in registers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace marquel {
+
+class BitSource {
+ public:
+  BitSource(const uint8_t* data, size_t size) : next_(data), end_(data + size) {}
+
+  // Reads `bits` (1..32) bits into *value; false, with nothing consumed, when fewer remain.
+  bool Read(int bits, uint32_t* value) {
+    if (avail_ < bits) {
+      Refill();
+      if (avail_ < bits) return false;
+    }
+    *value = static_cast<uint32_t>(word_ >> (64 - bits));
+    word_ <<= bits;
+    avail_ -= bits;
+    return true;
+  }
+
+  // Bits not yet read.
+  uint64_t BitsLeft() const { return static_cast<uint64_t>(end_ - next_) * 8 + avail_; }
+
+  // Copies n bytes (8 bits each) to out, or skips them when out is null; false, with
+  // nothing consumed, when fewer bits remain. Works on the span directly, eight bytes a
+  // step, and then takes up the bit position after them.
+  bool ReadBytes(uint8_t* out, uint64_t n) {
+    if (BitsLeft() / 8 < n) return false;
+    if (n == 0) return true;
+    // The read position: bit `shift` of byte `at` (avail_ bits end at next_).
+    const uint8_t* at = next_ - (avail_ + 7) / 8;
+    const int shift = (8 - (avail_ & 7)) & 7;
+    if (out != nullptr) CopyShifted(at, shift, out, static_cast<size_t>(n));
+    next_ = at + n;
+    word_ = 0;
+    avail_ = 0;
+    if (shift != 0) {
+      uint32_t skipped;
+      Read(shift, &skipped);
+    }
+    return true;
+  }
+
+ private:
+  // Copies n bytes that start at bit `shift` (0..7) of `at`. With a shift, n + 1 bytes
+  // from `at` belong to the span, which the caller has made sure of.
+  void CopyShifted(const uint8_t* at, int shift, uint8_t* out, size_t n) const {
+    if (shift == 0) {
+      std::memcpy(out, at, n);
+      return;
+    }
+    size_t i = 0;
+    for (; i + 8 <= n && at + i + 9 <= end_; i += 8) {
+      uint64_t w;
+      std::memcpy(&w, at + i, 8);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+      w = __builtin_bswap64(w);
+#endif
+      w = w << shift | at[i + 8] >> (8 - shift);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+      w = __builtin_bswap64(w);
+#endif
+      std::memcpy(out + i, &w, 8);
+    }
+    for (; i < n; ++i) out[i] = static_cast<uint8_t>(at[i] << shift | at[i + 1] >> (8 - shift));
+  }
+
+  // Invariant: the avail_ bits at the top of word_ are the stream's next bits, and they
+  // are the last avail_ bits before next_. Bits below them are either zero or the true
+  // bits that follow, so OR-ing those bits in again changes nothing.
+  // Needs eight bytes left at next_.
+  void TopUp() {
+    uint64_t w;
+    std::memcpy(&w, next_, sizeof w);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    w = __builtin_bswap64(w);
+#endif
+    // Whole bytes that fit below the bits held are counted; the part of one that does
+    // not fit stays below avail_ and is loaded again next time.
+    word_ |= w >> avail_;
+    next_ += (63 - avail_) >> 3;
+    avail_ |= 56;
+  }
+  void Refill() {
+    if (end_ - next_ >= 8) {
+      TopUp();
+      return;
+    }
+    while (avail_ <= 56 && next_ < end_) {
+      word_ |= uint64_t{*next_++} << (56 - avail_);
+      avail_ += 8;
+    }
+  }
+
+  const uint8_t* next_;
+  const uint8_t* end_;
+  uint64_t word_ = 0;
+  int avail_ = 0;
+};
+
+}  // namespace marquel

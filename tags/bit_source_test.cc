@@ -1,0 +1,102 @@
+#include "bit_source.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+#include "tags/bit_buffer.h"
+#include "width_queue.h"
+
+namespace marquel {
+namespace {
+
+std::vector<uint8_t> RandomBytes(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::vector<uint8_t> bytes(n);
+  for (auto& b : bytes) b = static_cast<uint8_t>(rng());
+  return bytes;
+}
+
+// Random reads of 1 to 32 bits and byte runs at every bit offset give what the plain
+// reader gives, up to the last bit and no further.
+TEST(BitSource, AgreesWithThePlainReaderToTheLastBit) {
+  for (uint32_t seed = 1; seed <= 40; ++seed) {
+    std::vector<uint8_t> bytes = RandomBytes(seed * 7 % 97 + 1, seed);
+    BitSource fast(bytes.data(), bytes.size());
+    BitReader plain(bytes.data(), bytes.size());
+    std::mt19937 rng(seed + 1000);
+    while (true) {
+      ASSERT_EQ(fast.BitsLeft(), plain.BitsLeft());
+      if (rng() % 4 == 0) {
+        size_t n = rng() % 20;
+        std::vector<uint8_t> a(n + 1, 0xEE), b(n + 1, 0xEE);
+        bool ok_plain = plain.ReadBytes(b.data(), n);
+        ASSERT_EQ(fast.ReadBytes(a.data(), n), ok_plain);
+        ASSERT_EQ(a, b) << "seed " << seed;  // nothing written past n bytes either
+        if (!ok_plain) break;
+        continue;
+      }
+      int bits = static_cast<int>(rng() % 32) + 1;
+      uint32_t a = 0, b = 0;
+      bool ok_plain = plain.ReadBits(bits, &b);
+      ASSERT_EQ(fast.Read(bits, &a), ok_plain) << "seed " << seed;
+      if (!ok_plain) break;
+      ASSERT_EQ(a, b) << "seed " << seed << " bits " << bits;
+    }
+  }
+}
+
+TEST(BitSource, SkippedBytesMoveThePositionLikeReadOnes) {
+  std::vector<uint8_t> bytes = RandomBytes(64, 9);
+  for (int lead = 0; lead < 8; ++lead) {
+    BitSource skip(bytes.data(), bytes.size());
+    BitSource read(bytes.data(), bytes.size());
+    uint32_t v, w;
+    if (lead > 0) {
+      ASSERT_TRUE(skip.Read(lead, &v));
+      ASSERT_TRUE(read.Read(lead, &w));
+    }
+    std::vector<uint8_t> sink(13);
+    ASSERT_TRUE(skip.ReadBytes(nullptr, 13));
+    ASSERT_TRUE(read.ReadBytes(sink.data(), 13));
+    ASSERT_TRUE(skip.Read(19, &v));
+    ASSERT_TRUE(read.Read(19, &w));
+    EXPECT_EQ(v, w) << "lead " << lead;
+  }
+}
+
+TEST(BitSource, AReadThatDoesNotFitConsumesNothing) {
+  const uint8_t bytes[3] = {0xAB, 0xCD, 0xEF};
+  BitSource s(bytes, sizeof bytes);
+  uint32_t v = 0;
+  ASSERT_TRUE(s.Read(4, &v));
+  EXPECT_FALSE(s.Read(21, &v));
+  EXPECT_FALSE(s.ReadBytes(nullptr, 3));
+  EXPECT_EQ(s.BitsLeft(), 20u);
+  ASSERT_TRUE(s.Read(20, &v));
+  EXPECT_EQ(v, 0xBCDEFu);
+}
+
+// The queue gives every whole 5-bit item of the stream, in order, and then nothing.
+TEST(WidthQueue, GivesEveryWholeItemOfTheStream) {
+  for (size_t size = 0; size < 200; size += 7) {
+    std::vector<uint8_t> bytes = RandomBytes(size, static_cast<uint32_t>(size) + 3);
+    WidthQueue queue(bytes.data(), bytes.size());
+    BitReader plain(bytes.data(), bytes.size());
+    size_t items = 0;
+    for (size_t n = queue.Refill(); n > 0; n = queue.Refill()) {
+      ASSERT_LE(n, WidthQueue::kBatch);
+      for (size_t i = 0; i < n; ++i, ++items) {
+        uint32_t expected;
+        ASSERT_TRUE(plain.ReadBits(5, &expected)) << "size " << size;
+        ASSERT_EQ(queue.items()[i], expected) << "size " << size << " item " << items;
+      }
+    }
+    EXPECT_EQ(items, size * 8 / 5) << "size " << size;
+    EXPECT_EQ(queue.Refill(), 0u);
+  }
+}
+
+}  // namespace
+}  // namespace marquel

@@ -1,0 +1,62 @@
+#include "block_sinks.h"
+
+#include <algorithm>
+
+namespace marquel {
+
+void BufferSink::DataBytes(const uint8_t* bytes, size_t n) {
+  if (n == 0) return;
+  if (data_.pending == 0) {
+    std::memcpy(data_.at, bytes, n);
+    data_.at += n;
+    return;
+  }
+  // Off a byte boundary, eight bytes a step: the pending bits lead, the chunk follows,
+  // and the chunk's last `pending` bits stay pending.
+  const int p = data_.pending;
+  size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t chunk;
+    std::memcpy(&chunk, bytes + i, 8);
+    chunk = __builtin_bswap64(chunk);
+    uint64_t out = __builtin_bswap64(data_.acc << (64 - p) | chunk >> p);
+    std::memcpy(data_.at, &out, 8);
+    data_.at += 8;
+    data_.acc = chunk;
+  }
+  for (; i < n; ++i) data_.Put(bytes[i], 8);
+}
+
+// Counts the whole bytes written so far into the buffers; the pending bits stay in the
+// accumulators.
+void BufferSink::Commit() {
+  if (tag_at_ == nullptr) return;
+  tag_buffer_->CommitTail(static_cast<size_t>(tag_at_ - tag_buffer_->WritableTail(0)));
+  length_buffer_->CommitTail(static_cast<size_t>(lengths_.at - length_buffer_->WritableTail(0)));
+  data_buffer_->CommitTail(static_cast<size_t>(data_.at - data_buffer_->WritableTail(0)));
+}
+
+void BufferSink::Grow(size_t entries, size_t extra) {
+  Commit();
+  // Room for this step and, growing by halves, for many more like it.
+  auto room = [](BitBuffer* b, size_t need) { return std::max(need, b->size() / 2 + 4096); };
+  size_t tag_room = room(tag_buffer_, entries);
+  size_t length_room = room(length_buffer_, entries + 8);
+  size_t data_room = room(data_buffer_, entries * 8 + extra + 8);
+  tag_at_ = tag_buffer_->WritableTail(tag_room);
+  tag_end_ = tag_at_ + tag_room;
+  lengths_.at = length_buffer_->WritableTail(length_room);
+  length_end_ = lengths_.at + length_room;
+  data_.at = data_buffer_->WritableTail(data_room);
+  data_end_ = data_.at + data_room;
+}
+
+void BufferSink::Finish() {
+  Reserve(1, 0);  // room for the padded last bytes
+  lengths_.Flush();
+  data_.Flush();
+  Commit();
+  tag_at_ = nullptr;
+}
+
+}  // namespace marquel

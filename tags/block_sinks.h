@@ -1,0 +1,93 @@
+// Where the block writer's entries go: counted (for the size prediction) or stored in
+// the three stream buffers. Both keep their state in plain members so that the writer,
+// which holds its sink in a local variable, can keep that state in registers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "tags/bit_buffer.h"
+
+namespace marquel {
+
+// Counts the bits each stream would receive.
+struct CountingSink {
+  uint64_t tag_bytes = 0;
+  uint64_t length_bits = 0;
+  uint64_t data_bits = 0;
+  void Reserve(size_t, size_t) {}
+  void Tag(uint8_t) { ++tag_bytes; }
+  void Length(uint32_t) { length_bits += 5; }
+  void Data(uint32_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
+  void DataBytes(const uint8_t*, size_t n) { data_bits += static_cast<uint64_t>(n) * 8; }
+};
+
+// Bits written most significant first into memory a writer has made room for: pending
+// bits gather in the low end of a 64-bit word and go out 32 at a time.
+struct BitOut {
+  uint8_t* at = nullptr;
+  uint64_t acc = 0;
+  int pending = 0;  // 0..31 between calls
+
+  // Appends the low `bits` bits (0..32) of value, which must have no higher bits set.
+  void Put(uint32_t value, int bits) {
+    acc = (acc << bits) | value;
+    pending += bits;
+    if (pending >= 32) {
+      pending -= 32;
+      uint32_t word = __builtin_bswap32(static_cast<uint32_t>(acc >> pending));
+      std::memcpy(at, &word, 4);
+      at += 4;
+    }
+  }
+  // Stores the pending bits, the last byte padded with zero bits.
+  void Flush() {
+    while (pending >= 8) {
+      pending -= 8;
+      *at++ = static_cast<uint8_t>(acc >> pending);
+    }
+    if (pending > 0) *at++ = static_cast<uint8_t>(acc << (8 - pending));
+    pending = 0;
+    acc = 0;
+  }
+};
+
+// Writes the entries into the three stream buffers, through pointers into room that
+// Reserve makes before each step.
+class BufferSink {
+ public:
+  BufferSink(BitBuffer* tag_ids, BitBuffer* lengths, BitBuffer* data)
+      : tag_buffer_(tag_ids), length_buffer_(lengths), data_buffer_(data) {}
+
+  // Makes room for `entries` sample or time entries plus `extra` bytes of raw data.
+  void Reserve(size_t entries, size_t extra) {
+    // A 5-bit item or a data item may complete a 4-byte word: 8 bytes of margin.
+    if (static_cast<size_t>(tag_end_ - tag_at_) < entries ||
+        static_cast<size_t>(length_end_ - lengths_.at) < entries + 8 ||
+        static_cast<size_t>(data_end_ - data_.at) < entries * 8 + extra + 8)
+      Grow(entries, extra);
+  }
+  void Tag(uint8_t id) { *tag_at_++ = id; }
+  void Length(uint32_t width) { lengths_.Put(width, 5); }
+  void Data(uint32_t value, int bits) { data_.Put(value, bits); }
+  void DataBytes(const uint8_t* bytes, size_t n);
+  // Stores what is pending; each stream ends padded to a byte.
+  void Finish();
+
+ private:
+  void Grow(size_t entries, size_t extra);
+  void Commit();
+
+  BitBuffer* tag_buffer_;
+  BitBuffer* length_buffer_;
+  BitBuffer* data_buffer_;
+  uint8_t* tag_at_ = nullptr;
+  uint8_t* tag_end_ = nullptr;
+  BitOut lengths_;
+  uint8_t* length_end_ = nullptr;
+  BitOut data_;
+  uint8_t* data_end_ = nullptr;
+};
+
+}  // namespace marquel

@@ -1,0 +1,50 @@
+// The length stream of a block, decoded ahead a batch at a time.
+//
+// Length items are 5 bits wide, so every 5 bytes of the stream hold exactly 8 of them,
+// starting on a byte boundary. The queue decodes whole groups of 5 bytes with shifts
+// alone and only the stream's last few bytes item by item, which keeps the work per
+// item small and the block decoder's main loop free of a second bit reader.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace marquel {
+
+class WidthQueue {
+ public:
+  static constexpr size_t kBatch = 64;  // a multiple of 8, so batches start on bytes
+
+  WidthQueue(const uint8_t* data, size_t size) : next_(data), end_(data + size) {}
+
+  // Decodes the next items (up to kBatch) into items() and returns their count; 0 once
+  // the stream holds no whole item more.
+  size_t Refill() {
+    size_t n = 0;
+    while (n + 8 <= kBatch && end_ - next_ >= 5) {
+      uint64_t x = uint64_t{next_[0]} << 32 | uint64_t{next_[1]} << 24 |
+                   uint64_t{next_[2]} << 16 | uint64_t{next_[3]} << 8 | next_[4];
+      for (int k = 0; k < 8; ++k) items_[n + k] = static_cast<uint8_t>((x >> (35 - 5 * k)) & 31);
+      next_ += 5;
+      n += 8;
+    }
+    if (n > 0) return n;
+    // Fewer than 5 bytes remain: as many whole items as their bits hold.
+    size_t bits = static_cast<size_t>(end_ - next_) * 8;
+    uint64_t x = 0;
+    for (const uint8_t* p = next_; p < end_; ++p) x = x << 8 | *p;
+    for (; (n + 1) * 5 <= bits; ++n)
+      items_[n] = static_cast<uint8_t>((x >> (bits - 5 * (n + 1))) & 31);
+    next_ = end_;
+    return n;
+  }
+
+  const uint8_t* items() const { return items_; }
+
+ private:
+  const uint8_t* next_;
+  const uint8_t* end_;
+  uint8_t items_[kBatch];
+};
+
+}  // namespace marquel
