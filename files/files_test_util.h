@@ -9,44 +9,11 @@
 
 #include "files/marquel_files.h"
 #include "log/log.h"
+#include "log/log_capture.h"
 
 namespace marquel::testing_files {
 
-inline std::vector<std::string>& CapturedLines() {
-  static std::vector<std::string> lines;
-  return lines;
-}
-
-inline void CaptureLine(const char* line, size_t n) {
-  CapturedLines().emplace_back(line, n);
-}
-
-// Turns the log on into a capture while it lives.
-class LogCapture {
- public:
-  LogCapture() : saved_(log::CurrentSettings()) {
-    CapturedLines().clear();
-    previous_ = log::SetDebugSink(&CaptureLine);
-    log::Settings on;
-    on.enabled = 1;
-    log::ApplySettings(on);
-  }
-  ~LogCapture() {
-    log::ApplySettings(saved_);
-    log::SetDebugSink(previous_);
-  }
-  // Whether a line reads exactly "[Marquel2.0] <message>".
-  bool Saw(const std::string& message) const {
-    for (const auto& line : CapturedLines()) {
-      if (line == "[Marquel2.0] " + message + "\n") return true;
-    }
-    return false;
-  }
-
- private:
-  log::Settings saved_;
-  log::DebugSink previous_;
-};
+using log::LogCapture;
 
 // Counts the closes that reach sessions and answers them without writing anything (the
 // close policy is the session's business, not the table's), and can make the VOB close

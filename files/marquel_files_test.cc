@@ -110,14 +110,14 @@ TEST(MarquelFilesTest, CloseOfABadHandleLogsAndFails) {
   LogCapture log;
   CountingFiles table;
   EXPECT_EQ(table.CloseFile(-1, 0), MQ_ERR);
-  EXPECT_TRUE(log.Saw("MarquelFiles::CloseFile(-1, 0)"));
-  EXPECT_TRUE(log.Saw("[-1] handle does not exist or invalid"));
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseFile(-1, 0)"));
+  EXPECT_TRUE(log.HasMessage("[-1] handle does not exist or invalid"));
   int32_t h = Open(table, test::TestPath("c.mpg"));
   EXPECT_EQ(table.CloseFile(h, 1), MQ_SUCCESS);
-  EXPECT_TRUE(log.Saw("[0] write file & clean up handle"));
-  EXPECT_TRUE(log.Saw("MarquelFiles::CloseFile(0) MQ_SUCCESS, ref count = -1"));
+  EXPECT_TRUE(log.HasMessage("[0] write file & clean up handle"));
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseFile(0) MQ_SUCCESS, ref count = -1"));
   EXPECT_EQ(table.CloseFile(h, 0), MQ_ERR);
-  EXPECT_TRUE(log.Saw("[0] handle does not exist or invalid"));
+  EXPECT_TRUE(log.HasMessage("[0] handle does not exist or invalid"));
   EXPECT_EQ(table.CloseFile(2048, 0), MQ_ERR);
   EXPECT_EQ(table.CloseFile(INT32_MAX, 0), MQ_ERR);
 }
@@ -128,12 +128,12 @@ TEST(MarquelFilesTest, OpenLogsItsSteps) {
   std::string name = test::TestPath("log.mpg");
   Open(table, name);
   Open(table, name);
-  EXPECT_TRUE(log.Saw("[0] MarquelFiles::OpenFile(" + name + "), new slot"));
-  EXPECT_TRUE(log.Saw("[0] MarquelFiles::OpenFile(" + name + ") ok, ref count = 1"));
-  EXPECT_TRUE(log.Saw("[0] MarquelFiles::OpenFile(" + name + "), file already opened"));
-  EXPECT_TRUE(log.Saw("[0] MarquelFiles::OpenFile(" + name + ") ok, ref count = 2"));
+  EXPECT_TRUE(log.HasMessage("[0] MarquelFiles::OpenFile(" + name + "), new slot"));
+  EXPECT_TRUE(log.HasMessage("[0] MarquelFiles::OpenFile(" + name + ") ok, ref count = 1"));
+  EXPECT_TRUE(log.HasMessage("[0] MarquelFiles::OpenFile(" + name + "), file already opened"));
+  EXPECT_TRUE(log.HasMessage("[0] MarquelFiles::OpenFile(" + name + ") ok, ref count = 2"));
   EXPECT_EQ(table.CloseFile(0, 0), MQ_SUCCESS);
-  EXPECT_TRUE(log.Saw("MarquelFiles::CloseFile(0) MQ_SUCCESS, ref count = 1"));
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseFile(0) MQ_SUCCESS, ref count = 1"));
 }
 
 TEST(MarquelFilesTest, CloseVOBFileFailureKeepsTheCount) {
@@ -145,12 +145,12 @@ TEST(MarquelFilesTest, CloseVOBFileFailureKeepsTheCount) {
   EXPECT_EQ(table.CloseVOBFile(h), -1);
   EXPECT_EQ(table.QueryRefCount(h), 2);
   EXPECT_EQ(table.QueryFileCount(), 1);
-  EXPECT_TRUE(log.Saw("MarquelFiles::CloseVOBFile(0)"));
-  EXPECT_FALSE(log.Saw("MarquelFiles::CloseVOBFile(0), success"));
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseVOBFile(0)"));
+  EXPECT_FALSE(log.HasMessage("MarquelFiles::CloseVOBFile(0), success"));
   table.stats.failVob = false;
   EXPECT_EQ(table.CloseVOBFile(h), MQ_SUCCESS);
   EXPECT_EQ(table.QueryRefCount(h), 1);
-  EXPECT_TRUE(log.Saw("MarquelFiles::CloseVOBFile(0), success"));
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseVOBFile(0), success"));
   EXPECT_EQ(table.CloseVOBFile(h), MQ_SUCCESS);
   EXPECT_EQ(table.QueryFileCount(), 0);
   EXPECT_EQ(table.CloseVOBFile(h), -1);
@@ -163,11 +163,11 @@ TEST(MarquelFilesTest, TheLastCloseReturnsTheSessionsResult) {
   table.stats.closeResult = MQ_AUTOPROCESSFAIL;
   int32_t h = Open(table, test::TestPath("later.mpg"));
   EXPECT_EQ(table.CloseFile(h, 0), MQ_AUTOPROCESSFAIL);
-  EXPECT_TRUE(log.Saw("MarquelFiles::CloseFile(0) MQ_AUTOPROCESSFAIL, ref count = -1"));
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseFile(0) MQ_AUTOPROCESSFAIL, ref count = -1"));
   table.stats.closeResult = 0;
   h = Open(table, test::TestPath("odd.mpg"));
   EXPECT_EQ(table.CloseFile(h, 0), 0);
-  EXPECT_TRUE(log.Saw("MarquelFiles::CloseFile(0) 0, ref count = -1")) << "other results log 0";
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseFile(0) 0, ref count = -1")) << "other results log 0";
   EXPECT_EQ(table.QueryFileCount(), 0);
 }
 
@@ -209,10 +209,10 @@ TEST(MarquelFilesTest, CleanFile) {
   table.InsertOne(h, 0, 16, MakePlainSample(5, 1));
   EXPECT_EQ(table.CleanFile(h), 1);
   EXPECT_EQ(table.QueryOneTagSize(h, 0, 16), 0);
-  EXPECT_TRUE(log.Saw("MarquelFiles::CleanFile(0)"));
-  EXPECT_TRUE(log.Saw("[0] clean file success"));
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CleanFile(0)"));
+  EXPECT_TRUE(log.HasMessage("[0] clean file success"));
   EXPECT_EQ(table.CleanFile(7), -1);
-  EXPECT_TRUE(log.Saw("[7] handle does not exist"));
+  EXPECT_TRUE(log.HasMessage("[7] handle does not exist"));
   EXPECT_EQ(table.CleanFile(-1), -1);
   EXPECT_EQ(table.CleanFile(2048), -1);
 }

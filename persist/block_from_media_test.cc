@@ -8,6 +8,7 @@
 #include "block_assembler.h"
 #include "block_media_test_util.h"
 #include "log/log.h"
+#include "log/log_capture.h"
 #include "platform/crc32.h"
 #include "tags/block_format.h"
 #include "tags/block_program.h"
@@ -19,37 +20,7 @@ namespace {
 
 using mediatest::Bytes;
 
-std::vector<std::string>* g_lines = nullptr;
-void Capture(const char* line, size_t n) {
-  g_lines->emplace_back(line, n);
-}
-
-class LogCapture {
- public:
-  LogCapture() : saved_(log::CurrentSettings()) {
-    g_lines = &lines;
-    log::Settings on;
-    on.enabled = 1;
-    log::ApplySettings(on);
-    previous_ = log::SetDebugSink(Capture);
-  }
-  ~LogCapture() {
-    log::SetDebugSink(previous_);
-    log::ApplySettings(saved_);
-    g_lines = nullptr;
-  }
-  // The lines without the debug-output prefix and line feed.
-  std::vector<std::string> Messages() const {
-    std::vector<std::string> out;
-    for (const std::string& l : lines) out.push_back(l.substr(13, l.size() - 14));
-    return out;
-  }
-  std::vector<std::string> lines;
-
- private:
-  log::Settings saved_;
-  log::DebugSink previous_;
-};
+using log::LogCapture;
 
 // A block big enough to span several packs, in its stored form.
 Bytes SampleBlock() {

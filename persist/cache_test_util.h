@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "log/log.h"
+#include "log/log_capture.h"
 #include "persist/cache_writer.h"
 #include "platform/env.h"
 #include "platform/files.h"
@@ -74,20 +75,7 @@ inline void IdentityOf(const std::string& path, uint64_t identity[2]) {
   identity[1] = static_cast<uint64_t>(st.mtime);
 }
 
-// Captures the log's debug lines while alive (the log is switched on meanwhile).
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();
-  const std::vector<std::string>& Lines() const;
-  // Whether a captured line contains `text`.
-  bool Has(const std::string& text) const;
-  void Clear();
-
- private:
-  log::Settings saved_;
-  log::DebugSink previous_;
-};
+using log::LogCapture;
 
 // An Env whose volumes all report the given file-system name.
 class FakeVolumeEnv : public Env {

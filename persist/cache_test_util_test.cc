@@ -9,17 +9,6 @@
 #include "cache_test_util.h"
 
 namespace marquel::cachetest {
-namespace {
-
-std::vector<std::string>& Captured() {
-  static std::vector<std::string> lines;
-  return lines;
-}
-void Capture(const char* line, size_t n) {
-  Captured().emplace_back(line, n);
-}
-
-}  // namespace
 
 std::vector<std::string> FolderFiles(const std::string& folder) {
   std::vector<std::string> names;
@@ -32,34 +21,6 @@ std::vector<std::string> FolderFiles(const std::string& folder) {
   closedir(dir);
   std::sort(names.begin(), names.end());
   return names;
-}
-
-LogCapture::LogCapture() : saved_(log::CurrentSettings()) {
-  previous_ = log::SetDebugSink(&Capture);
-  log::Settings on;
-  on.enabled = 1;
-  log::ApplySettings(on);
-  Captured().clear();
-}
-
-LogCapture::~LogCapture() {
-  log::ApplySettings(saved_);
-  log::SetDebugSink(previous_);
-}
-
-const std::vector<std::string>& LogCapture::Lines() const {
-  return Captured();
-}
-
-bool LogCapture::Has(const std::string& text) const {
-  for (const std::string& line : Captured()) {
-    if (line.find(text) != std::string::npos) return true;
-  }
-  return false;
-}
-
-void LogCapture::Clear() {
-  Captured().clear();
 }
 
 ScopedMemoryDataHome::ScopedMemoryDataHome() {

@@ -7,6 +7,7 @@
 
 #include "block_test_util.h"
 #include "log/log.h"
+#include "log/log_capture.h"
 #include "tags/block_format.h"
 #include "tags/block_program.h"
 #include "testsupport/fresh_home.h"
@@ -16,32 +17,7 @@ namespace {
 
 using namespace blocktest;
 
-std::vector<std::string>* g_lines = nullptr;
-void Capture(const char* line, size_t n) {
-  g_lines->emplace_back(line, n);
-}
-
-// Turns logging on into a captured list for the test's life.
-class LogCapture {
- public:
-  LogCapture() : saved_(log::CurrentSettings()) {
-    g_lines = &lines;
-    log::Settings on;
-    on.enabled = 1;
-    log::ApplySettings(on);
-    previous_ = log::SetDebugSink(Capture);
-  }
-  ~LogCapture() {
-    log::SetDebugSink(previous_);
-    log::ApplySettings(saved_);
-    g_lines = nullptr;
-  }
-  std::vector<std::string> lines;
-
- private:
-  log::Settings saved_;
-  log::DebugSink previous_;
-};
+using log::LogCapture;
 
 FileHandle Create(const std::string& path) {
   return OpenFileHandle(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0,
@@ -119,8 +95,8 @@ TEST(BlockTempFile, WritingWithoutBuffersWritesNothing) {
   EXPECT_EQ(WriteProgramBlockToFile(p, f), 0);
   EXPECT_EQ(GetFileSize64(f), 0);
   CloseFileHandle(f);
-  ASSERT_FALSE(log.lines.empty());
-  EXPECT_NE(log.lines.back().find("error! process program but no data!"), std::string::npos);
+  ASSERT_FALSE(log.Lines().empty());
+  EXPECT_NE(log.Lines().back().find("error! process program but no data!"), std::string::npos);
 }
 
 struct Damage {
@@ -148,8 +124,8 @@ TEST(BlockTempFile, CrcFailuresReleaseTheBuffersAndSayWhich) {
     EXPECT_EQ(ReadInto(path, &p), 0) << d.line;
     EXPECT_EQ(p.m_ptpHeader, nullptr);
     EXPECT_EQ(p.m_ptpTagID, nullptr);
-    ASSERT_EQ(log.lines.size(), 1u) << d.line;
-    EXPECT_EQ(log.lines[0], std::string("[Marquel2.0] ") + d.line + "\n");
+    ASSERT_EQ(log.Lines().size(), 1u) << d.line;
+    EXPECT_EQ(log.Lines()[0], std::string("[Marquel2.0] ") + d.line + "\n");
   }
 }
 
@@ -158,14 +134,11 @@ TEST(BlockTempFile, CrcFailureIsSilentWhileLoggingIsOff) {
   bytes[4] ^= 1;
   std::string path = test::TestPath("damaged.tmp");
   WriteBytes(path, bytes);
-  std::vector<std::string> lines;
-  g_lines = &lines;
-  log::DebugSink previous = log::SetDebugSink(Capture);
+  LogCapture log;
+  log::ApplySettings(log::Settings());  // logging off; the capture restores the settings
   MQOneProgram p(0);
   EXPECT_EQ(ReadInto(path, &p), 0);
-  log::SetDebugSink(previous);
-  g_lines = nullptr;
-  EXPECT_TRUE(lines.empty());
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST(BlockTempFile, DataCrcIsLeftToTheBlockReader) {
@@ -176,7 +149,7 @@ TEST(BlockTempFile, DataCrcIsLeftToTheBlockReader) {
   LogCapture log;
   MQOneProgram p(0);
   EXPECT_EQ(ReadInto(path, &p), 1);
-  EXPECT_TRUE(log.lines.empty());
+  EXPECT_TRUE(log.Lines().empty());
   BlockRejection why;
   EXPECT_EQ(LoadProgramBlock(p, &why), 0);
   EXPECT_EQ(why, BlockRejection::kDataCrc);
@@ -190,7 +163,7 @@ TEST(BlockTempFile, ShortReadsFailWithoutAMessage) {
     LogCapture log;
     MQOneProgram p(0);
     EXPECT_EQ(ReadInto(path, &p), 0) << keep;
-    EXPECT_TRUE(log.lines.empty()) << keep;
+    EXPECT_TRUE(log.Lines().empty()) << keep;
     EXPECT_EQ(p.m_ptpTagID, nullptr);
   }
 }

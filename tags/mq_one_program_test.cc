@@ -7,43 +7,12 @@
 #include <vector>
 
 #include "log/log.h"
+#include "log/log_capture.h"
 
 namespace marquel {
 namespace {
 
-std::vector<std::string>& Captured() {
-  static std::vector<std::string> lines;
-  return lines;
-}
-void Capture(const char* line, size_t n) {
-  Captured().emplace_back(line, n);
-}
-
-// Turns the log on into a capture for one test.
-class LogCapture {
- public:
-  LogCapture() : saved_(log::CurrentSettings()) {
-    Captured().clear();
-    previous_ = log::SetDebugSink(&Capture);
-    log::Settings on;
-    on.enabled = 1;
-    log::ApplySettings(on);
-  }
-  ~LogCapture() {
-    log::ApplySettings(saved_);
-    log::SetDebugSink(previous_);
-  }
-  bool Saw(const std::string& text) const {
-    for (auto& l : Captured()) {
-      if (l.find(text) != std::string::npos) return true;
-    }
-    return false;
-  }
-
- private:
-  log::Settings saved_;
-  log::DebugSink previous_;
-};
+using log::LogCapture;
 
 TEST(MQOneProgramTest, RawSamplesOnlyIntoTypeFiveTags) {
   MQOneProgram p;
@@ -153,12 +122,12 @@ TEST(MQOneProgramTest, BuffersLogWhenMissing) {
   EXPECT_EQ(p.DataBuffer(), nullptr);
   EXPECT_EQ(p.DataLengthBuffer(), nullptr);
   EXPECT_EQ(p.HeaderBuffer(), nullptr);
-  EXPECT_TRUE(log.Saw("m_ptpTagID = NULL"));
-  EXPECT_TRUE(log.Saw("m_ptpData = NULL"));
-  EXPECT_TRUE(log.Saw("m_ptpDataLength = NULL"));
-  EXPECT_TRUE(log.Saw("m_ptpHeader = NULL"));
+  EXPECT_TRUE(log.Has("m_ptpTagID = NULL"));
+  EXPECT_TRUE(log.Has("m_ptpData = NULL"));
+  EXPECT_TRUE(log.Has("m_ptpDataLength = NULL"));
+  EXPECT_TRUE(log.Has("m_ptpHeader = NULL"));
   EXPECT_EQ(p.CheckBuffersForSerialise(), -1);
-  EXPECT_TRUE(log.Saw("error! process program but no data!"));
+  EXPECT_TRUE(log.Has("error! process program but no data!"));
   p.MakeTagIdBuffer(10);
   p.MakeDataBuffer(10);
   p.MakeDataLengthBuffer(10);
