@@ -1,6 +1,7 @@
 // Detection, pack checkers and system decoders on the ffmpeg-made test media.
 #include <gtest/gtest.h>
 
+#include "detect_test_util.h"
 #include "media/file_type.h"
 #include "media/mpeg_pack_check.h"
 #include "media/mpeg_system_dec.h"
@@ -11,6 +12,7 @@ namespace marquel {
 namespace {
 
 using pstest::Bytes;
+using pstest::DetectPath;
 using pstest::MediaPath;
 
 struct Expected {
@@ -18,15 +20,6 @@ struct Expected {
   uint32_t code;
   uint32_t packet_size;
 };
-
-uint32_t DetectPath(const std::string& path, TsLayout* layout) {
-  const FileHandle h = OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                      0, kInvalidFileHandle);
-  EXPECT_NE(h, kInvalidFileHandle) << path;
-  const uint32_t code = DetectFileType(layout, h, path);
-  CloseFileHandle(h);
-  return code;
-}
 
 TEST(MediaFiles, DetectionOfEveryFile) {
   const Expected all[] = {

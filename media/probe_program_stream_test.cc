@@ -2,6 +2,7 @@
 // scans (Super Video CD picture sizes; MPEG-4, DVD and sequence-header start codes).
 #include <gtest/gtest.h>
 
+#include "detect_test_util.h"
 #include "media/file_type.h"
 #include "ps_test_builder.h"
 #include "testsupport/fresh_home.h"
@@ -255,12 +256,7 @@ TEST(ProbeMpeg1, CheckReadsFiveBytesAfterALateStartCode) {
 uint32_t DetectFile(const Bytes& data, const std::string& name) {
   const std::string path = test::TestPath(name);
   pstest::WriteAll(path, data);
-  const FileHandle h = OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                      0, kInvalidFileHandle);
-  EXPECT_NE(h, kInvalidFileHandle) << path;
-  const uint32_t code = DetectFileType(nullptr, h, path);
-  CloseFileHandle(h);
-  return code;
+  return pstest::DetectPath(path);
 }
 
 TEST(ProbeThroughAFile, KeptQuirksHoldOnTheFilePath) {
