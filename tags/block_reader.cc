@@ -11,6 +11,9 @@
 namespace marquel {
 namespace {
 
+// How many samples ahead of the one written a lane asks for its output lines.
+constexpr size_t kPrefetchAhead = 64;
+
 class Decoder {
  public:
   Decoder(const BlockReadOptions& options, BlockContent* content, BlockReadStats* stats)
@@ -53,6 +56,12 @@ class Decoder {
         if (lane.size == lane.capacity) GrowLane(id);
         lane.times[lane.size] = now;
         lane.values[lane.size] = static_cast<int32_t>(item);
+        // Dozens of lists are written at once, more streams than the processor's
+        // prefetchers follow, so the lane asks for its next lines itself.
+        if ((lane.size & 7) == 0) {
+          __builtin_prefetch(lane.times + lane.size + kPrefetchAhead, 1);
+          __builtin_prefetch(lane.values + lane.size + kPrefetchAhead, 1);
+        }
         ++lane.size;
         continue;
       }
