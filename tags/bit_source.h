@@ -33,14 +33,15 @@ class BitSource {
 
   // Copies n bytes (8 bits each) to out, or skips them when out is null; false, with
   // nothing consumed, when fewer bits remain. Works on the span directly, eight bytes a
-  // step, and then takes up the bit position after them.
-  bool ReadBytes(uint8_t* out, uint64_t n) {
+  // step, and then takes up the bit position after them. With `out_room` of n + 8 or
+  // more, the last step writes eight bytes too (those past n are of no meaning).
+  bool ReadBytes(uint8_t* out, uint64_t n, uint64_t out_room = 0) {
     if (BitsLeft() / 8 < n) return false;
     if (n == 0) return true;
     // The read position: bit `shift` of byte `at` (avail_ bits end at next_).
     const uint8_t* at = next_ - (avail_ + 7) / 8;
     const int shift = (8 - (avail_ & 7)) & 7;
-    if (out != nullptr) CopyShifted(at, shift, out, static_cast<size_t>(n));
+    if (out != nullptr) CopyShifted(at, shift, out, static_cast<size_t>(n), out_room >= n + 8);
     next_ = at + n;
     word_ = 0;
     avail_ = 0;
@@ -53,24 +54,28 @@ class BitSource {
 
  private:
   // Copies n bytes that start at bit `shift` (0..7) of `at`. With a shift, n + 1 bytes
-  // from `at` belong to the span, which the caller has made sure of.
-  void CopyShifted(const uint8_t* at, int shift, uint8_t* out, size_t n) const {
-    if (shift == 0) {
-      std::memcpy(out, at, n);
-      return;
-    }
+  // from `at` belong to the span, which the caller has made sure of. `spill`: eight
+  // bytes may be written past the n.
+  void CopyShifted(const uint8_t* at, int shift, uint8_t* out, size_t n, bool spill) const {
     size_t i = 0;
-    for (; i + 8 <= n && at + i + 9 <= end_; i += 8) {
+    // Eight bytes a step while nine can be loaded (the ninth gives the shifted-in bits),
+    // and while the step stays inside n or may spill past it.
+    for (; (i + 8 <= n || (spill && i < n)) && at + i + 9 <= end_; i += 8) {
       uint64_t w;
       std::memcpy(&w, at + i, 8);
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
       w = __builtin_bswap64(w);
 #endif
-      w = w << shift | at[i + 8] >> (8 - shift);
+      w = w << shift | static_cast<uint64_t>(at[i + 8] >> (8 - shift));  // 0 when shift is 0
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
       w = __builtin_bswap64(w);
 #endif
       std::memcpy(out + i, &w, 8);
+    }
+    if (i >= n) return;
+    if (shift == 0) {
+      std::memcpy(out + i, at + i, n - i);
+      return;
     }
     for (; i < n; ++i) out[i] = static_cast<uint8_t>(at[i] << shift | at[i + 1] >> (8 - shift));
   }

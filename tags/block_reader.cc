@@ -49,11 +49,26 @@ class Decoder {
       if (!data.Read(width, &item)) return BlockRejection::kDataStreamShort;
       Lane& lane = lanes_[id];
       if (lane.open) {
-        if (now <= lane.times[lane.size - 1]) {
+        if (lane.raw) {
+          // A raw sample: `item` bytes follow in the data stream.
+          if (data.BitsLeft() / 8 < item) return BlockRejection::kDataStreamShort;
+          if (now <= lane.times[lane.size - 1]) {
+            ++stats_.dropped_samples;
+            data.ReadBytes(nullptr, item);
+            continue;
+          }
+          if (lane.size == lane.capacity) GrowLane(id);
+          SampleColumn<uint8_t>& bytes = *lane.bytes;
+          bytes.EnsureSpare(item + 8);
+          lane.offsets[lane.size] = bytes.size();
+          data.ReadBytes(bytes.SpareBegin(), item, bytes.Spare());
+          bytes.Commit(item);
+        } else if (now <= lane.times[lane.size - 1]) {
           ++stats_.dropped_samples;
           continue;
+        } else if (lane.size == lane.capacity) {
+          GrowLane(id);
         }
-        if (lane.size == lane.capacity) GrowLane(id);
         lane.times[lane.size] = now;
         lane.values[lane.size] = static_cast<int32_t>(item);
         // Dozens of lists are written at once, more streams than the processor's
@@ -72,6 +87,8 @@ class Decoder {
       if (type == kTagTypeRaw) {
         if (data.BitsLeft() / 8 < item) return BlockRejection::kDataStreamShort;
         data.ReadBytes(RawTarget(id, item, now), item);
+        // Once a valid raw tag holds a sample, its later samples go through its lane.
+        if (state_[id].valid && !content_.tags[id].empty()) OpenLane(id, true);
       } else if (IsStateTagType(type)) {
         uint32_t interval = 0;
         if ((item == 2 || item == 3) && !ReadThreeBytes(data, &interval))
@@ -101,14 +118,19 @@ class Decoder {
   // runs out, and at the end). The lists are never empty while the lane is open.
   struct Lane {
     bool open = false;
+    bool raw = false;  // a raw tag: offsets and bytes are written too
     int64_t* times = nullptr;
     int32_t* values = nullptr;
+    uint64_t* offsets = nullptr;
+    SampleColumn<uint8_t>* bytes = nullptr;
     size_t size = 0;
-    size_t capacity = 0;  // the smaller of the two lists' capacities
+    size_t capacity = 0;  // the smallest of the lists' capacities
   };
 
-  void OpenLane(int32_t id) {
+  void OpenLane(int32_t id, bool raw) {
     lanes_[id].open = true;
+    lanes_[id].raw = raw;
+    lanes_[id].bytes = raw ? &content_.tags[id].raw_bytes : nullptr;
     PointLane(id);
   }
   void PointLane(int32_t id) {
@@ -118,12 +140,17 @@ class Decoder {
     lane.values = tag.values.data();
     lane.size = tag.times.size();
     lane.capacity = std::min(tag.times.capacity(), tag.values.capacity());
+    if (lane.raw) {
+      lane.offsets = tag.raw_offset.data();
+      lane.capacity = std::min(lane.capacity, tag.raw_offset.capacity());
+    }
   }
   void CommitLane(int32_t id) {
     BlockTagSamples& tag = content_.tags[id];
     size_t n = lanes_[id].size - tag.times.size();
     tag.times.Commit(n);
     tag.values.Commit(n);
+    if (lanes_[id].raw) tag.raw_offset.Commit(n);
   }
   __attribute__((noinline)) void GrowLane(int32_t id) {
     CommitLane(id);
@@ -131,6 +158,7 @@ class Decoder {
     size_t more = std::max<size_t>(256, tag.size());
     tag.times.EnsureSpare(more);
     tag.values.EnsureSpare(more);
+    if (lanes_[id].raw) tag.raw_offset.EnsureSpare(more);
     PointLane(id);
   }
 
@@ -198,7 +226,7 @@ class Decoder {
       return;
     }
     Append(id, st.valid, static_cast<int32_t>(item), now);
-    if (st.valid) OpenLane(id);
+    if (st.valid) OpenLane(id, false);
   }
 
   // Where the `count` bytes of a raw sample at `now` go, with the sample counted; null

@@ -4,29 +4,6 @@
 
 namespace marquel {
 
-void BufferSink::DataBytes(const uint8_t* bytes, size_t n) {
-  if (n == 0) return;
-  if (data_.pending == 0) {
-    std::memcpy(data_.at, bytes, n);
-    data_.at += n;
-    return;
-  }
-  // Off a byte boundary, eight bytes a step: the pending bits lead, the chunk follows,
-  // and the chunk's last `pending` bits stay pending.
-  const int p = data_.pending;
-  size_t i = 0;
-  for (; i + 8 <= n; i += 8) {
-    uint64_t chunk;
-    std::memcpy(&chunk, bytes + i, 8);
-    chunk = __builtin_bswap64(chunk);
-    uint64_t out = __builtin_bswap64(data_.acc << (64 - p) | chunk >> p);
-    std::memcpy(data_.at, &out, 8);
-    data_.at += 8;
-    data_.acc = chunk;
-  }
-  for (; i < n; ++i) data_.Put(bytes[i], 8);
-}
-
 // Counts the whole bytes written so far into the buffers; the pending bits stay in the
 // accumulators.
 void BufferSink::Commit() {
@@ -34,6 +11,11 @@ void BufferSink::Commit() {
   tag_buffer_->CommitTail(static_cast<size_t>(tag_at_ - tag_buffer_->WritableTail(0)));
   length_buffer_->CommitTail(static_cast<size_t>(lengths_.at - length_buffer_->WritableTail(0)));
   data_buffer_->CommitTail(static_cast<size_t>(data_.at - data_buffer_->WritableTail(0)));
+}
+
+BufferSink BufferSink::Grown(BufferSink sink, size_t entries, size_t extra) {
+  sink.Grow(entries, extra);
+  return sink;
 }
 
 void BufferSink::Grow(size_t entries, size_t extra) {
@@ -52,7 +34,7 @@ void BufferSink::Grow(size_t entries, size_t extra) {
 }
 
 void BufferSink::Finish() {
-  Reserve(1, 0);  // room for the padded last bytes
+  Grow(1, 0);  // room for the padded last bytes
   lengths_.Flush();
   data_.Flush();
   Commit();

@@ -17,6 +17,7 @@ struct CountingSink {
   uint64_t length_bits = 0;
   uint64_t data_bits = 0;
   void Reserve(size_t, size_t) {}
+  void ReserveData(size_t) {}
   void Tag(uint8_t) { ++tag_bytes; }
   void Length(uint32_t) { length_bits += 5; }
   void Data(uint32_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
@@ -66,16 +67,51 @@ class BufferSink {
     if (static_cast<size_t>(tag_end_ - tag_at_) < entries ||
         static_cast<size_t>(length_end_ - lengths_.at) < entries + 8 ||
         static_cast<size_t>(data_end_ - data_.at) < entries * 8 + extra + 8)
-      Grow(entries, extra);
+      *this = Grown(*this, entries, extra);
+  }
+  // Makes room for `n` more bytes of raw data in the data stream.
+  void ReserveData(size_t n) {
+    if (static_cast<size_t>(data_end_ - data_.at) < n + 16) *this = Grown(*this, 0, n + 16);
   }
   void Tag(uint8_t id) { *tag_at_++ = id; }
   void Length(uint32_t width) { lengths_.Put(width, 5); }
   void Data(uint32_t value, int bits) { data_.Put(value, bits); }
-  void DataBytes(const uint8_t* bytes, size_t n);
+  // Appends n bytes, 8 bits each; the room must have been reserved.
+  void DataBytes(const uint8_t* bytes, size_t n) {
+    if (data_.pending == 0) {
+      std::memcpy(data_.at, bytes, n);
+      data_.at += n;
+      return;
+    }
+    // Off a byte boundary, eight bytes a step: the pending bits lead, the chunk follows,
+    // and the chunk's last `pending` bits stay pending.
+    const int p = data_.pending;
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+      uint64_t chunk;
+      std::memcpy(&chunk, bytes + i, 8);
+      chunk = __builtin_bswap64(chunk);
+      uint64_t out = __builtin_bswap64(data_.acc << (64 - p) | chunk >> p);
+      std::memcpy(data_.at, &out, 8);
+      data_.at += 8;
+      data_.acc = chunk;
+    }
+    if (i + 4 <= n) {
+      uint32_t word;
+      std::memcpy(&word, bytes + i, 4);
+      data_.Put(__builtin_bswap32(word), 32);
+      i += 4;
+    }
+    for (; i < n; ++i) data_.Put(bytes[i], 8);
+  }
   // Stores what is pending; each stream ends padded to a byte.
   void Finish();
 
  private:
+  // The sink with new room. It takes and gives the sink by value, so that a writer that
+  // keeps its sink in a local variable never hands out that variable's address, and the
+  // compiler can keep it in registers.
+  static BufferSink Grown(BufferSink sink, size_t entries, size_t extra);
   void Grow(size_t entries, size_t extra);
   void Commit();
 

@@ -131,7 +131,7 @@ struct StepWriter {
     uint32_t n = bytes != nullptr && t.values[i] > 0 ? static_cast<uint32_t>(t.values[i]) : 0;
     n = std::min(n, t.mask);
     sink.Data(n, t.width);
-    sink.Reserve(0, n);
+    sink.ReserveData(n);
     sink.DataBytes(bytes, n);
   }
 
@@ -175,22 +175,23 @@ class Walker {
       // A step writes at most a time entry and, per tag, a sample and an end item.
       sink.Reserve(2 * tags_.size() + 1, 0);
       StepWriter<Sink> step{sink, current, previous};
-      bool any = false;
-      int64_t next = 0;
-      for (size_t k = 0; k < tags_.size();) {
-        TagWalk& t = tags_[k];
-        if (t.cur_time == current) {
-          step.Sample(t);
-          if (t.done) {
-            tags_.erase(tags_.begin() + static_cast<ptrdiff_t>(k));
+      // The next step's time: the smallest current time left (a tag that has ended is
+      // dropped, which keeps the others in ascending id order).
+      int64_t next = std::numeric_limits<int64_t>::max();
+      TagWalk* end = tags_.data() + tags_.size();
+      for (TagWalk* t = tags_.data(); t != end;) {
+        if (t->cur_time == current) {
+          step.Sample(*t);
+          if (t->done) {
+            size_t at = static_cast<size_t>(t - tags_.data());
+            tags_.erase(tags_.begin() + static_cast<ptrdiff_t>(at));
+            t = tags_.data() + at;
+            end = tags_.data() + tags_.size();
             continue;
           }
         }
-        if (!any || t.cur_time < next) {
-          next = t.cur_time;
-          any = true;
-        }
-        ++k;
+        next = std::min(next, t->cur_time);
+        ++t;
       }
       current = next;
     }
