@@ -26,8 +26,8 @@ struct TagWalk {
   int width = 0;              // value width, 0..31 (what the 5-bit length item can say)
   uint32_t mask = 0;          // the low `width` bits
   int64_t interval = 0;       // state tags: the interval written (0 became the default)
-  uint64_t index = 0;         // index of the current sample among the tag's samples
-  int64_t prev_time = 0;      // time of the sample before the current one
+  uint64_t index = 0;         // state tags: index of the current sample among the tag's
+  int64_t prev_time = 0;      // state tags: time of the sample before the current one
   uint32_t prev_value = 0;    // delta tags: the previous sample's value (0 before the first)
   int64_t last_written = -1;  // state tags: the last state value written, -1 for none
   std::unique_ptr<BlockTagCursor> cursor;
@@ -42,8 +42,6 @@ struct TagWalk {
   }
   // Moves to the next sample; the bytes of the one left behind may go.
   void Advance() {
-    prev_time = cur_time;
-    ++index;
     if (++pos < count) {
       cur_time = times[pos];
       // A program has dozens of tags, each read as two or more arrays: more streams than
@@ -147,6 +145,8 @@ struct StepWriter {
     // Samples 0, 1 and 2 never end a run by a gap; from sample 3 on, a sample more than
     // twice the interval after its predecessor ends the run after itself.
     bool gap = t.index >= 3 && GapExceeds(t.prev_time, time, t.interval);
+    t.prev_time = time;
+    ++t.index;
     t.Advance();
     if (gap || t.done) {
       Head(t);
