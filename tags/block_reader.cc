@@ -47,9 +47,10 @@ class Decoder {
       }
       uint32_t item;
       if (!data.Read(width, &item)) return BlockRejection::kDataStreamShort;
-      Lane& lane = lanes_[id];
-      if (lane.open) {
-        if (lane.raw) {
+      const uint8_t kind = lane_kind_[id];
+      if (kind != kClosed) {
+        Lane& lane = lanes_[id];
+        if (kind == kRawLane) {
           // A raw sample: `item` bytes follow in the data stream.
           if (data.BitsLeft() / 8 < item) return BlockRejection::kDataStreamShort;
           if (now <= lane.times[lane.size - 1]) {
@@ -58,9 +59,9 @@ class Decoder {
             continue;
           }
           if (lane.size == lane.capacity) GrowLane(id);
-          SampleColumn<uint8_t>& bytes = *lane.bytes;
+          SampleColumn<uint8_t>& bytes = *raw_lanes_[id].bytes;
           bytes.EnsureSpare(item + 8);
-          lane.offsets[lane.size] = bytes.size();
+          raw_lanes_[id].offsets[lane.size] = bytes.size();
           data.ReadBytes(bytes.SpareBegin(), item, bytes.Spare());
           bytes.Commit(item);
         } else if (now <= lane.times[lane.size - 1]) {
@@ -106,9 +107,9 @@ class Decoder {
   // Counts what the open lanes wrote into their tags' lists. Call once, after Run.
   void CloseLanes() {
     for (int32_t id = 0; id < kTagIdCount; ++id) {
-      if (!lanes_[id].open) continue;
+      if (lane_kind_[id] == kClosed) continue;
       CommitLane(id);
-      lanes_[id].open = false;
+      lane_kind_[id] = kClosed;
     }
   }
 
@@ -116,21 +117,22 @@ class Decoder {
   // Where the samples of a plain value tag go once its first sample is in: straight into
   // its lists' memory, whose sizes the lane keeps until it commits them (when the room
   // runs out, and at the end). The lists are never empty while the lane is open.
-  struct Lane {
-    bool open = false;
-    bool raw = false;  // a raw tag: offsets and bytes are written too
+  // lane_kind_ says which lanes are open; raw tags' lanes write offsets and bytes too.
+  static constexpr uint8_t kClosed = 0, kValueLane = 1, kRawLane = 2;
+  struct Lane {  // 32 bytes, so that a lane is found with a shift
     int64_t* times = nullptr;
     int32_t* values = nullptr;
-    uint64_t* offsets = nullptr;
-    SampleColumn<uint8_t>* bytes = nullptr;
     size_t size = 0;
     size_t capacity = 0;  // the smallest of the lists' capacities
   };
+  struct RawLane {
+    uint64_t* offsets = nullptr;
+    SampleColumn<uint8_t>* bytes = nullptr;
+  };
 
   void OpenLane(int32_t id, bool raw) {
-    lanes_[id].open = true;
-    lanes_[id].raw = raw;
-    lanes_[id].bytes = raw ? &content_.tags[id].raw_bytes : nullptr;
+    lane_kind_[id] = raw ? kRawLane : kValueLane;
+    raw_lanes_[id].bytes = raw ? &content_.tags[id].raw_bytes : nullptr;
     PointLane(id);
   }
   void PointLane(int32_t id) {
@@ -140,8 +142,8 @@ class Decoder {
     lane.values = tag.values.data();
     lane.size = tag.times.size();
     lane.capacity = std::min(tag.times.capacity(), tag.values.capacity());
-    if (lane.raw) {
-      lane.offsets = tag.raw_offset.data();
+    if (lane_kind_[id] == kRawLane) {
+      raw_lanes_[id].offsets = tag.raw_offset.data();
       lane.capacity = std::min(lane.capacity, tag.raw_offset.capacity());
     }
   }
@@ -150,7 +152,7 @@ class Decoder {
     size_t n = lanes_[id].size - tag.times.size();
     tag.times.Commit(n);
     tag.values.Commit(n);
-    if (lanes_[id].raw) tag.raw_offset.Commit(n);
+    if (lane_kind_[id] == kRawLane) tag.raw_offset.Commit(n);
   }
   __attribute__((noinline)) void GrowLane(int32_t id) {
     CommitLane(id);
@@ -158,7 +160,7 @@ class Decoder {
     size_t more = std::max<size_t>(256, tag.size());
     tag.times.EnsureSpare(more);
     tag.values.EnsureSpare(more);
-    if (lanes_[id].raw) tag.raw_offset.EnsureSpare(more);
+    if (lane_kind_[id] == kRawLane) tag.raw_offset.EnsureSpare(more);
     PointLane(id);
   }
 
@@ -316,6 +318,8 @@ class Decoder {
   BlockReadStats& stats_;
   TagState state_[kTagIdCount];
   Lane lanes_[kTagIdCount];
+  RawLane raw_lanes_[kTagIdCount];
+  uint8_t lane_kind_[kTagIdCount] = {};
 };
 
 }  // namespace
