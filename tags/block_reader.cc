@@ -26,24 +26,26 @@ class Decoder {
   // common entry, a value of a value tag already met, is decoded inline.
   BlockRejection Run(const uint8_t* ids, size_t id_count, WidthQueue& widths, BitSource data) {
     int64_t now = 0;
+    // The queue's items end in its end mark, which comes in place of a width when the
+    // batch is used up; one test catches it and the width 0 together.
     const uint8_t* width_next = widths.items();
-    const uint8_t* width_end = width_next;
     for (const uint8_t *id_next = ids, *id_end = ids + id_count; id_next != id_end; ++id_next) {
       const uint8_t id = *id_next;
       if (id <= kRelativeTimeEntry) {
         if (!TimeEntry(id, data, &now)) return BlockRejection::kDataStreamShort;
         continue;
       }
-      if (width_next == width_end) {
-        size_t n = widths.Refill();
-        if (n == 0) return BlockRejection::kLengthStreamShort;
-        width_next = widths.items();
-        width_end = width_next + n;
-      }
-      const int width = *width_next++;
-      if (width < 1) {
-        ++stats_.skipped_entries;
-        continue;
+      int width = *width_next++;
+      if (static_cast<unsigned>(width - 1) > 30u) {
+        if (width == WidthQueue::kEndMark) {
+          if (widths.Refill() == 0) return BlockRejection::kLengthStreamShort;
+          width_next = widths.items();
+          width = *width_next++;
+        }
+        if (width < 1) {
+          ++stats_.skipped_entries;
+          continue;
+        }
       }
       uint32_t item;
       if (!data.Read(width, &item)) return BlockRejection::kDataStreamShort;

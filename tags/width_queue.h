@@ -14,16 +14,29 @@ namespace marquel {
 class WidthQueue {
  public:
   static constexpr size_t kBatch = 64;  // a multiple of 8, so batches start on bytes
+  // Follows the last item of a batch (an item is at most 31).
+  static constexpr uint8_t kEndMark = 0xFF;
 
-  WidthQueue(const uint8_t* data, size_t size) : next_(data), end_(data + size) {}
+  WidthQueue(const uint8_t* data, size_t size) : next_(data), end_(data + size) {
+    items_[0] = kEndMark;
+  }
 
-  // Decodes the next items (up to kBatch) into items() and returns their count; 0 once
-  // the stream holds no whole item more.
+  // Decodes the next items (up to kBatch) into items(), followed by kEndMark, and
+  // returns their count; 0 once the stream holds no whole item more.
   size_t Refill() {
+    size_t n = Decode();
+    items_[n] = kEndMark;
+    return n;
+  }
+
+  const uint8_t* items() const { return items_; }
+
+ private:
+  size_t Decode() {
     size_t n = 0;
     while (n + 8 <= kBatch && end_ - next_ >= 5) {
-      uint64_t x = uint64_t{next_[0]} << 32 | uint64_t{next_[1]} << 24 |
-                   uint64_t{next_[2]} << 16 | uint64_t{next_[3]} << 8 | next_[4];
+      uint64_t x = uint64_t{next_[0]} << 32 | uint64_t{next_[1]} << 24 | uint64_t{next_[2]} << 16 |
+                   uint64_t{next_[3]} << 8 | next_[4];
       for (int k = 0; k < 8; ++k) items_[n + k] = static_cast<uint8_t>((x >> (35 - 5 * k)) & 31);
       next_ += 5;
       n += 8;
@@ -39,12 +52,9 @@ class WidthQueue {
     return n;
   }
 
-  const uint8_t* items() const { return items_; }
-
- private:
   const uint8_t* next_;
   const uint8_t* end_;
-  uint8_t items_[kBatch];
+  uint8_t items_[kBatch + 1];
 };
 
 }  // namespace marquel
