@@ -78,6 +78,7 @@ class BufferSink {
   void Data(uint32_t value, int bits) { data_.Put(value, bits); }
   // Appends n bytes, 8 bits each; the room must have been reserved.
   void DataBytes(const uint8_t* bytes, size_t n) {
+    if (n == 0) return;  // bytes may be null then
     if (data_.pending == 0) {
       std::memcpy(data_.at, bytes, n);
       data_.at += n;
