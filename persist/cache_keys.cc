@@ -1,6 +1,7 @@
 // Names of the per-user caches.
 #include "persist/cache_keys.h"
 
+#include "platform/env.h"
 #include "platform/key_name.h"
 #include "platform/text.h"
 
@@ -81,7 +82,11 @@ bool SplitCacheEntryKeyPath(const std::string& keyPath, CacheKind* kind, std::st
 }
 
 std::string CacheSubKeyName(const std::string& mediaPath) {
-  return FileKeyName(mediaPath);
+  // The volume is asked about the file's folder, which is still there when the file is
+  // not (a cache entry is also looked up for a file that was deleted or moved away).
+  std::string folder = mediaPath.substr(0, mediaPath.find_last_of('/') + 1);
+  if (folder.empty()) folder = mediaPath;
+  return FileKeyName(mediaPath, !CurrentEnv()->IsCaseInsensitiveVolume(folder));
 }
 
 bool CacheKindForFormat(int32_t format, CacheKind* kind) {

@@ -250,3 +250,45 @@ TEST(CacheWriter, OtherAndAVIEntriesUseTheFileRecord) {
 
 }  // namespace
 }  // namespace marquel
+
+namespace marquel {
+namespace {
+
+using cachetest::Bytes;
+using cachetest::BytesWriter;
+using cachetest::MakeFile;
+using cachetest::ReadAll;
+using cachetest::Request;
+
+// Two files whose names differ only in case are two files on a volume that tells case
+// apart, although the store folds case in key names: each keeps its own cache entry.
+TEST(CacheWriter, NamesThatDifferOnlyInCaseKeepTheirOwnEntries) {
+  std::string upper = MakeFile("Clip.vob", 9000, 1);
+  std::string lower = MakeFile("clip.vob", 9500, 2);
+  CacheEntry eu, el;
+  ASSERT_EQ(WriteCacheEntry(Request(CacheKind::kVR, upper), BytesWriter({{1}}), &eu), 1);
+  ASSERT_EQ(WriteCacheEntry(Request(CacheKind::kVR, lower), BytesWriter({{2}}), &el), 1);
+  EXPECT_NE(eu.id, el.id);
+  EXPECT_EQ(ListCacheEntries(CacheKind::kVR).size(), 2u);
+  CacheEntry again;
+  ASSERT_TRUE(ReadCacheEntry(CacheKind::kVR, CacheSubKeyName(upper), &again));
+  EXPECT_EQ(ReadAll(again.file.cache_path), Bytes{1});
+  ASSERT_TRUE(ReadCacheEntry(CacheKind::kVR, CacheSubKeyName(lower), &again));
+  EXPECT_EQ(ReadAll(again.file.cache_path), Bytes{2});
+}
+
+// On a volume that ignores case, both spellings name one file and find one entry.
+TEST(CacheWriter, OnAVolumeThatIgnoresCaseEverySpellingFindsTheEntry) {
+  cachetest::FakeVolumeEnv vfat("vfat");
+  cachetest::ScopedEnv env(&vfat);
+  std::string media = MakeFile("Clip.vob", 9000, 1);
+  CacheEntry written;
+  ASSERT_EQ(WriteCacheEntry(Request(CacheKind::kVR, media), BytesWriter({{5}}), &written), 1);
+  std::string other_spelling = test::TestPath("CLIP.VOB");
+  CacheEntry found;
+  ASSERT_TRUE(ReadCacheEntry(CacheKind::kVR, CacheSubKeyName(other_spelling), &found));
+  EXPECT_EQ(found.id, written.id);
+}
+
+}  // namespace
+}  // namespace marquel

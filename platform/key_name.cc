@@ -2,14 +2,20 @@
 
 namespace marquel {
 
-std::string FileKeyName(std::string_view path) {
+std::string FileKeyName(std::string_view path, bool case_sensitive) {
   std::string out;
-  out.reserve(path.size());
+  out.reserve(path.size() + 8);
   for (char c : path) {
     if (c == '%') {
       out += "%25";
     } else if (c == '\\') {
       out += "%5C";
+    } else if (c == '^') {
+      out += "%5E";
+    } else if (case_sensitive && c >= 'A' && c <= 'Z') {
+      // The store folds case; the mark keeps "A" and "a" apart.
+      out.push_back('^');
+      out.push_back(c);
     } else {
       out.push_back(c);
     }
@@ -21,21 +27,31 @@ std::string PathFromKeyName(std::string_view keyName) {
   std::string out;
   out.reserve(keyName.size());
   for (size_t i = 0; i < keyName.size(); ++i) {
-    if (keyName[i] == '%' && i + 2 < keyName.size()) {
-      char hi = keyName[i + 1];
-      char lo = keyName[i + 2];
-      if (hi == '2' && lo == '5') {
-        out.push_back('%');
-        i += 2;
+    const char c = keyName[i];
+    if (c == '^' && i + 1 < keyName.size()) {
+      char letter = keyName[i + 1];
+      if (letter >= 'a' && letter <= 'z') letter = static_cast<char>(letter - 'a' + 'A');
+      if (letter >= 'A' && letter <= 'Z') {
+        out.push_back(letter);
+        ++i;
         continue;
       }
-      if (hi == '5' && (lo == 'C' || lo == 'c')) {
-        out.push_back('\\');
+    }
+    if (c == '%' && i + 2 < keyName.size()) {
+      const char hi = keyName[i + 1];
+      const char lo = keyName[i + 2];
+      const char decoded = hi != '2' && hi != '5'                  ? 0
+                           : hi == '2' && lo == '5'                ? '%'
+                           : hi == '5' && (lo == 'C' || lo == 'c') ? '\\'
+                           : hi == '5' && (lo == 'E' || lo == 'e') ? '^'
+                                                                   : 0;
+      if (decoded != 0) {
+        out.push_back(decoded);
         i += 2;
         continue;
       }
     }
-    out.push_back(keyName[i]);
+    out.push_back(c);
   }
   return out;
 }
