@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace marquel {
 
@@ -34,6 +35,18 @@ class WidthQueue {
  private:
   size_t Decode() {
     size_t n = 0;
+    // While eight bytes can be loaded, the group's five come in one load.
+    while (n + 8 <= kBatch && end_ - next_ >= 8) {
+      uint64_t w;
+      std::memcpy(&w, next_, sizeof w);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+      w = __builtin_bswap64(w);
+#endif
+      const uint64_t x = w >> 24;
+      for (int k = 0; k < 8; ++k) items_[n + k] = static_cast<uint8_t>((x >> (35 - 5 * k)) & 31);
+      next_ += 5;
+      n += 8;
+    }
     while (n + 8 <= kBatch && end_ - next_ >= 5) {
       uint64_t x = uint64_t{next_[0]} << 32 | uint64_t{next_[1]} << 24 | uint64_t{next_[2]} << 16 |
                    uint64_t{next_[3]} << 8 | next_[4];
