@@ -23,6 +23,7 @@ struct TagWalk {
   bool done = false;       // no sample left
   int32_t id = 0;
   int32_t type = 0;
+  bool plain = false;         // types 0 and 2: the value as it is
   int width = 0;              // value width, 0..31 (what the 5-bit length item can say)
   uint32_t mask = 0;          // the low `width` bits
   int64_t interval = 0;       // state tags: the interval written (0 became the default)
@@ -99,6 +100,12 @@ struct StepWriter {
   void Sample(TagWalk& t) {
     const size_t i = t.pos;
     const uint32_t value = static_cast<uint32_t>(t.values[i]);
+    if (t.plain) {  // types 0 and 2, the common case, tested first
+      Head(t);
+      sink.Data(value & t.mask, t.width);
+      t.Advance();
+      return;
+    }
     switch (t.type) {
       case kTagTypeDelta:
         Head(t);
@@ -213,6 +220,7 @@ class Walker {
       if (t.done) continue;
       t.id = id;
       t.type = kTagDefinitions[id].nType;
+      t.plain = t.type == kTagTypeValue || t.type == kTagTypeValue2;
       t.width = kTagDefinitions[id].nBits & 31;
       t.mask = t.width == 0 ? 0 : (uint32_t{1} << t.width) - 1;
       if (IsStateTagType(t.type)) {
