@@ -20,8 +20,12 @@ BufferSink BufferSink::Grown(BufferSink sink, size_t entries, size_t extra) {
 
 void BufferSink::Grow(size_t entries, size_t extra) {
   Commit();
-  // Room for this step and, growing by halves, for many more like it.
-  auto room = [](BitBuffer* b, size_t need) { return std::max(need, b->size() / 2 + 4096); };
+  // All the room a buffer has, or more when that is too little for this step (the buffer
+  // then grows by doubling, so growth stays geometric and a reused buffer does not grow).
+  auto room = [](BitBuffer* b, size_t need) {
+    size_t have = b->capacity() > b->size() ? b->capacity() - b->size() : 0;
+    return std::max(need, have);
+  };
   size_t tag_room = room(tag_buffer_, entries);
   size_t length_room = room(length_buffer_, entries + 8);
   size_t data_room = room(data_buffer_, entries * 8 + extra + 8);
