@@ -57,27 +57,36 @@ class BitSource {
   // from `at` belong to the span, which the caller has made sure of. `spill`: eight
   // bytes may be written past the n.
   void CopyShifted(const uint8_t* at, int shift, uint8_t* out, size_t n, bool spill) const {
-    size_t i = 0;
-    // Eight bytes a step while nine can be loaded (the ninth gives the shifted-in bits),
-    // and while the step stays inside n or may spill past it.
-    for (; (i + 8 <= n || (spill && i < n)) && at + i + 9 <= end_; i += 8) {
-      uint64_t w;
-      std::memcpy(&w, at + i, 8);
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-      w = __builtin_bswap64(w);
-#endif
-      w = w << shift | static_cast<uint64_t>(at[i + 8] >> (8 - shift));  // 0 when shift is 0
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-      w = __builtin_bswap64(w);
-#endif
-      std::memcpy(out + i, &w, 8);
+    // Whole steps of eight, the last one spilling: one bounds test for the run.
+    const size_t steps = (n + 7) / 8;
+    if (spill && static_cast<size_t>(end_ - at) >= steps * 8 + 1) {
+      for (size_t i = 0; i < n; i += 8) CopyStep(at + i, shift, out + i);
+      return;
     }
+    // Eight bytes a step while nine can be loaded (the ninth gives the shifted-in bits)
+    // and the step stays inside n; then byte by byte.
+    size_t i = 0;
+    for (; i + 8 <= n && at + i + 9 <= end_; i += 8) CopyStep(at + i, shift, out + i);
     if (i >= n) return;
     if (shift == 0) {
       std::memcpy(out + i, at + i, n - i);
       return;
     }
     for (; i < n; ++i) out[i] = static_cast<uint8_t>(at[i] << shift | at[i + 1] >> (8 - shift));
+  }
+
+  // Eight bytes from bit `shift` of `at` (nine bytes are read) to `out`.
+  static void CopyStep(const uint8_t* at, int shift, uint8_t* out) {
+    uint64_t w;
+    std::memcpy(&w, at, 8);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    w = __builtin_bswap64(w);
+#endif
+    w = w << shift | static_cast<uint64_t>(at[8] >> (8 - shift));  // 0 when shift is 0
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    w = __builtin_bswap64(w);
+#endif
+    std::memcpy(out, &w, 8);
   }
 
   // Invariant: the avail_ bits at the top of word_ are the stream's next bits, and they

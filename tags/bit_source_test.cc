@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <vector>
 
@@ -43,6 +44,30 @@ TEST(BitSource, AgreesWithThePlainReaderToTheLastBit) {
       ASSERT_EQ(fast.Read(bits, &a), ok_plain) << "seed " << seed;
       if (!ok_plain) break;
       ASSERT_EQ(a, b) << "seed " << seed << " bits " << bits;
+    }
+  }
+}
+
+// With room to spill, whole steps of eight are written; the first n bytes are the same
+// and the position after them too.
+TEST(BitSource, SpillingCopiesGiveTheSameBytes) {
+  std::vector<uint8_t> bytes = RandomBytes(80, 21);
+  for (int lead = 0; lead < 8; ++lead) {
+    for (size_t n = 1; n <= 30; ++n) {
+      BitSource spill(bytes.data(), bytes.size());
+      BitReader plain(bytes.data(), bytes.size());
+      uint32_t v = 0, w = 0;
+      if (lead > 0) {
+        ASSERT_TRUE(spill.Read(lead, &v));
+        ASSERT_TRUE(plain.ReadBits(lead, &w));
+      }
+      std::vector<uint8_t> a(n + 8), b(n);
+      ASSERT_TRUE(spill.ReadBytes(a.data(), n, a.size()));
+      ASSERT_TRUE(plain.ReadBytes(b.data(), n));
+      EXPECT_TRUE(std::equal(b.begin(), b.end(), a.begin())) << "lead " << lead << " n " << n;
+      ASSERT_TRUE(spill.Read(11, &v));
+      ASSERT_TRUE(plain.ReadBits(11, &w));
+      EXPECT_EQ(v, w) << "lead " << lead << " n " << n;
     }
   }
 }
