@@ -59,7 +59,10 @@ struct TagWalk {
 
 // Whether `later` - `earlier` exceeds twice `interval`, without overflow.
 bool GapExceeds(int64_t earlier, int64_t later, int64_t interval) {
-  return static_cast<__int128>(later) - earlier > static_cast<__int128>(interval) * 2;
+  int64_t gap, twice;
+  if (__builtin_sub_overflow(later, earlier, &gap) || __builtin_mul_overflow(interval, 2, &twice))
+    return static_cast<__int128>(later) - earlier > static_cast<__int128>(interval) * 2;
+  return gap > twice;
 }
 
 // The entries of one step go out through the sink: the time entry before the first

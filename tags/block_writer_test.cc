@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "block_test_util.h"
 #include "tags/block_format.h"
 
@@ -168,6 +170,35 @@ TEST(BlockWriter, RewritingIntoUsedBuffersStartsAfresh) {
   ASSERT_EQ(EncodeBlock(big_source, &block), 1);
   ASSERT_EQ(EncodeBlock(small_source, &block), 1);
   EXPECT_EQ(block.Bytes(), Encode(small));
+}
+
+}  // namespace
+}  // namespace marquel
+
+namespace marquel {
+namespace {
+
+using namespace blocktest;
+
+// The run-ending gap test holds at the ends of the time range, where the difference of
+// two times or twice the interval no longer fits 64 bits.
+TEST(BlockWriter, GapTestHoldsAtTheEndsOfTheTimeRange) {
+  constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
+  constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
+  // Samples 0-2 never end a run; sample 3 lies far more than twice the interval after
+  // sample 2 (the difference overflows 64 bits), so an end item follows it, and the last
+  // sample starts a new run and ends it. Every time step here is written relative,
+  // because the wrapped differences are negative or small: rel, state; rel, end; rel,
+  // state, end.
+  BlockContent far;
+  AddPlain(far, 17, {{kMin, 1}, {kMin + 1, 1}, {kMin + 2, 1}, {kMax - 1, 1}, {kMax, 1}});
+  far.tags[17].interval = 1;
+  EXPECT_EQ(TagIdStream(far), (Bytes{0x01, 0x11, 0x01, 0x11, 0x01, 0x11, 0x11}));
+  // An interval whose double overflows is never exceeded by a gap.
+  BlockContent wide;
+  AddPlain(wide, 17, {{0, 1}, {1, 1}, {2, 1}, {kMax, 1}});
+  wide.tags[17].interval = kMax / 2 + 1;
+  EXPECT_EQ(TagIdStream(wide), (Bytes{0x01, 0x11, 0x00, 0x11}));
 }
 
 }  // namespace
