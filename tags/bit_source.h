@@ -38,6 +38,24 @@ class BitSource {
   bool ReadBytes(uint8_t* out, uint64_t n, uint64_t out_room = 0) {
     if (BitsLeft() / 8 < n) return false;
     if (n == 0) return true;
+    // Short runs with room to spill come out of the word itself, seven bytes at a time,
+    // while the span has eight bytes to top the word up from.
+    if (out != nullptr && out_room >= n + 8 && n <= 32) {
+      while (n > 0 && end_ - next_ >= 8) {
+        TopUp();  // 56 bits or more held
+        const uint64_t k = n < 7 ? n : 7;
+        uint64_t w = word_;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        w = __builtin_bswap64(w);
+#endif
+        std::memcpy(out, &w, 8);
+        out += k;
+        n -= k;
+        word_ <<= 8 * k;
+        avail_ -= static_cast<int>(8 * k);
+      }
+      if (n == 0) return true;
+    }
     // The read position: bit `shift` of byte `at` (avail_ bits end at next_).
     const uint8_t* at = next_ - (avail_ + 7) / 8;
     const int shift = (8 - (avail_ & 7)) & 7;
