@@ -36,13 +36,14 @@ int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string&
   CacheEntry entry;
   if (!ReadCacheEntry(kind, CacheSubKeyName(oldPath), &entry) || !entry.Complete()) return 1;
   const std::string old_key = entry.KeyPath();
-  const bool same_key = EqualsIgnoreCase(entry.sub_key, CacheSubKeyName(newPath));
+  const std::string new_sub_key = CacheSubKeyName(newPath);
+  const bool same_key = EqualsIgnoreCase(entry.sub_key, new_sub_key);
   if (kind == CacheKind::kTemp) {
     entry.temp.media_path = newPath;
   } else {
     entry.file.media_path = newPath;
   }
-  entry.sub_key = CacheSubKeyName(newPath);
+  entry.sub_key = new_sub_key;
   std::vector<std::string> keep = entry.CacheFiles();
   if (!same_key) {
     // An entry already under the new name belongs to a file that is being replaced.

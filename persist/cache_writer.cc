@@ -87,8 +87,10 @@ int32_t WriteCacheEntry(const CacheWriteRequest& request, const CacheBlockWriter
   CacheEntry found;
   bool reused = FindCacheEntry(request.kind, request.media_path, request.identity, sample, &found);
   reused = reused && found.has_id && found.id < kCacheIdCount;
+  // The key name asks the file system about the volume: made once.
+  const std::string sub_key = CacheSubKeyName(request.media_path);
   CacheEntry previous;  // whatever the sub-key of this name holds now
-  bool had_previous = ReadCacheEntry(request.kind, CacheSubKeyName(request.media_path), &previous);
+  bool had_previous = ReadCacheEntry(request.kind, sub_key, &previous);
   std::vector<std::string> old_files = previous.CacheFiles();
   if (reused) {
     for (const std::string& f : found.CacheFiles())
@@ -97,7 +99,7 @@ int32_t WriteCacheEntry(const CacheWriteRequest& request, const CacheBlockWriter
 
   CacheEntry entry;
   entry.kind = request.kind;
-  entry.sub_key = CacheSubKeyName(request.media_path);
+  entry.sub_key = sub_key;
   if (!WriteBlocks(request, blocks, write, old_files, &entry.programs)) return -1;
   std::vector<std::string> new_files = entry.CacheFiles();
 

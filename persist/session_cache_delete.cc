@@ -12,8 +12,9 @@ namespace marquel {
 int32_t MarquelOneFile::ForceDeleteCacheData(const std::string& path) {
   MQ_LOG("ForceDeleteCacheData(%s)", path.c_str());
   file_name_ = path;
-  DeleteCacheEntry(CacheKind::kTemp, CacheSubKeyName(path));
-  DeleteCacheEntry(CacheKind::kTS, CacheSubKeyName(path));
+  const std::string path_key = CacheSubKeyName(path);
+  DeleteCacheEntry(CacheKind::kTemp, path_key);
+  DeleteCacheEntry(CacheKind::kTS, path_key);
   if (cache_entry_key_.empty()) return 1;
   AccessReg reg;
   if (!reg.Open(HKEY_CURRENT_USER, cache_entry_key_.c_str())) return 1;
