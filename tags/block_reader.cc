@@ -53,20 +53,20 @@ class Decoder {
       if (kind != kClosed) {
         Lane& lane = lanes_[id];
         if (kind == kRawLane) {
-          // A raw sample: `item` bytes follow in the data stream. A stream that ends
-          // first rejects the block, which empties the output again, so what was written
-          // for the sample before the test does not matter.
+          // A raw sample: `item` bytes follow in the data stream. The count is tested
+          // against the stream before anything is reserved for it, as it comes from the
+          // block and may be up to 2^31 - 1.
+          if (data.BitsLeft() / 8 < item) return BlockRejection::kDataStreamShort;
           if (now <= lane.times[lane.size - 1]) {
-            if (!data.ReadBytes(nullptr, item)) return BlockRejection::kDataStreamShort;
             ++stats_.dropped_samples;
+            data.ReadBytes(nullptr, item);
             continue;
           }
           if (lane.size == lane.capacity) GrowLane(id);
           SampleColumn<uint8_t>& bytes = *raw_lanes_[id].bytes;
           bytes.EnsureSpare(item + 8);
           raw_lanes_[id].offsets[lane.size] = bytes.size();
-          if (!data.ReadBytes(bytes.SpareBegin(), item, bytes.Spare()))
-            return BlockRejection::kDataStreamShort;
+          data.ReadBytes(bytes.SpareBegin(), item, bytes.Spare());
           bytes.Commit(item);
         } else if (now <= lane.times[lane.size - 1]) {
           ++stats_.dropped_samples;

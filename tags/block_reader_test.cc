@@ -315,3 +315,35 @@ TEST(BlockReader, EmptyOutputIsReusedAndEmptiedAgainOnRejection) {
 
 }  // namespace
 }  // namespace marquel
+
+namespace marquel {
+namespace {
+
+using namespace blocktest;
+
+// A raw count from a damaged block may be near 2^31. Once the tag's lane is open the count
+// is still held against the stream first, so that no room is ever reserved for bytes the
+// stream does not have.
+TEST(BlockReader, HugeRawCountInALaneIsRefusedBeforeAnyRoomIsMade) {
+  // rel 0, tag 32 (30-bit count) with 1 byte "A"; rel 1, tag 32 with count 2^30 - 1.
+  const Bytes ids = {0x01, 0x20, 0x01, 0x20};
+  const Bytes lengths = {0xF7, 0xC0};  // 30, 30 in 5 bits each
+  BitBuffer data;
+  data.WriteBits(0, 24);
+  data.WriteBits(1, 30);
+  data.WriteBits('A', 8);
+  data.WriteBits(0x010000, 24);  // the step of 1, least significant byte first
+  data.WriteBits((1u << 30) - 1, 30);
+  data.WriteBits(0xFFFF, 16);  // far fewer bytes than announced
+  data.PadToByte();
+  Bytes block = BuildBlock(ids, lengths, Bytes(data.data(), data.data() + data.size()));
+  BlockContent out;
+  BlockRejection why;
+  EXPECT_EQ(Decode(block, &out, &why), 0);
+  EXPECT_EQ(why, BlockRejection::kDataStreamShort);
+  EXPECT_TRUE(out.Empty());
+  EXPECT_LT(out.tags[32].raw_bytes.capacity(), size_t{1} << 20);
+}
+
+}  // namespace
+}  // namespace marquel
