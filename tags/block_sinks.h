@@ -64,14 +64,17 @@ class BufferSink {
   // Makes room for `entries` sample or time entries plus `extra` bytes of raw data.
   void Reserve(size_t entries, size_t extra) {
     // A 5-bit item or a data item may complete a 4-byte word: 8 bytes of margin.
+    step_data_ = entries * 8 + 8;
     if (static_cast<size_t>(tag_end_ - tag_at_) < entries ||
         static_cast<size_t>(length_end_ - lengths_.at) < entries + 8 ||
-        static_cast<size_t>(data_end_ - data_.at) < entries * 8 + extra + 8)
+        static_cast<size_t>(data_end_ - data_.at) < step_data_ + extra)
       *this = Grown(*this, entries, extra);
   }
-  // Makes room for `n` more bytes of raw data in the data stream.
+  // Makes room for `n` more bytes of raw data in the data stream, on top of the room the
+  // last Reserve made for its entries: the entries after the bytes still need theirs.
   void ReserveData(size_t n) {
-    if (static_cast<size_t>(data_end_ - data_.at) < n + 16) *this = Grown(*this, 0, n + 16);
+    if (static_cast<size_t>(data_end_ - data_.at) < step_data_ + n)
+      *this = Grown(*this, 0, step_data_ + n);
   }
   void Tag(uint8_t id) { *tag_at_++ = id; }
   void Length(uint32_t width) { lengths_.Put(width, 5); }
@@ -125,6 +128,7 @@ class BufferSink {
   uint8_t* length_end_ = nullptr;
   BitOut data_;
   uint8_t* data_end_ = nullptr;
+  size_t step_data_ = 8;  // the data room the last Reserve asked for
 };
 
 }  // namespace marquel

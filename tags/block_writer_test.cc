@@ -201,5 +201,21 @@ TEST(BlockWriter, GapTestHoldsAtTheEndsOfTheTimeRange) {
   EXPECT_EQ(TagIdStream(wide), (Bytes{0x01, 0x11, 0x00, 0x11}));
 }
 
+// A long raw sample early in a step, then many entries after it in the same step: the
+// room made for the step must still hold those entries after the raw bytes took theirs.
+// Byte counts around the room's size hit the case whatever the room's exact size is.
+TEST(BlockWriter, RawBytesEarlyInAStepLeaveRoomForTheEntriesAfterThem) {
+  for (size_t n = 400; n < 700; n += 7) {
+    BlockContent c;
+    AddRaw(c, 29, 5, Bytes(n, 0xA5));
+    for (int32_t id = 33; id <= 63; ++id) AddPlain(c, id, {{5, id}});
+    Bytes block = Encode(c);
+    BlockContent back;
+    ASSERT_EQ(Decode(block, &back), 1) << n;
+    EXPECT_EQ(RawOf(back, 29, 0), Bytes(n, 0xA5));
+    for (int32_t id = 33; id <= 63; ++id) EXPECT_EQ(SamplesOf(back, id), (Pairs{{5, id}}));
+  }
+}
+
 }  // namespace
 }  // namespace marquel
