@@ -20,7 +20,11 @@ struct CountingSink {
   void ReserveData(size_t) {}
   void Tag(uint8_t) { ++tag_bytes; }
   void Length(uint32_t) { length_bits += 5; }
+  void TagPattern(const uint8_t*, size_t, size_t count) { tag_bytes += count; }
+  void LengthBits(uint32_t, int bits) { length_bits += static_cast<uint64_t>(bits); }
   void Data(uint32_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
+  void DataPush(uint64_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
+  void DataDrain() {}
   void DataBytes(const uint8_t*, size_t n) { data_bits += static_cast<uint64_t>(n) * 8; }
 };
 
@@ -41,6 +45,21 @@ struct BitOut {
       std::memcpy(at, &word, 4);
       at += 4;
     }
+  }
+  // Appends the low `bits` bits of value (no higher bits set) without storing anything;
+  // the pending bits must stay within 64.
+  void Push(uint64_t value, int bits) {
+    acc = (acc << bits) | value;
+    pending += bits;
+  }
+  // Stores the whole bytes pending (at most 63 bits) and leaves 0 to 7 bits pending. It
+  // writes eight bytes at once, with no test, so there must be room for eight.
+  void Drain() {
+    const uint64_t top = (acc << (63 - pending)) << 1;
+    const uint64_t word = __builtin_bswap64(top);
+    std::memcpy(at, &word, 8);
+    at += pending >> 3;
+    pending &= 7;
   }
   // Stores the pending bits, the last byte padded with zero bits.
   void Flush() {
@@ -78,7 +97,19 @@ class BufferSink {
   }
   void Tag(uint8_t id) { *tag_at_++ = id; }
   void Length(uint32_t width) { lengths_.Put(width, 5); }
+  // Appends the first `count` bytes of `pattern`, copying all `padded` of them (a
+  // multiple of 32, for which Reserve made room) in whole 32-byte pieces.
+  void TagPattern(const uint8_t* pattern, size_t padded, size_t count) {
+    for (size_t i = 0; i < padded; i += 32) std::memcpy(tag_at_ + i, pattern + i, 32);
+    tag_at_ += count;
+  }
+  // Appends the low `bits` bits (0..32) of `items`, several length items at once.
+  void LengthBits(uint32_t items, int bits) { lengths_.Put(items, bits); }
   void Data(uint32_t value, int bits) { data_.Put(value, bits); }
+  // Data bits gathered without a store; DataDrain stores them. Up to 64 bits may gather
+  // after a drain, of which it leaves at most 7 pending.
+  void DataPush(uint64_t value, int bits) { data_.Push(value, bits); }
+  void DataDrain() { data_.Drain(); }
   // Appends n bytes, 8 bits each; the room must have been reserved.
   void DataBytes(const uint8_t* bytes, size_t n) {
     if (n == 0) return;  // bytes may be null then

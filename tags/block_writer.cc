@@ -3,67 +3,14 @@
 #include <algorithm>
 #include <limits>
 
+#include "block_run.h"
 #include "block_sinks.h"
+#include "block_walk.h"
+#include "block_writer_paths.h"
 #include "tags/block_format.h"
 
 namespace marquel {
 namespace {
-
-// How many samples ahead of the current one the walk asks for its input.
-constexpr size_t kPrefetchAhead = 64;
-
-// One tag while the writer walks it.
-struct TagWalk {
-  int64_t cur_time = 0;  // time of the current sample, times[pos]
-  const int64_t* times = nullptr;
-  const int32_t* values = nullptr;
-  size_t pos = 0;
-  size_t count = 0;
-  BlockSampleBatch batch;  // the current batch (for the bytes of raw samples)
-  bool done = false;       // no sample left
-  int32_t id = 0;
-  int32_t type = 0;
-  bool plain = false;         // types 0 and 2: the value as it is
-  int width = 0;              // value width, 0..31 (what the 5-bit length item can say)
-  uint32_t mask = 0;          // the low `width` bits
-  int64_t interval = 0;       // state tags: the interval written (0 became the default)
-  uint64_t index = 0;         // state tags: index of the current sample among the tag's
-  int64_t prev_time = 0;      // state tags: time of the sample before the current one
-  uint32_t prev_value = 0;    // delta tags: the previous sample's value (0 before the first)
-  int64_t last_written = -1;  // state tags: the last state value written, -1 for none
-  std::unique_ptr<BlockTagCursor> cursor;
-
-  void Fetch() {
-    pos = 0;
-    done = !cursor->Next(&batch) || batch.count == 0;
-    count = done ? 0 : batch.count;
-    times = batch.times;
-    values = batch.values;
-    if (!done) cur_time = times[0];
-  }
-  // Moves to the next sample; the bytes of the one left behind may go.
-  void Advance() {
-    if (++pos < count) {
-      cur_time = times[pos];
-      // A program has dozens of tags, each read as two or more arrays: more streams than
-      // the processor's prefetchers follow, so the walk asks for its next lines itself.
-      if ((pos & 7) == 0) {
-        __builtin_prefetch(times + pos + kPrefetchAhead);
-        __builtin_prefetch(values + pos + kPrefetchAhead);
-      }
-    } else {
-      Fetch();
-    }
-  }
-};
-
-// Whether `later` - `earlier` exceeds twice `interval`, without overflow.
-bool GapExceeds(int64_t earlier, int64_t later, int64_t interval) {
-  int64_t gap, twice;
-  if (__builtin_sub_overflow(later, earlier, &gap) || __builtin_mul_overflow(interval, 2, &twice))
-    return static_cast<__int128>(later) - earlier > static_cast<__int128>(interval) * 2;
-  return gap > twice;
-}
 
 // The entries of one step go out through the sink: the time entry before the first
 // sample entry, then the sample entries.
@@ -90,9 +37,6 @@ struct StepWriter {
       sink.Data(ThreeBytesLowFirst(diff), 24);
     }
     previous = current;
-  }
-  static uint32_t ThreeBytesLowFirst(uint64_t v) {
-    return static_cast<uint32_t>((v & 0xFF) << 16 | (v & 0xFF00) | ((v >> 16) & 0xFF));
   }
   void Head(const TagWalk& t) {
     TimeEntry();
@@ -136,8 +80,7 @@ struct StepWriter {
     // write: it goes out with a byte count of 0. A count the length field cannot hold
     // is cut to the largest it can, with that many bytes, so the streams stay in step.
     const uint8_t* bytes = t.batch.Bytes(i);
-    uint32_t n = bytes != nullptr && t.values[i] > 0 ? static_cast<uint32_t>(t.values[i]) : 0;
-    n = std::min(n, t.mask);
+    const uint32_t n = RawByteCount(bytes, t.values[i], t.mask);
     sink.Data(n, t.width);
     sink.ReserveData(n);
     sink.DataBytes(bytes, n);
@@ -169,7 +112,8 @@ struct StepWriter {
 template <class Sink>
 class Walker {
  public:
-  Walker(BlockSampleSource& source, Sink& sink) : source_(source), sink_(sink) {}
+  Walker(BlockSampleSource& source, Sink& sink, WriterPaths paths)
+      : source_(source), sink_(sink), runs_(paths == WriterPaths::kRunsAndSteps) {}
 
   // Merges the tags by time. Each step writes, in ascending id order, one sample of
   // every tag whose current sample has the step's time, and finds the next step's time
@@ -181,7 +125,30 @@ class Walker {
     int64_t current = 0;
     for (size_t k = 0; k < tags_.size(); ++k)
       if (k == 0 || tags_[k].cur_time < current) current = tags_[k].cur_time;
+    size_t wait = 0;     // steps to go step by step before the next run is tried
+    size_t backoff = 1;  // the wait after a run that ended too soon to pay for itself
+    size_t walked = 0;   // steps since the last window was warmed
+    Warm(0, 2 * kWarmWindow);
     while (!tags_.empty()) {
+      if (++walked >= kWarmWindow) {
+        walked = 0;
+        Warm(kWarmWindow, 2 * kWarmWindow);
+      }
+      if (wait > 0) {
+        --wait;
+      } else if (runs_) {
+        const size_t steps = plan_.Make(tags_, current) ? WriteRun(sink, plan_, previous) : 0;
+        plan_.Finish(steps);
+        walked += steps;
+        if (steps > 0) current = EarliestTime();
+        if (steps < kShortRun) {
+          wait = backoff;
+          backoff = std::min<size_t>(backoff * 2, kLongestWait);
+        } else {
+          backoff = 1;
+        }
+      }
+      // The step the run could not write, as every step when there is no run.
       // A step writes at most a time entry and, per tag, a sample and an end item.
       sink.Reserve(2 * tags_.size() + 1, 0);
       StepWriter<Sink> step{sink, current, previous};
@@ -209,6 +176,24 @@ class Walker {
   }
 
  private:
+  // A run this short costs about what it saves: after one, runs are tried again only
+  // after a wait that doubles up to kLongestWait steps.
+  static constexpr size_t kShortRun = 4;
+  static constexpr size_t kLongestWait = 64;
+
+  // The walk reads the tags' next samples into the caches a window at a time, one
+  // window ahead. A window's arrays fit the second-level cache many times over.
+  static constexpr size_t kWarmWindow = 256;
+  void Warm(size_t from, size_t to) const {
+    for (const TagWalk& t : tags_) t.Warm(from, to);
+  }
+
+  int64_t EarliestTime() const {
+    int64_t earliest = std::numeric_limits<int64_t>::max();
+    for (const TagWalk& t : tags_) earliest = std::min(earliest, t.cur_time);
+    return earliest;
+  }
+
   void OpenTags() {
     int32_t highest = std::min<int32_t>(source_.HighestTagId(), kTagIdCount - 1);
     for (int32_t id = 0; id <= highest; ++id) {
@@ -236,7 +221,9 @@ class Walker {
 
   BlockSampleSource& source_;
   Sink& sink_;
+  const bool runs_;
   std::vector<TagWalk> tags_;
+  RunPlan plan_;
 };
 
 }  // namespace
@@ -246,8 +233,12 @@ uint64_t BlockSizes::Total() const {
 }
 
 BlockSizes PredictBlockSizes(BlockSampleSource& source) {
+  return PredictBlockSizes(source, WriterPaths::kRunsAndSteps);
+}
+
+BlockSizes PredictBlockSizes(BlockSampleSource& source, WriterPaths paths) {
   CountingSink sink;
-  Walker<CountingSink>(source, sink).Run();
+  Walker<CountingSink>(source, sink, paths).Run();
   BlockSizes sizes;
   sizes.tag_id_size = sink.tag_bytes + kBlockCrcSize;
   sizes.length_size = sink.length_bits / 8 + kBlockCrcSize;
@@ -256,13 +247,17 @@ BlockSizes PredictBlockSizes(BlockSampleSource& source) {
 }
 
 int32_t WriteBlock(BlockSampleSource& source, const BlockStreams& out) {
+  return WriteBlock(source, out, WriterPaths::kRunsAndSteps);
+}
+
+int32_t WriteBlock(BlockSampleSource& source, const BlockStreams& out, WriterPaths paths) {
   // The buffers grow as the entries come, to exactly the sizes a prediction pass would
   // have reserved (plus the padding); a separate pass would read every sample twice,
   // which for a stored program means reading every record file twice.
   BitBuffer* streams[] = {out.tag_ids, out.lengths, out.data};
   for (BitBuffer* b : streams) b->Clear();
   BufferSink sink(out.tag_ids, out.lengths, out.data);
-  Walker<BufferSink>(source, sink).Run();
+  Walker<BufferSink>(source, sink, paths).Run();
   sink.Finish();
   // The CRCs go on in this order: data, tag ids, lengths.
   out.data->AppendCrc();

@@ -1,0 +1,143 @@
+#include "block_run.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace marquel {
+namespace {
+
+// Twice `interval`, held to the int64 range.
+int64_t TwiceSaturated(int64_t interval) {
+  int64_t twice;
+  if (!__builtin_mul_overflow(interval, 2, &twice)) return twice;
+  return interval > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+}
+
+// How many of the first n times of `a` equal those of `b`. The common case, all of them,
+// is one memcmp, which the C library does with the widest vectors the processor has.
+size_t Agreeing(const int64_t* a, const int64_t* b, size_t n) {
+  if (std::memcmp(a, b, n * sizeof *a) == 0) return n;
+  size_t k = 0;
+  while (a[k] == b[k]) ++k;
+  return k;
+}
+
+// How many of the first n values are `state`, found the same way.
+size_t Repeating(const int32_t* values, int32_t state, size_t n) {
+  uint32_t differ = 0;
+  for (size_t k = 0; k < n; ++k) differ |= static_cast<uint32_t>(values[k] ^ state);
+  if (differ == 0) return n;
+  size_t k = 0;
+  while (values[k] == state) ++k;
+  return k;
+}
+
+}  // namespace
+
+bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
+  times.clear();
+  entries.clear();
+  states.clear();
+  walks.clear();
+  tag_pattern.assign(1, static_cast<uint8_t>(kRelativeTimeEntry));
+  length_words.clear();
+  length_bits.clear();
+  outside = std::numeric_limits<int64_t>::max();
+  state_gap = std::numeric_limits<int64_t>::max();
+  max_steps = std::numeric_limits<size_t>::max();
+  uint64_t pending = 0;
+  int pending_bits = 0;
+  int gathered = 7 + 24;
+  for (TagWalk& t : tags) {
+    if (t.cur_time != current) {
+      outside = std::min(outside, t.cur_time);
+      continue;
+    }
+    if (t.pos + 1 >= t.count) return false;
+    max_steps = std::min(max_steps, t.count - t.pos - 1);
+    times.push_back(t.times + t.pos);
+    walks.push_back(&t);
+    if (IsStateTagType(t.type)) {
+      // The state tag writes nothing at this step only when it repeats the state last
+      // written and its gap from its previous sample ends no run.
+      if (t.values[t.pos] != t.last_written) return false;
+      if (GapExceeds(t.prev_time, current, t.interval)) return false;
+      states.push_back({t.values + t.pos, static_cast<int32_t>(t.last_written)});
+      state_gap = std::min(state_gap, TwiceSaturated(t.interval));
+      continue;
+    }
+    RunEntry e;
+    e.raw = t.type == kTagTypeRaw;
+    if (e.raw && t.batch.raw_offsets != nullptr) {
+      e.raw_offsets = t.batch.raw_offsets + t.pos;
+      e.raw_base = t.batch.raw_base;
+    }
+    e.width = t.width;
+    e.mask = t.mask;
+    e.keep = t.type == kTagTypeDelta ? ~uint32_t{0} : 0;
+    e.subtract = t.type == kTagTypeDelta ? t.prev_value : 0;
+    e.values = t.values + t.pos;
+    e.walk = &t;
+    // Data bits gather in 63 bits: a step starts with at most 7 pending and its 24-bit
+    // time difference; a raw sample starts and leaves at most 7.
+    if (e.raw || gathered + e.width > 63) {
+      e.drain_before = true;
+      gathered = 7;
+    }
+    gathered = e.raw ? 7 : gathered + e.width;
+    entries.push_back(e);
+    tag_pattern.push_back(static_cast<uint8_t>(t.id));
+    // The length items, gathered into pieces of up to 30 bits.
+    pending = pending << 5 | static_cast<uint32_t>(t.width);
+    pending_bits += 5;
+    if (pending_bits == 30) {
+      length_words.push_back(static_cast<uint32_t>(pending));
+      length_bits.push_back(pending_bits);
+      pending = 0;
+      pending_bits = 0;
+    }
+  }
+  if (entries.empty()) return false;  // a step without entries writes no time entry
+  if (pending_bits > 0) {
+    length_words.push_back(static_cast<uint32_t>(pending));
+    length_bits.push_back(pending_bits);
+  }
+  tag_count = tag_pattern.size();
+  tag_pattern.resize((tag_count + 31) / 32 * 32, 0);
+  return true;
+}
+
+size_t RunPlan::GoodSteps(size_t from, size_t n, int64_t previous) const {
+  // The time entries, from the first tag's times: relative, short of the other tags'
+  // samples, and (after the run's first step, which Make checked) within the state
+  // tags' gaps.
+  const int64_t* lead = times[0] + from;
+  size_t good = 0;
+  for (; good < n; ++good) {
+    const int64_t t = lead[good];
+    const uint64_t diff = static_cast<uint64_t>(t) - static_cast<uint64_t>(previous);
+    if (diff >= static_cast<uint64_t>(kAbsoluteTimeGap) || t >= outside) break;
+    if (from + good > 0 && static_cast<int64_t>(diff) > state_gap) break;
+    previous = t;
+  }
+  for (size_t j = 1; j < times.size(); ++j)
+    good = std::min(good, Agreeing(times[j] + from, lead, good));
+  for (const RunState& s : states) good = std::min(good, Repeating(s.values + from, s.state, good));
+  return good;
+}
+
+void RunPlan::Finish(size_t steps) {
+  if (steps == 0) return;
+  for (const RunEntry& e : entries)
+    if (e.keep != 0) e.walk->prev_value = e.subtract;
+  for (TagWalk* t : walks) {
+    t->pos += steps;
+    t->cur_time = t->times[t->pos];
+    if (IsStateTagType(t->type)) {
+      t->index += steps;
+      t->prev_time = t->times[t->pos - 1];
+    }
+  }
+}
+
+}  // namespace marquel

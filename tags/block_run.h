@@ -1,0 +1,164 @@
+// Runs of repeating steps.
+//
+// Through most of a program, the same tags have samples at the same times step after
+// step, and the state tags among them keep their state. Each such step writes the same
+// tag-id bytes and the same length items; only the time difference and the values change.
+// A run writes such steps from patterns made once: it checks that a step still has the
+// shape, then writes its tag ids and length items from the patterns and its data straight
+// from the tags' arrays. The first step of another shape ends the run, and the
+// step-by-step writer takes it. Both write the same bytes; the run only does less work.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "block_walk.h"
+#include "tags/block_format.h"
+
+namespace marquel {
+
+// A tag that writes a sample entry in every step of a run.
+struct RunEntry {
+  bool raw = false;
+  bool drain_before = false;  // the data bits gathered so far must be stored first
+  int width = 0;
+  uint32_t mask = 0;
+  uint32_t keep = 0;                // delta tags: all ones, so that `subtract` follows the values
+  uint32_t subtract = 0;            // what the step's value is written less
+  const int32_t* values = nullptr;  // at the run's first step
+  // Raw tags: where the bytes of the run's first step's sample start, relative to
+  // raw_base (null: no sample of the batch has bytes).
+  const uint64_t* raw_offsets = nullptr;
+  const uint8_t* raw_base = nullptr;
+  TagWalk* walk = nullptr;
+
+  // The bytes of raw sample k of the run and their count, as TagWalk gives them.
+  const uint8_t* RawBytes(size_t k, uint32_t* count) const {
+    const uint8_t* bytes = raw_offsets == nullptr || raw_offsets[k] == BlockSampleBatch::kNoBytes
+                               ? nullptr
+                               : raw_base + raw_offsets[k];
+    *count = RawByteCount(bytes, values[k], mask);
+    return bytes;
+  }
+};
+
+// A state tag of a run: in a run it keeps its state and writes nothing.
+struct RunState {
+  const int32_t* values = nullptr;  // at the run's first step
+  int32_t state = 0;                // the value last written, which every step repeats
+};
+
+// The shape of a run's steps, made at its first step.
+class RunPlan {
+ public:
+  // Makes the plan for the tags whose current sample has time `current`. False when no
+  // run can start here: a step that writes nothing, a state tag that writes at this step,
+  // a tag at the last sample of its batch.
+  bool Make(std::vector<TagWalk>& tags, int64_t current);
+  // How many of the `n` steps from step `from` on keep the run's shape; `previous` is the
+  // time of the time entry before step `from`.
+  size_t GoodSteps(size_t from, size_t n, int64_t previous) const;
+  // Moves the run's tags past `steps` steps.
+  void Finish(size_t steps);
+
+  std::vector<const int64_t*> times;  // every tag of the run, at its current sample
+  std::vector<RunEntry> entries;      // the tags that write, in ascending id order
+  std::vector<RunState> states;
+  std::vector<TagWalk*> walks;  // every tag of the run
+  // A step's tag-id bytes (the relative time entry, then the entries' ids), padded with
+  // zeros to a multiple of 32 bytes, so that it can be copied in whole 32-byte pieces.
+  std::vector<uint8_t> tag_pattern;
+  size_t tag_count = 0;  // how many of those bytes are the step's
+  // A step's length items, in pieces of at most 32 bits.
+  std::vector<uint32_t> length_words;
+  std::vector<int> length_bits;
+  int64_t outside = std::numeric_limits<int64_t>::max();    // the earliest time of the others
+  int64_t state_gap = std::numeric_limits<int64_t>::max();  // a step may be this far apart
+  size_t max_steps = 0;  // the run stays inside every tag's batch, short of its last sample
+};
+
+// The steps a run checks at a time, before it writes them.
+constexpr size_t kRunChunk = 32;
+
+// A run writes each stream on its own, a chunk of steps at a time: each loop then keeps
+// only its own stream's state, which fits in the processor's registers. (One loop over
+// all three streams does not, and its accumulators go through memory at every item.)
+// Each function works on a local copy of the sink, whose address never escapes.
+
+// The tag-id bytes of `n` steps.
+template <class Sink>
+void WriteRunTags(Sink& out, const RunPlan& plan, size_t n) {
+  Sink sink = out;
+  const uint8_t* pattern = plan.tag_pattern.data();
+  const size_t padded = plan.tag_pattern.size();
+  for (size_t k = 0; k < n; ++k) sink.TagPattern(pattern, padded, plan.tag_count);
+  out = sink;
+}
+
+// The length items of `n` steps.
+template <class Sink>
+void WriteRunLengths(Sink& out, const RunPlan& plan, size_t n) {
+  Sink sink = out;
+  const size_t words = plan.length_words.size();
+  for (size_t k = 0; k < n; ++k)
+    for (size_t w = 0; w < words; ++w) sink.LengthBits(plan.length_words[w], plan.length_bits[w]);
+  out = sink;
+}
+
+// The data of steps [from, from + n): each step's time difference, then its entries.
+template <class Sink>
+void WriteRunData(Sink& out, RunPlan& plan, size_t from, size_t n, int64_t& previous) {
+  Sink sink = out;
+  const int64_t* lead = plan.times[0];
+  sink.DataDrain();  // each step starts with at most 7 bits pending
+  for (size_t k = from; k < from + n; ++k) {
+    const int64_t t = lead[k];
+    sink.DataPush(ThreeBytesLowFirst(static_cast<uint64_t>(t) - static_cast<uint64_t>(previous)),
+                  24);
+    previous = t;
+    for (RunEntry& e : plan.entries) {
+      if (e.drain_before) sink.DataDrain();
+      const uint32_t value = static_cast<uint32_t>(e.values[k]);
+      if (!e.raw) {
+        sink.DataPush((value - e.subtract) & e.mask, e.width);
+        e.subtract = value & e.keep;
+        continue;
+      }
+      uint32_t count;
+      const uint8_t* bytes = e.RawBytes(k, &count);
+      sink.DataPush(count, e.width);
+      sink.DataDrain();  // the bytes go out with at most 7 bits before them
+      sink.ReserveData(count);
+      sink.DataBytes(bytes, count);
+      sink.DataDrain();
+    }
+    sink.DataDrain();  // the step-by-step writer takes over with fewer than 32 pending
+  }
+  out = sink;
+}
+
+// Writes the run's steps while they keep the shape and returns how many it wrote.
+// `previous` is the time of the last time entry, and follows the run.
+template <class Sink>
+size_t WriteRun(Sink& sink, RunPlan& plan, int64_t& previous) {
+  size_t done = 0;
+  while (done < plan.max_steps) {
+    const size_t chunk = std::min(kRunChunk, plan.max_steps - done);
+    const size_t good = plan.GoodSteps(done, chunk, previous);
+    if (good == 0) break;
+    // Room for the chunk: Reserve counts 8 data bytes per entry, more than any step
+    // needs; the data loop makes room for raw bytes as they come.
+    sink.Reserve(good * plan.tag_count + plan.tag_pattern.size(), 0);
+    WriteRunTags(sink, plan, good);
+    WriteRunLengths(sink, plan, good);
+    WriteRunData(sink, plan, done, good, previous);
+    done += good;
+    if (good < chunk) break;
+  }
+  return done;
+}
+
+}  // namespace marquel
