@@ -67,8 +67,9 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
       continue;
     }
     RunEntry e;
-    e.raw = t.type == kTagTypeRaw;
-    if (e.raw && t.batch.raw_offsets != nullptr) {
+    const bool raw = t.type == kTagTypeRaw;
+    if (raw) e.flags |= RunEntry::kRaw;
+    if (raw && t.batch.raw_offsets != nullptr) {
       e.raw_offsets = t.batch.raw_offsets + t.pos;
       e.raw_base = t.batch.raw_base;
     }
@@ -79,12 +80,12 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
     e.values = t.values + t.pos;
     e.walk = &t;
     // Data bits gather in 63 bits: a step starts with at most 7 pending and its 24-bit
-    // time difference; a raw sample starts and leaves at most 7.
-    if (e.raw || gathered + e.width > 63) {
-      e.drain_before = true;
+    // time difference; a raw sample leaves at most 7.
+    if (gathered + e.width > 63) {
+      e.flags |= RunEntry::kDrainBefore;
       gathered = 7;
     }
-    gathered = e.raw ? 7 : gathered + e.width;
+    gathered = raw ? 7 : gathered + e.width;
     entries.push_back(e);
     tag_pattern.push_back(static_cast<uint8_t>(t.id));
     // The length items, gathered into pieces of up to 30 bits.

@@ -22,8 +22,9 @@ namespace marquel {
 
 // A tag that writes a sample entry in every step of a run.
 struct RunEntry {
-  bool raw = false;
-  bool drain_before = false;  // the data bits gathered so far must be stored first
+  static constexpr uint8_t kDrainBefore = 1;  // the data bits gathered must be stored first
+  static constexpr uint8_t kRaw = 2;
+  uint8_t flags = 0;
   int width = 0;
   uint32_t mask = 0;
   uint32_t keep = 0;                // delta tags: all ones, so that `subtract` follows the values
@@ -120,20 +121,21 @@ void WriteRunData(Sink& out, RunPlan& plan, size_t from, size_t n, int64_t& prev
                   24);
     previous = t;
     for (RunEntry& e : plan.entries) {
-      if (e.drain_before) sink.DataDrain();
-      const uint32_t value = static_cast<uint32_t>(e.values[k]);
-      if (!e.raw) {
-        sink.DataPush((value - e.subtract) & e.mask, e.width);
-        e.subtract = value & e.keep;
-        continue;
+      if (e.flags != 0) {
+        if (e.flags & RunEntry::kDrainBefore) sink.DataDrain();
+        if (e.flags & RunEntry::kRaw) {
+          uint32_t count;
+          const uint8_t* bytes = e.RawBytes(k, &count);
+          sink.DataPush(count, e.width);
+          sink.DataDrain();  // the bytes go out with at most 7 bits before them
+          sink.ReserveData(count);
+          sink.DataPushBytes(bytes, count);
+          continue;
+        }
       }
-      uint32_t count;
-      const uint8_t* bytes = e.RawBytes(k, &count);
-      sink.DataPush(count, e.width);
-      sink.DataDrain();  // the bytes go out with at most 7 bits before them
-      sink.ReserveData(count);
-      sink.DataBytes(bytes, count);
-      sink.DataDrain();
+      const uint32_t value = static_cast<uint32_t>(e.values[k]);
+      sink.DataPush((value - e.subtract) & e.mask, e.width);
+      e.subtract = value & e.keep;
     }
     sink.DataDrain();  // the step-by-step writer takes over with fewer than 32 pending
   }

@@ -25,6 +25,7 @@ struct CountingSink {
   void Data(uint32_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
   void DataPush(uint64_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
   void DataDrain() {}
+  void DataPushBytes(const uint8_t*, size_t n) { data_bits += static_cast<uint64_t>(n) * 8; }
   void DataBytes(const uint8_t*, size_t n) { data_bits += static_cast<uint64_t>(n) * 8; }
 };
 
@@ -60,6 +61,44 @@ struct BitOut {
     std::memcpy(at, &word, 8);
     at += pending >> 3;
     pending &= 7;
+  }
+  // Appends n bytes, 8 bits each: eight at a time, then the last few as one item. At most
+  // 7 bits may be pending before, and at most 7 are after. It writes up to eight bytes
+  // past the n bytes' end, and reads only the n bytes.
+  void PushBytes(const uint8_t* bytes, size_t n) {
+    const int p = pending;
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+      uint64_t chunk;
+      std::memcpy(&chunk, bytes + i, 8);
+      chunk = __builtin_bswap64(chunk);
+      const uint64_t out = __builtin_bswap64(((acc << (63 - p)) << 1) | chunk >> p);
+      std::memcpy(at, &out, 8);
+      at += 8;
+      acc = chunk;  // its low p bits are still pending
+    }
+    if (i < n) Push(LastBytes(bytes, n, n - i), static_cast<int>(8 * (n - i)));
+    Drain();
+  }
+  // The last `tail` (1..7) of the n bytes as a big-endian number, read without going
+  // outside the n bytes.
+  static uint64_t LastBytes(const uint8_t* bytes, size_t n, size_t tail) {
+    if (n >= 8) {
+      uint64_t w;
+      std::memcpy(&w, bytes + n - 8, 8);
+      return __builtin_bswap64(w) & ((uint64_t{1} << (8 * tail)) - 1);
+    }
+    if (n >= 4) {  // two 4-byte loads that overlap
+      uint32_t hi, lo;
+      std::memcpy(&hi, bytes, 4);
+      std::memcpy(&lo, bytes + n - 4, 4);
+      const int low_bits = static_cast<int>(8 * (n - 4));
+      return uint64_t{__builtin_bswap32(hi)} << low_bits |
+             (__builtin_bswap32(lo) & ((uint64_t{1} << low_bits) - 1));
+    }
+    uint64_t v = 0;
+    for (size_t j = 0; j < n; ++j) v = v << 8 | bytes[j];
+    return v;
   }
   // Stores the pending bits, the last byte padded with zero bits.
   void Flush() {
@@ -110,6 +149,9 @@ class BufferSink {
   // after a drain, of which it leaves at most 7 pending.
   void DataPush(uint64_t value, int bits) { data_.Push(value, bits); }
   void DataDrain() { data_.Drain(); }
+  // BitOut::PushBytes: from at most 7 bits pending, to at most 7; room for n + 8 bytes
+  // must have been made.
+  void DataPushBytes(const uint8_t* bytes, size_t n) { data_.PushBytes(bytes, n); }
   // Appends n bytes, 8 bits each; the room must have been reserved.
   void DataBytes(const uint8_t* bytes, size_t n) {
     if (n == 0) return;  // bytes may be null then
