@@ -1,0 +1,152 @@
+// The data block decoder: the state of one block's decoding, and its entries.
+//
+// Internal to the block reader. The hot loop (Run) keeps the data stream, the width
+// queue's position and the current time in locals; the entries of the common kind go
+// straight into their tags' lists through lanes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "bit_source.h"
+#include "tags/block_content.h"
+#include "tags/block_format.h"
+#include "tags/block_reader.h"
+#include "width_queue.h"
+
+namespace marquel {
+
+// How many samples ahead of the one written a lane asks for its output lines.
+constexpr size_t kPrefetchAhead = 64;
+
+class Decoder {
+ public:
+  Decoder(const BlockReadOptions& options, BlockContent* content, BlockReadStats* stats)
+      : options_(options), content_(*content), stats_(*stats) {
+    for (int32_t id = 0; id < kTagIdCount; ++id) state_[id].type = kTagDefinitions[id].nType;
+  }
+
+  // Decodes the entries. The data stream, the queue position and the current time are
+  // locals whose address is never taken, so that the loop keeps them in registers. The
+  // common entry, a value of a value tag already met, is decoded inline.
+  BlockRejection Run(const uint8_t* ids, size_t id_count, WidthQueue& widths, BitSource data);
+  // Counts what the open lanes wrote into their tags' lists. Call once, after Run.
+  void CloseLanes();
+
+ private:
+  // Where the samples of a plain value tag go once its first sample is in: straight into
+  // its lists' memory, whose sizes the lane keeps until it commits them (when the room
+  // runs out, and at the end). The lists are never empty while the lane is open.
+  // lane_kind_ says which lanes are open; raw tags' lanes write offsets and bytes too.
+  static constexpr uint8_t kClosed = 0, kValueLane = 1, kRawLane = 2;
+  struct Lane {  // 32 bytes, so that a lane is found with a shift
+    int64_t* times = nullptr;
+    int32_t* values = nullptr;
+    size_t size = 0;
+    size_t capacity = 0;  // the smallest of the lists' capacities
+  };
+  struct RawLane {
+    uint64_t* offsets = nullptr;
+    SampleColumn<uint8_t>* bytes = nullptr;
+  };
+
+  void OpenLane(int32_t id, bool raw) {
+    lane_kind_[id] = raw ? kRawLane : kValueLane;
+    raw_lanes_[id].bytes = raw ? &content_.tags[id].raw_bytes : nullptr;
+    PointLane(id);
+  }
+  void PointLane(int32_t id) {
+    BlockTagSamples& tag = content_.tags[id];
+    Lane& lane = lanes_[id];
+    lane.times = tag.times.data();
+    lane.values = tag.values.data();
+    lane.size = tag.times.size();
+    lane.capacity = std::min(tag.times.capacity(), tag.values.capacity());
+    if (lane_kind_[id] == kRawLane) {
+      raw_lanes_[id].offsets = tag.raw_offset.data();
+      lane.capacity = std::min(lane.capacity, tag.raw_offset.capacity());
+    }
+  }
+  void CommitLane(int32_t id) {
+    BlockTagSamples& tag = content_.tags[id];
+    size_t n = lanes_[id].size - tag.times.size();
+    tag.times.Commit(n);
+    tag.values.Commit(n);
+    if (lane_kind_[id] == kRawLane) tag.raw_offset.Commit(n);
+  }
+  __attribute__((noinline)) void GrowLane(int32_t id);
+
+  // Per-tag state of the reader.
+  struct TagState {
+    int32_t type = 0;
+    bool asked = false;
+    bool valid = true;
+    uint32_t sum = 0;       // delta tags: the running sum, kept modulo 2^width
+    bool run_open = false;  // state tags: a run has started and not ended
+    int32_t run_state = 0;
+    int64_t run_start = 0;
+    int64_t interval = 0;  // state tags: the interval of the last state item
+  };
+
+  // An absolute entry (four 16-bit groups, the least significant first) or a relative
+  // one (three bytes, the least significant first).
+  static inline bool TimeEntry(uint8_t id, BitSource& data, int64_t* now) {
+    if (id == kAbsoluteTimeEntry) {
+      uint32_t low, high;
+      if (!data.Read(32, &low) || !data.Read(32, &high)) return false;
+      uint64_t g0 = low >> 16, g1 = low & 0xFFFF, g2 = high >> 16, g3 = high & 0xFFFF;
+      *now = static_cast<int64_t>(g0 | g1 << 16 | g2 << 32 | g3 << 48);
+      return true;
+    }
+    uint32_t d;
+    if (!ReadThreeBytes(data, &d)) return false;
+    // The difference is a signed 24-bit number: the writer stores a step below 1000000
+    // this way, and only a negative first time code makes it negative.
+    int64_t step = (d & 0x800000u) ? static_cast<int64_t>(d) - 0x1000000 : d;
+    *now = static_cast<int64_t>(static_cast<uint64_t>(*now) + static_cast<uint64_t>(step));
+    return true;
+  }
+
+  // Three bytes, the least significant first.
+  static bool ReadThreeBytes(BitSource& data, uint32_t* out) {
+    uint32_t v;
+    if (!data.Read(24, &v)) return false;
+    *out = (v >> 16) | (v & 0xFF00) | (v & 0xFF) << 16;
+    return true;
+  }
+
+  // Marks the tag present and asks about it the first time; returns its type.
+  int32_t Meet(int32_t id);
+
+  // A value or delta entry outside a lane: the first value of a value tag (which then
+  // opens the tag's lane), a value of a refused tag, or a delta.
+  void ValueEntry(int32_t id, int width, uint32_t item, int64_t now);
+
+  // Where the `count` bytes of a raw sample at `now` go, with the sample counted; null
+  // when they are to be skipped.
+  uint8_t* RawTarget(int32_t id, uint32_t count, int64_t now);
+
+  // A state tag's item, with the interval that follows a state item.
+  BlockRejection StateItem(int32_t id, uint32_t item, uint32_t interval, int64_t now);
+
+  // Adds samples of the run's state at run start + k * interval, k >= 1, that lie after
+  // the tag's last sample and before `limit` (up to and including it when inclusive).
+  void Fill(int32_t id, int64_t limit, bool inclusive);
+
+  // Whether a sample at `now` would come after the tag's last sample.
+  static bool After(const BlockTagSamples& tag, int64_t now) {
+    return tag.empty() || tag.times.back() < now;
+  }
+
+  void Append(int32_t id, bool valid, int32_t value, int64_t now);
+
+  const BlockReadOptions& options_;
+  BlockContent& content_;
+  BlockReadStats& stats_;
+  TagState state_[kTagIdCount];
+  Lane lanes_[kTagIdCount];
+  RawLane raw_lanes_[kTagIdCount];
+  uint8_t lane_kind_[kTagIdCount] = {};
+};
+
+}  // namespace marquel
