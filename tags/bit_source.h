@@ -14,7 +14,11 @@ namespace marquel {
 
 class BitSource {
  public:
-  BitSource(const uint8_t* data, size_t size) : next_(data), end_(data + size) {}
+  BitSource(const uint8_t* data, size_t size)
+      : begin_(data),
+        next_(data),
+        end_(data + size),
+        whole_word_limit_(size >= 8 ? static_cast<int64_t>(size - 8) * 8 : -1) {}
 
   // Reads `bits` (1..32) bits into *value; false, with nothing consumed, when fewer remain.
   bool Read(int bits, uint32_t* value) {
@@ -28,8 +32,60 @@ class BitSource {
     return true;
   }
 
+  // Like Read, but the bits stay unread.
+  bool Peek(int bits, uint32_t* value) {
+    if (avail_ < bits) {
+      Refill();
+      if (avail_ < bits) return false;
+    }
+    *value = static_cast<uint32_t>(word_ >> (64 - bits));
+    return true;
+  }
+
+  // Reading by position. A loop that keeps the bit position itself and reads at it
+  // makes no step depend on the last one's load: the next position is known before the
+  // bits at this one arrive.
+
+  // The read position, in bits from the start of the span.
+  uint64_t Tell() const {
+    return static_cast<uint64_t>(next_ - begin_) * 8 - static_cast<uint64_t>(avail_);
+  }
+  // Moves the read position to `bit` (at most the span's size in bits).
+  void Seek(uint64_t bit) {
+    next_ = begin_ + bit / 8;
+    word_ = 0;
+    avail_ = 0;
+    uint32_t skipped;
+    if (bit % 8 != 0) Read(static_cast<int>(bit % 8), &skipped);
+  }
+  // Reads `bits` (1..32) at bit `pos` without moving the reader; false when the span
+  // ends first.
+  bool ReadAt(uint64_t pos, int bits, uint32_t* value) const {
+    if (static_cast<int64_t>(pos) > whole_word_limit_) return ReadAtNearEnd(pos, bits, value);
+    uint64_t w;
+    std::memcpy(&w, begin_ + pos / 8, sizeof w);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    w = __builtin_bswap64(w);
+#endif
+    *value = static_cast<uint32_t>((w << (pos % 8)) >> (64 - bits));
+    return true;
+  }
+  // Copies the n bytes at bit `pos` to out, or only tests that they are there when out is
+  // null (as ReadBytes does, `out_room` of n + 8 or more lets it write eight bytes at a
+  // time); false when the span ends first.
+  bool CopyAt(uint64_t pos, uint8_t* out, uint64_t n, uint64_t out_room) const {
+    const uint64_t size_bits = static_cast<uint64_t>(end_ - begin_) * 8;
+    if (pos > size_bits || (size_bits - pos) / 8 < n) return false;
+    if (out != nullptr && n > 0)
+      CopyShifted(begin_ + pos / 8, static_cast<int>(pos % 8), out, static_cast<size_t>(n),
+                  out_room >= n + 8);
+    return true;
+  }
+
   // Bits not yet read.
-  uint64_t BitsLeft() const { return static_cast<uint64_t>(end_ - next_) * 8 + avail_; }
+  uint64_t BitsLeft() const {
+    return static_cast<uint64_t>(end_ - next_) * 8 + avail_;
+  }
 
   // Copies n bytes (8 bits each) to out, or skips them when out is null; false, with
   // nothing consumed, when fewer bits remain. Works on the span directly, eight bytes a
@@ -134,8 +190,23 @@ class BitSource {
     }
   }
 
+  // ReadAt for a position whose eight bytes would pass the span's end.
+  bool ReadAtNearEnd(uint64_t pos, int bits, uint32_t* value) const {
+    const uint64_t size_bits = static_cast<uint64_t>(end_ - begin_) * 8;
+    if (pos > size_bits || size_bits - pos < static_cast<uint64_t>(bits)) return false;
+    uint64_t w = 0;
+    for (uint64_t i = 0; i < 8; ++i) {
+      const uint64_t at = pos / 8 + i;
+      w = w << 8 | (at < static_cast<uint64_t>(end_ - begin_) ? begin_[at] : 0);
+    }
+    *value = static_cast<uint32_t>((w << (pos % 8)) >> (64 - bits));
+    return true;
+  }
+
+  const uint8_t* begin_;
   const uint8_t* next_;
   const uint8_t* end_;
+  int64_t whole_word_limit_;  // the last bit position whose eight bytes lie in the span
   uint64_t word_ = 0;
   int avail_ = 0;
 };

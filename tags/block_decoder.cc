@@ -3,8 +3,17 @@
 
 #include "block_decoder.h"
 #include "block_decoder_entries.h"
+#include "block_decoder_runs.h"
 
 namespace marquel {
+namespace {
+
+// A run this short costs about what it saves: after one, runs are tried again only after
+// a wait that doubles up to kLongestWait steps.
+constexpr size_t kShortRun = 4;
+constexpr size_t kLongestWait = 64;
+
+}  // namespace
 
 // Decodes the entries. The data stream, the queue position and the current time are
 // locals whose address is never taken, so that the loop keeps them in registers. The
@@ -15,9 +24,37 @@ BlockRejection Decoder::Run(const uint8_t* ids, size_t id_count, WidthQueue& wid
   // The queue's items end in its end mark, which comes in place of a width when the
   // batch is used up; one test catches it and the width 0 together.
   const uint8_t* width_next = widths.items();
-  for (const uint8_t *id_next = ids, *id_end = ids + id_count; id_next != id_end; ++id_next) {
+  const uint8_t* id_next = ids;
+  const uint8_t* const id_end = ids + id_count;
+  const uint8_t* step_start = nullptr;  // the time entry of the step being decoded
+  size_t wait = 0;                      // steps to decode here before a run is tried again
+  size_t backoff = 1;                   // the wait after a run too short to pay for itself
+  for (; id_next != id_end; ++id_next) {
     const uint8_t id = *id_next;
     if (id <= kRelativeTimeEntry) {
+      if (wait > 0) {
+        --wait;
+      } else if (runs_ && step_start != nullptr) {
+        // The steps that repeat the one just decoded go to a run.
+        const size_t step_size = static_cast<size_t>(id_next - step_start);
+        RunResult run =
+            DecodeRun(Position{id_next, width_next, data, now}, id_end, step_size, widths);
+        id_next = run.at.id_next;
+        width_next = run.at.width_next;
+        data = run.at.data;
+        now = run.at.now;
+        if (run.reason != BlockRejection::kNone) return run.reason;
+        // The step that ended the run is decoded here; after a short run, the next
+        // tries wait a while, longer each time.
+        wait = run.steps < kShortRun ? backoff : 1;
+        backoff = run.steps < kShortRun ? std::min(backoff * 2, kLongestWait) : 1;
+        if (run.steps > 0) {
+          step_start = run.step_start;
+          --id_next;  // the loop's step brings it back to what follows the run
+          continue;
+        }
+      }
+      step_start = id_next;
       if (!TimeEntry(id, data, &now)) return BlockRejection::kDataStreamShort;
       continue;
     }

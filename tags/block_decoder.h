@@ -21,8 +21,11 @@ constexpr size_t kPrefetchAhead = 64;
 
 class Decoder {
  public:
-  Decoder(const BlockReadOptions& options, BlockContent* content, BlockReadStats* stats)
-      : options_(options), content_(*content), stats_(*stats) {
+  // `runs`: whether steps that repeat the one before them go to runs (both ways decode
+  // the same).
+  Decoder(const BlockReadOptions& options, BlockContent* content, BlockReadStats* stats,
+          bool runs = true)
+      : runs_(runs), options_(options), content_(*content), stats_(*stats) {
     for (int32_t id = 0; id < kTagIdCount; ++id) state_[id].type = kTagDefinitions[id].nType;
   }
 
@@ -98,20 +101,27 @@ class Decoder {
       *now = static_cast<int64_t>(g0 | g1 << 16 | g2 << 32 | g3 << 48);
       return true;
     }
-    uint32_t d;
-    if (!ReadThreeBytes(data, &d)) return false;
-    // The difference is a signed 24-bit number: the writer stores a step below 1000000
-    // this way, and only a negative first time code makes it negative.
-    int64_t step = (d & 0x800000u) ? static_cast<int64_t>(d) - 0x1000000 : d;
-    *now = static_cast<int64_t>(static_cast<uint64_t>(*now) + static_cast<uint64_t>(step));
+    uint32_t v;
+    if (!data.Read(24, &v)) return false;
+    *now =
+        static_cast<int64_t>(static_cast<uint64_t>(*now) + static_cast<uint64_t>(RelativeStep(v)));
     return true;
   }
+  // The step of a relative time entry from its 24 bits as read. The difference is a
+  // signed 24-bit number: the writer stores a step below 1000000 this way, and only a
+  // negative first time code makes it negative.
+  static int64_t RelativeStep(uint32_t bits) {
+    const uint32_t d = LowByteFirst(bits);
+    return (d & 0x800000u) ? static_cast<int64_t>(d) - 0x1000000 : d;
+  }
+  // Three bytes as read, the least significant first, as a number.
+  static uint32_t LowByteFirst(uint32_t v) { return (v >> 16) | (v & 0xFF00) | (v & 0xFF) << 16; }
 
   // Three bytes, the least significant first.
   static bool ReadThreeBytes(BitSource& data, uint32_t* out) {
     uint32_t v;
     if (!data.Read(24, &v)) return false;
-    *out = (v >> 16) | (v & 0xFF00) | (v & 0xFF) << 16;
+    *out = LowByteFirst(v);
     return true;
   }
 
@@ -139,6 +149,38 @@ class Decoder {
   }
 
   void Append(int32_t id, bool valid, int32_t value, int64_t now);
+
+  // Runs: steps that repeat the one before them, entry for entry (see
+  // block_decoder_runs.h). Where the main loop stands, handed to a run and back.
+  struct Position {
+    const uint8_t* id_next;
+    const uint8_t* width_next;
+    BitSource data;
+    int64_t now;
+  };
+  struct RunResult {
+    Position at;
+    const uint8_t* step_start = nullptr;  // the time entry of the last step it touched
+    size_t steps = 0;                     // whole steps the run decoded
+    BlockRejection reason = BlockRejection::kNone;
+  };
+  // One entry of a run's step: a value lane, a raw lane or a delta tag, and where the
+  // chunk's samples go.
+  static constexpr uint8_t kDeltaSlot = 3;
+  struct RunSlot {
+    uint8_t id = 0;
+    uint8_t kind = kClosed;
+    int64_t* times = nullptr;
+    int32_t* values = nullptr;
+    uint64_t* offsets = nullptr;
+  };
+  RunResult DecodeRun(Position at, const uint8_t* id_end, size_t step_size, WidthQueue& widths);
+  bool PlanRun(const uint8_t* pattern, size_t step_size);
+  bool PrepareChunk(size_t steps, int64_t first_time);
+  void CommitChunk(size_t steps, size_t partial_slots);
+  const bool runs_;
+  RunSlot run_slots_[kTagIdCount];
+  size_t run_slot_count_ = 0;
 
   const BlockReadOptions& options_;
   BlockContent& content_;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "block_decoder.h"
+#include "block_reader_paths.h"
 #include "tags/block_format.h"
 
 namespace marquel {
@@ -37,6 +38,14 @@ int32_t DecodeBlock(const uint8_t* tag_ids, size_t tag_ids_size, const uint8_t* 
                     size_t lengths_size, const uint8_t* data, size_t data_size,
                     const BlockReadOptions& options, BlockContent* out, BlockRejection* why,
                     BlockReadStats* stats) {
+  return DecodeBlock(tag_ids, tag_ids_size, lengths, lengths_size, data, data_size, options, out,
+                     why, stats, ReaderPaths::kRunsAndEntries);
+}
+
+int32_t DecodeBlock(const uint8_t* tag_ids, size_t tag_ids_size, const uint8_t* lengths,
+                    size_t lengths_size, const uint8_t* data, size_t data_size,
+                    const BlockReadOptions& options, BlockContent* out, BlockRejection* why,
+                    BlockReadStats* stats, ReaderPaths paths) {
   BlockRejection reason = BlockRejection::kNone;
   if (!StreamCrcOk(tag_ids, tag_ids_size)) {
     reason = BlockRejection::kTagIdCrc;
@@ -56,7 +65,7 @@ int32_t DecodeBlock(const uint8_t* tag_ids, size_t tag_ids_size, const uint8_t* 
       scratch = std::make_unique<BlockContent>();
       target = scratch.get();
     }
-    Decoder decoder(options, target, &local_stats);
+    Decoder decoder(options, target, &local_stats, paths == ReaderPaths::kRunsAndEntries);
     WidthQueue widths(lengths, lengths_size - kBlockCrcSize);
     reason = decoder.Run(tag_ids, tag_ids_size - kBlockCrcSize, widths,
                          BitSource(data, data_size - kBlockCrcSize));
@@ -75,6 +84,13 @@ int32_t DecodeBlock(const uint8_t* tag_ids, size_t tag_ids_size, const uint8_t* 
 int32_t DecodeBlockBytes(const uint8_t* bytes, size_t size, const BlockReadOptions& options,
                          BlockContent* out, BlockRejection* why, BlockReadStats* stats,
                          size_t* consumed) {
+  return DecodeBlockBytes(bytes, size, options, out, why, stats, consumed,
+                          ReaderPaths::kRunsAndEntries);
+}
+
+int32_t DecodeBlockBytes(const uint8_t* bytes, size_t size, const BlockReadOptions& options,
+                         BlockContent* out, BlockRejection* why, BlockReadStats* stats,
+                         size_t* consumed, ReaderPaths paths) {
   auto reject = [&](BlockRejection r) {
     if (why) *why = r;
     if (stats) *stats = BlockReadStats();
@@ -90,7 +106,7 @@ int32_t DecodeBlockBytes(const uint8_t* bytes, size_t size, const BlockReadOptio
   const uint8_t* data = lengths + h.length_size;
   if (consumed) *consumed = static_cast<size_t>(total);
   return DecodeBlock(ids, h.tag_id_size, lengths, h.length_size, data, h.data_size, options, out,
-                     why, stats);
+                     why, stats, paths);
 }
 
 }  // namespace marquel

@@ -14,7 +14,7 @@ namespace marquel {
 
 class WidthQueue {
  public:
-  static constexpr size_t kBatch = 64;  // a multiple of 8, so batches start on bytes
+  static constexpr size_t kBatch = 256;  // a multiple of 8, so batches start on bytes
   // Follows the last item of a batch (an item is at most 31).
   static constexpr uint8_t kEndMark = 0xFF;
 
@@ -25,16 +25,33 @@ class WidthQueue {
   // Decodes the next items (up to kBatch) into items(), followed by kEndMark, and
   // returns their count; 0 once the stream holds no whole item more.
   size_t Refill() {
-    size_t n = Decode();
-    items_[n] = kEndMark;
-    return n;
+    count_ = Decode(0);
+    items_[count_] = kEndMark;
+    return count_;
+  }
+
+  // Makes at least n (at most kBatch) items follow `next`, a position in items(), where
+  // the stream has them: the items from `next` on move to the front, and more are
+  // decoded after them. Returns where `next`'s item now is; *enough tells whether n
+  // items follow it.
+  const uint8_t* Ensure(const uint8_t* next, size_t n, bool* enough) {
+    const size_t left = count_ - static_cast<size_t>(next - items_);
+    *enough = left >= n;
+    if (*enough) return next;
+    std::memmove(items_, next, left);
+    count_ = left;
+    for (size_t more = 1; count_ < n && more > 0; count_ += more) more = Decode(count_);
+    items_[count_] = kEndMark;
+    *enough = count_ >= n;
+    return items_;
   }
 
   const uint8_t* items() const { return items_; }
 
  private:
-  size_t Decode() {
-    size_t n = 0;
+  // Decodes items after the first `n` of items_; returns how many it added.
+  size_t Decode(size_t n) {
+    const size_t first = n;
     // While eight bytes can be loaded, the group's five come in one load.
     while (n + 8 <= kBatch && end_ - next_ >= 8) {
       uint64_t w;
@@ -54,19 +71,20 @@ class WidthQueue {
       next_ += 5;
       n += 8;
     }
-    if (n > 0) return n;
+    if (n > first || n + 8 > kBatch) return n - first;
     // Fewer than 5 bytes remain: as many whole items as their bits hold.
     size_t bits = static_cast<size_t>(end_ - next_) * 8;
     uint64_t x = 0;
     for (const uint8_t* p = next_; p < end_; ++p) x = x << 8 | *p;
-    for (; (n + 1) * 5 <= bits; ++n)
-      items_[n] = static_cast<uint8_t>((x >> (bits - 5 * (n + 1))) & 31);
+    for (size_t k = 0; (k + 1) * 5 <= bits && n < kBatch; ++k, ++n)
+      items_[n] = static_cast<uint8_t>((x >> (bits - 5 * (k + 1))) & 31);
     next_ = end_;
-    return n;
+    return n - first;
   }
 
   const uint8_t* next_;
   const uint8_t* end_;
+  size_t count_ = 0;  // items decoded into items_
   uint8_t items_[kBatch + 1];
 };
 

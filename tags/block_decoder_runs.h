@@ -1,0 +1,206 @@
+// Runs in the block decoder (included by the main loop's file).
+//
+// Through most of a block, each step repeats the one before it: the same tags in the
+// same order, one sample each, at a later time. Once the main loop has decoded a step, a
+// run takes the steps that repeat it, a chunk at a time: the chunk's tag-id bytes are
+// compared with the step before in one go, and each tag's lists get their room and their
+// order check once per chunk, so that an entry is a read and two stores. A step that does
+// not repeat, or whose time does not go up, goes back to the main loop, which decodes it
+// entry by entry. Both decode the same; the run only does less work.
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "block_decoder.h"
+
+namespace marquel {
+
+// The steps a run compares and prepares at a time.
+constexpr size_t kRunChunk = 32;
+// How many samples ahead of a chunk the lanes' lines are asked for.
+constexpr size_t kRunPrefetchAhead = 256;
+
+// Times a run may reach: a chunk's steps add at most kRunChunk * 2^23 to the time, which
+// must not wrap around.
+constexpr int64_t kLatestRunStart =
+    std::numeric_limits<int64_t>::max() - static_cast<int64_t>(kRunChunk) * 0x800000;
+
+// How many of the `steps` steps at `ids` repeat the `step_size` bytes before them.
+inline size_t RepeatingSteps(const uint8_t* ids, size_t step_size, size_t steps) {
+  if (std::memcmp(ids, ids - step_size, steps * step_size) == 0) return steps;
+  size_t k = 0;
+  while (std::memcmp(ids + k * step_size, ids - step_size, step_size) == 0) ++k;
+  return k;
+}
+
+inline bool Decoder::PlanRun(const uint8_t* pattern, size_t step_size) {
+  if (pattern[0] != kRelativeTimeEntry) return false;
+  bool seen[kTagIdCount] = {};
+  run_slot_count_ = 0;
+  for (size_t j = 1; j < step_size; ++j) {
+    const uint8_t id = pattern[j];
+    // A tag twice in a step keeps only its first sample there: not a run's kind of step.
+    if (id <= kRelativeTimeEntry || seen[id]) return false;
+    seen[id] = true;
+    uint8_t kind = lane_kind_[id];
+    if (kind == kClosed) {
+      if (state_[id].type != kTagTypeDelta || !state_[id].asked) return false;
+      kind = kDeltaSlot;
+    }
+    RunSlot& slot = run_slots_[run_slot_count_++];
+    slot.id = id;
+    slot.kind = kind;
+  }
+  return true;
+}
+
+inline bool Decoder::PrepareChunk(size_t steps, int64_t first_time) {
+  for (size_t j = 0; j < run_slot_count_; ++j) {
+    RunSlot& slot = run_slots_[j];
+    if (slot.kind == kDeltaSlot) {
+      // A delta tag has no lane: its running sum goes straight into its lists (a refused
+      // tag's sums go nowhere).
+      BlockTagSamples& tag = content_.tags[slot.id];
+      if (!state_[slot.id].valid) {
+        slot.times = nullptr;
+        continue;
+      }
+      if (!tag.empty() && tag.times.back() >= first_time) return false;
+      tag.times.EnsureSpare(steps);
+      tag.values.EnsureSpare(steps);
+      slot.times = tag.times.SpareBegin();
+      slot.values = tag.values.SpareBegin();
+      continue;
+    }
+    Lane& lane = lanes_[slot.id];
+    if (lane.times[lane.size - 1] >= first_time) return false;  // a sample would be dropped
+    if (lane.capacity - lane.size < steps) GrowLane(slot.id);
+    slot.times = lane.times + lane.size;
+    slot.values = lane.values + lane.size;
+    if (slot.kind == kRawLane) slot.offsets = raw_lanes_[slot.id].offsets + lane.size;
+    // The lines a later chunk writes, asked for now (as the main loop's lanes do).
+    for (size_t i = 0; i < kRunChunk; i += 8)
+      __builtin_prefetch(slot.times + kRunPrefetchAhead + i, 1);
+    for (size_t i = 0; i < kRunChunk; i += 16)
+      __builtin_prefetch(slot.values + kRunPrefetchAhead + i, 1);
+    if (slot.kind == kRawLane)
+      for (size_t i = 0; i < kRunChunk; i += 8)
+        __builtin_prefetch(slot.offsets + kRunPrefetchAhead + i, 1);
+  }
+  return true;
+}
+
+inline void Decoder::CommitChunk(size_t steps, size_t partial_slots) {
+  for (size_t j = 0; j < run_slot_count_; ++j) {
+    const RunSlot& slot = run_slots_[j];
+    const size_t n = steps + (j < partial_slots ? 1 : 0);
+    if (slot.kind != kDeltaSlot) {
+      lanes_[slot.id].size += n;
+    } else if (slot.times != nullptr) {
+      content_.tags[slot.id].times.Commit(n);
+      content_.tags[slot.id].values.Commit(n);
+    }
+  }
+}
+
+// Decodes the steps from `at` on that repeat the `step_size` bytes before `at`. The
+// position is worked on in locals, whose addresses never escape, so that the compiler
+// keeps them in registers; the data stream is read by bit position (BitSource::ReadAt),
+// and the result gets it all back at the end.
+__attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position at,
+                                                                       const uint8_t* id_end,
+                                                                       size_t step_size,
+                                                                       WidthQueue& widths) {
+  const uint8_t* id_next = at.id_next;
+  const uint8_t* width_next = at.width_next;
+  const BitSource& data = at.data;
+  uint64_t pos = data.Tell();
+  int64_t now = at.now;
+  const uint8_t* step_start = id_next - step_size;
+  size_t steps = 0;
+  BlockRejection reason = BlockRejection::kNone;
+  bool planned = false;
+  for (;;) {
+    const size_t chunk = std::min(kRunChunk, static_cast<size_t>(id_end - id_next) / step_size);
+    if (chunk == 0) break;
+    const size_t good = RepeatingSteps(id_next, step_size, chunk);
+    if (good == 0) break;
+    if (!planned && !PlanRun(id_next - step_size, step_size)) break;
+    planned = true;
+    uint32_t bits;
+    if (!data.ReadAt(pos, 24, &bits) || RelativeStep(bits) <= 0) break;
+    if (now > kLatestRunStart || !PrepareChunk(good, now + RelativeStep(bits))) break;
+    RunSlot* const slots_end = run_slots_ + run_slot_count_;
+    size_t k = 0, partial = 0;
+    while (k < good) {
+      // The step's widths are made to lie in the queue's items together, so that the
+      // loop over the entries has no refill in it.
+      bool enough;
+      width_next = widths.Ensure(width_next, run_slot_count_, &enough);
+      if (!enough) break;
+      if (!data.ReadAt(pos, 24, &bits) || RelativeStep(bits) <= 0) break;
+      pos += 24;
+      now += RelativeStep(bits);
+      step_start = id_next;
+      const uint8_t* w = width_next;
+      RunSlot* s = run_slots_;
+      for (; s != slots_end; ++s, ++w) {
+        const int width = *w;
+        if (width < 1) break;  // a skipped entry: the main loop takes it and the rest
+        uint32_t item;
+        if (!data.ReadAt(pos, width, &item)) {
+          reason = BlockRejection::kDataStreamShort;
+          break;
+        }
+        pos += static_cast<uint64_t>(width);
+        if (s->kind == kValueLane) {
+          s->times[k] = now;
+          s->values[k] = static_cast<int32_t>(item);
+          continue;
+        }
+        if (s->kind == kDeltaSlot) {
+          uint32_t& sum = state_[s->id].sum;
+          sum = (sum + item) & ((uint32_t{1} << width) - 1);  // width is 1..31 here
+          if (s->times != nullptr) {
+            s->times[k] = now;
+            s->values[k] = static_cast<int32_t>(sum);
+          }
+          continue;
+        }
+        // A raw sample. As in the main loop, the count is held against the stream before
+        // any room is made for it.
+        SampleColumn<uint8_t>& bytes = *raw_lanes_[s->id].bytes;
+        if (!data.CopyAt(pos, nullptr, item, 0)) {
+          reason = BlockRejection::kDataStreamShort;
+          break;
+        }
+        bytes.EnsureSpare(item + 8);
+        s->offsets[k] = bytes.size();
+        data.CopyAt(pos, bytes.SpareBegin(), item, bytes.Spare());
+        bytes.Commit(item);
+        pos += 8 * static_cast<uint64_t>(item);
+        s->times[k] = now;
+        s->values[k] = static_cast<int32_t>(item);
+      }
+      const size_t done = static_cast<size_t>(s - run_slots_);
+      id_next += 1 + done;
+      width_next += done;
+      if (reason != BlockRejection::kNone) break;  // the block is rejected
+      if (s != slots_end) {
+        partial = done;
+        break;
+      }
+      ++k;
+    }
+    CommitChunk(k, partial);
+    steps += k;
+    if (k < good || reason != BlockRejection::kNone) break;
+  }
+  BitSource rest = data;
+  rest.Seek(pos);
+  return RunResult{Position{id_next, width_next, rest, now}, step_start, steps, reason};
+}
+
+}  // namespace marquel
