@@ -123,5 +123,79 @@ TEST(WidthQueue, GivesEveryWholeItemOfTheStream) {
   }
 }
 
+// Reading by position gives what reading in order gives, at every bit position and
+// width, up to the last bit and no further; Tell and Seek agree with the reads.
+TEST(BitSource, ReadAtAgreesWithReadingInOrder) {
+  for (size_t size : {0, 1, 7, 8, 9, 15, 16, 40}) {
+    std::vector<uint8_t> bytes = RandomBytes(size, static_cast<uint32_t>(size) + 11);
+    const BitSource at(bytes.data(), bytes.size());
+    for (uint64_t pos = 0; pos <= size * 8 + 3; ++pos) {
+      for (int bits = 1; bits <= 32; ++bits) {
+        BitReader plain(bytes.data(), bytes.size());
+        plain.Seek(std::min<uint64_t>(pos, size * 8));
+        uint32_t expected = 0, got = 0;
+        const bool ok = pos <= size * 8 && plain.ReadBits(bits, &expected);
+        ASSERT_EQ(at.ReadAt(pos, bits, &got), ok) << size << " " << pos << " " << bits;
+        if (ok) ASSERT_EQ(got, expected) << size << " " << pos << " " << bits;
+      }
+      if (pos <= size * 8) {
+        BitSource s(bytes.data(), bytes.size());
+        s.Seek(pos);
+        EXPECT_EQ(s.Tell(), pos);
+        EXPECT_EQ(s.BitsLeft(), size * 8 - pos);
+      }
+    }
+  }
+}
+
+// Copying by position gives what ReadBytes gives, with room to spill or without, and
+// refuses bytes the span does not hold.
+TEST(BitSource, CopyAtAgreesWithReadBytes) {
+  std::vector<uint8_t> bytes = RandomBytes(61, 5);
+  for (uint64_t pos = 0; pos < 61 * 8; pos += 3) {
+    for (uint64_t n = 0; n < 30; n += 5) {
+      BitSource s(bytes.data(), bytes.size());
+      s.Seek(pos);
+      std::vector<uint8_t> expected(n + 8, 0xEE), spilled(n + 8, 0xEE), tight(n, 0xEE);
+      const bool ok = s.ReadBytes(expected.data(), n);
+      const BitSource at(bytes.data(), bytes.size());
+      ASSERT_EQ(at.CopyAt(pos, nullptr, n, 0), ok) << pos << " " << n;
+      ASSERT_EQ(at.CopyAt(pos, spilled.data(), n, n + 8), ok);
+      ASSERT_EQ(at.CopyAt(pos, tight.data(), n, n), ok);
+      if (!ok) continue;
+      EXPECT_TRUE(std::equal(tight.begin(), tight.end(), expected.begin())) << pos << " " << n;
+      EXPECT_TRUE(std::equal(tight.begin(), tight.end(), spilled.begin())) << pos << " " << n;
+    }
+  }
+}
+
+// Ensure keeps the items in order wherever it moves them, gives as many as asked while
+// the stream has them, and says so when it has not.
+TEST(WidthQueue, EnsureKeepsTheItemsInOrder) {
+  for (size_t size = 0; size < 400; size += 37) {
+    std::vector<uint8_t> bytes = RandomBytes(size, static_cast<uint32_t>(size) + 9);
+    const size_t total = size * 8 / 5;
+    WidthQueue queue(bytes.data(), bytes.size());
+    BitReader plain(bytes.data(), bytes.size());
+    std::mt19937 rng(static_cast<uint32_t>(size));
+    const uint8_t* next = queue.items();
+    size_t taken = 0;
+    while (true) {
+      const size_t want = 1 + rng() % 200;
+      bool enough = false;
+      next = queue.Ensure(next, want, &enough);
+      ASSERT_EQ(enough, taken + want <= total) << size << " " << taken << " " << want;
+      if (!enough) break;
+      const size_t use = rng() % (want + 1);
+      for (size_t i = 0; i < use; ++i, ++taken) {
+        uint32_t expected;
+        ASSERT_TRUE(plain.ReadBits(5, &expected));
+        ASSERT_EQ(next[i], expected) << "size " << size << " item " << taken;
+      }
+      next += use;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace marquel
