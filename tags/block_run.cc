@@ -75,8 +75,10 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
     }
     e.width = t.width;
     e.mask = t.mask;
-    e.keep = t.type == kTagTypeDelta ? ~uint32_t{0} : 0;
-    e.subtract = t.type == kTagTypeDelta ? t.prev_value : 0;
+    if (t.type == kTagTypeDelta) {
+      e.flags |= RunEntry::kDelta;
+      e.subtract = t.prev_value;
+    }
     e.values = t.values + t.pos;
     e.walk = &t;
     // Data bits gather in 63 bits: a step starts with at most 7 pending and its 24-bit
@@ -130,7 +132,7 @@ size_t RunPlan::GoodSteps(size_t from, size_t n, int64_t previous) const {
 void RunPlan::Finish(size_t steps) {
   if (steps == 0) return;
   for (const RunEntry& e : entries)
-    if (e.keep != 0) e.walk->prev_value = e.subtract;
+    if (e.flags & RunEntry::kDelta) e.walk->prev_value = e.subtract;
   for (TagWalk* t : walks) {
     t->pos += steps;
     t->cur_time = t->times[t->pos];

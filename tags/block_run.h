@@ -24,11 +24,11 @@ namespace marquel {
 struct RunEntry {
   static constexpr uint8_t kDrainBefore = 1;  // the data bits gathered must be stored first
   static constexpr uint8_t kRaw = 2;
+  static constexpr uint8_t kDelta = 4;
   uint8_t flags = 0;
   int width = 0;
   uint32_t mask = 0;
-  uint32_t keep = 0;                // delta tags: all ones, so that `subtract` follows the values
-  uint32_t subtract = 0;            // what the step's value is written less
+  uint32_t subtract = 0;  // delta tags: the previous value, which a step's is written less
   const int32_t* values = nullptr;  // at the run's first step
   // Raw tags: where the bytes of the run's first step's sample start, relative to
   // raw_base (null: no sample of the batch has bytes).
@@ -110,36 +110,46 @@ void WriteRunLengths(Sink& out, const RunPlan& plan, size_t n) {
 }
 
 // The data of steps [from, from + n): each step's time difference, then its entries.
+// The data stream's bits are worked on in a local (see BufferSink::TakeData).
 template <class Sink>
-void WriteRunData(Sink& out, RunPlan& plan, size_t from, size_t n, int64_t& previous) {
-  Sink sink = out;
+void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& previous) {
+  auto d = sink.TakeData();
   const int64_t* lead = plan.times[0];
-  sink.DataDrain();  // each step starts with at most 7 bits pending
+  // The room the chunk's entries other than raw bytes may still need: Reserve made it.
+  const size_t budget = 8 * plan.tag_count * n + 16;
+  d.Drain();  // each step starts with at most 7 bits pending
   for (size_t k = from; k < from + n; ++k) {
     const int64_t t = lead[k];
-    sink.DataPush(ThreeBytesLowFirst(static_cast<uint64_t>(t) - static_cast<uint64_t>(previous)),
-                  24);
+    d.Push(ThreeBytesLowFirst(static_cast<uint64_t>(t) - static_cast<uint64_t>(previous)), 24);
     previous = t;
     for (RunEntry& e : plan.entries) {
+      const uint32_t value = static_cast<uint32_t>(e.values[k]);
       if (e.flags != 0) {
-        if (e.flags & RunEntry::kDrainBefore) sink.DataDrain();
+        if (e.flags & RunEntry::kDrainBefore) d.Drain();
+        if (e.flags & RunEntry::kDelta) {
+          d.Push((value - e.subtract) & e.mask, e.width);
+          e.subtract = value;
+          continue;
+        }
         if (e.flags & RunEntry::kRaw) {
           uint32_t count;
           const uint8_t* bytes = e.RawBytes(k, &count);
-          sink.DataPush(count, e.width);
-          sink.DataDrain();  // the bytes go out with at most 7 bits before them
-          sink.ReserveData(count);
-          sink.DataPushBytes(bytes, count);
+          d.Push(count, e.width);
+          d.Drain();  // the bytes go out with at most 7 bits before them
+          if (!d.HasRoom(count + budget)) {
+            sink.PutData(d);
+            sink.ReserveData(count + budget);
+            d = sink.TakeData();
+          }
+          d.PushBytes(bytes, count);
           continue;
         }
       }
-      const uint32_t value = static_cast<uint32_t>(e.values[k]);
-      sink.DataPush((value - e.subtract) & e.mask, e.width);
-      e.subtract = value & e.keep;
+      d.Push(value & e.mask, e.width);
     }
-    sink.DataDrain();  // the step-by-step writer takes over with fewer than 32 pending
+    d.Drain();  // the step-by-step writer takes over with fewer than 32 pending
   }
-  out = sink;
+  sink.PutData(d);
 }
 
 // Writes the run's steps while they keep the shape and returns how many it wrote.

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "bit_out.h"
 #include "tags/bit_buffer.h"
 
 namespace marquel {
@@ -23,93 +24,9 @@ struct CountingSink {
   void TagPattern(const uint8_t*, size_t, size_t count) { tag_bytes += count; }
   void LengthBits(uint32_t, int bits) { length_bits += static_cast<uint64_t>(bits); }
   void Data(uint32_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
-  void DataPush(uint64_t, int bits) { data_bits += static_cast<uint64_t>(bits); }
-  void DataDrain() {}
-  void DataPushBytes(const uint8_t*, size_t n) { data_bits += static_cast<uint64_t>(n) * 8; }
+  BitCount TakeData() const { return BitCount{data_bits}; }
+  void PutData(const BitCount& d) { data_bits = d.bits; }
   void DataBytes(const uint8_t*, size_t n) { data_bits += static_cast<uint64_t>(n) * 8; }
-};
-
-// Bits written most significant first into memory a writer has made room for: pending
-// bits gather in the low end of a 64-bit word and go out 32 at a time.
-struct BitOut {
-  uint8_t* at = nullptr;
-  uint64_t acc = 0;
-  int pending = 0;  // 0..31 between calls
-
-  // Appends the low `bits` bits (0..32) of value, which must have no higher bits set.
-  void Put(uint32_t value, int bits) {
-    acc = (acc << bits) | value;
-    pending += bits;
-    if (pending >= 32) {
-      pending -= 32;
-      uint32_t word = __builtin_bswap32(static_cast<uint32_t>(acc >> pending));
-      std::memcpy(at, &word, 4);
-      at += 4;
-    }
-  }
-  // Appends the low `bits` bits of value (no higher bits set) without storing anything;
-  // the pending bits must stay within 64.
-  void Push(uint64_t value, int bits) {
-    acc = (acc << bits) | value;
-    pending += bits;
-  }
-  // Stores the whole bytes pending (at most 63 bits) and leaves 0 to 7 bits pending. It
-  // writes eight bytes at once, with no test, so there must be room for eight.
-  void Drain() {
-    const uint64_t top = (acc << (63 - pending)) << 1;
-    const uint64_t word = __builtin_bswap64(top);
-    std::memcpy(at, &word, 8);
-    at += pending >> 3;
-    pending &= 7;
-  }
-  // Appends n bytes, 8 bits each: eight at a time, then the last few as one item. At most
-  // 7 bits may be pending before, and at most 7 are after. It writes up to eight bytes
-  // past the n bytes' end, and reads only the n bytes.
-  void PushBytes(const uint8_t* bytes, size_t n) {
-    const int p = pending;
-    size_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-      uint64_t chunk;
-      std::memcpy(&chunk, bytes + i, 8);
-      chunk = __builtin_bswap64(chunk);
-      const uint64_t out = __builtin_bswap64(((acc << (63 - p)) << 1) | chunk >> p);
-      std::memcpy(at, &out, 8);
-      at += 8;
-      acc = chunk;  // its low p bits are still pending
-    }
-    if (i < n) Push(LastBytes(bytes, n, n - i), static_cast<int>(8 * (n - i)));
-    Drain();
-  }
-  // The last `tail` (1..7) of the n bytes as a big-endian number, read without going
-  // outside the n bytes.
-  static uint64_t LastBytes(const uint8_t* bytes, size_t n, size_t tail) {
-    if (n >= 8) {
-      uint64_t w;
-      std::memcpy(&w, bytes + n - 8, 8);
-      return __builtin_bswap64(w) & ((uint64_t{1} << (8 * tail)) - 1);
-    }
-    if (n >= 4) {  // two 4-byte loads that overlap
-      uint32_t hi, lo;
-      std::memcpy(&hi, bytes, 4);
-      std::memcpy(&lo, bytes + n - 4, 4);
-      const int low_bits = static_cast<int>(8 * (n - 4));
-      return uint64_t{__builtin_bswap32(hi)} << low_bits |
-             (__builtin_bswap32(lo) & ((uint64_t{1} << low_bits) - 1));
-    }
-    uint64_t v = 0;
-    for (size_t j = 0; j < n; ++j) v = v << 8 | bytes[j];
-    return v;
-  }
-  // Stores the pending bits, the last byte padded with zero bits.
-  void Flush() {
-    while (pending >= 8) {
-      pending -= 8;
-      *at++ = static_cast<uint8_t>(acc >> pending);
-    }
-    if (pending > 0) *at++ = static_cast<uint8_t>(acc << (8 - pending));
-    pending = 0;
-    acc = 0;
-  }
 };
 
 // Writes the entries into the three stream buffers, through pointers into room that
@@ -145,13 +62,11 @@ class BufferSink {
   // Appends the low `bits` bits (0..32) of `items`, several length items at once.
   void LengthBits(uint32_t items, int bits) { lengths_.Put(items, bits); }
   void Data(uint32_t value, int bits) { data_.Put(value, bits); }
-  // Data bits gathered without a store; DataDrain stores them. Up to 64 bits may gather
-  // after a drain, of which it leaves at most 7 pending.
-  void DataPush(uint64_t value, int bits) { data_.Push(value, bits); }
-  void DataDrain() { data_.Drain(); }
-  // BitOut::PushBytes: from at most 7 bits pending, to at most 7; room for n + 8 bytes
-  // must have been made.
-  void DataPushBytes(const uint8_t* bytes, size_t n) { data_.PushBytes(bytes, n); }
+  // The data stream's bits and room, for a loop to work on in a local variable (whose
+  // fields the compiler keeps in registers) and to give back with PutData. Nothing else
+  // may write the data stream in between.
+  BitRoom TakeData() const { return BitRoom{data_, data_end_}; }
+  void PutData(const BitRoom& d) { data_ = d.bits; }
   // Appends n bytes, 8 bits each; the room must have been reserved.
   void DataBytes(const uint8_t* bytes, size_t n) {
     if (n == 0) return;  // bytes may be null then
