@@ -16,6 +16,9 @@
 
 namespace marquel {
 
+// The steps a run of the decoder compares and prepares at a time.
+constexpr size_t kDecodeRunChunk = 32;
+
 // How many samples ahead of the one written a lane asks for its output lines.
 constexpr size_t kPrefetchAhead = 64;
 
@@ -180,6 +183,7 @@ class Decoder {
   void CommitChunk(size_t steps, size_t partial_slots);
   const bool runs_;
   RunSlot run_slots_[kTagIdCount];
+  int64_t run_times_[kDecodeRunChunk];  // the times of a chunk's steps
   size_t run_slot_count_ = 0;
 
   const BlockReadOptions& options_;

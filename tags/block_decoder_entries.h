@@ -93,15 +93,32 @@ inline void Decoder::Fill(int32_t id, int64_t limit, bool inclusive) {
   const __int128 step = st.interval;
   __int128 k = 1;
   if (!tag.empty() && tag.times.back() >= st.run_start) k = (tag.times.back() - start) / step + 1;
-  for (__int128 t = start + k * step; inclusive ? t <= limit : t < limit; t += step) {
-    if (stats_.filled_samples >= options_.max_filled_samples) {
-      stats_.fill_truncated = true;
-      return;
-    }
-    tag.times.push_back(static_cast<int64_t>(t));
-    tag.values.push_back(st.run_state);
-    ++stats_.filled_samples;
+  // The samples at start + k * step on up to the limit, as many as the fill bound allows;
+  // counted first, then written in one go.
+  const __int128 first = start + k * step;
+  const __int128 last = inclusive ? static_cast<__int128>(limit) : static_cast<__int128>(limit) - 1;
+  if (first > last) return;
+  const __int128 wanted = (last - first) / step + 1;
+  const uint64_t budget = options_.max_filled_samples > stats_.filled_samples
+                              ? options_.max_filled_samples - stats_.filled_samples
+                              : 0;
+  if (wanted > budget) stats_.fill_truncated = true;
+  const size_t n = static_cast<size_t>(wanted > budget ? budget : static_cast<uint64_t>(wanted));
+  if (n == 0) return;
+  tag.times.EnsureSpare(n);
+  tag.values.EnsureSpare(n);
+  int64_t* times = tag.times.SpareBegin();
+  int32_t* values = tag.values.SpareBegin();
+  // Every time written lies between first and the limit; the sum wraps as unsigned
+  // arithmetic only past the last one, which is never stored.
+  uint64_t t = static_cast<uint64_t>(static_cast<int64_t>(first));
+  for (size_t i = 0; i < n; ++i, t += static_cast<uint64_t>(st.interval)) {
+    times[i] = static_cast<int64_t>(t);
+    values[i] = st.run_state;
   }
+  tag.times.Commit(n);
+  tag.values.Commit(n);
+  stats_.filled_samples += n;
 }
 
 inline void Decoder::Append(int32_t id, bool valid, int32_t value, int64_t now) {

@@ -17,15 +17,13 @@
 
 namespace marquel {
 
-// The steps a run compares and prepares at a time.
-constexpr size_t kRunChunk = 32;
 // How many samples ahead of a chunk the lanes' lines are asked for.
 constexpr size_t kRunPrefetchAhead = 256;
 
-// Times a run may reach: a chunk's steps add at most kRunChunk * 2^23 to the time, which
+// Times a run may reach: a chunk's steps add at most kDecodeRunChunk * 2^23 to the time, which
 // must not wrap around.
 constexpr int64_t kLatestRunStart =
-    std::numeric_limits<int64_t>::max() - static_cast<int64_t>(kRunChunk) * 0x800000;
+    std::numeric_limits<int64_t>::max() - static_cast<int64_t>(kDecodeRunChunk) * 0x800000;
 
 // How many of the `steps` steps at `ids` repeat the `step_size` bytes before them.
 inline size_t RepeatingSteps(const uint8_t* ids, size_t step_size, size_t steps) {
@@ -65,6 +63,7 @@ inline bool Decoder::PrepareChunk(size_t steps, int64_t first_time) {
       BlockTagSamples& tag = content_.tags[slot.id];
       if (!state_[slot.id].valid) {
         slot.times = nullptr;
+        slot.values = nullptr;
         continue;
       }
       if (!tag.empty() && tag.times.back() >= first_time) return false;
@@ -81,24 +80,29 @@ inline bool Decoder::PrepareChunk(size_t steps, int64_t first_time) {
     slot.values = lane.values + lane.size;
     if (slot.kind == kRawLane) slot.offsets = raw_lanes_[slot.id].offsets + lane.size;
     // The lines a later chunk writes, asked for now (as the main loop's lanes do).
-    for (size_t i = 0; i < kRunChunk; i += 8)
+    for (size_t i = 0; i < kDecodeRunChunk; i += 8)
       __builtin_prefetch(slot.times + kRunPrefetchAhead + i, 1);
-    for (size_t i = 0; i < kRunChunk; i += 16)
+    for (size_t i = 0; i < kDecodeRunChunk; i += 16)
       __builtin_prefetch(slot.values + kRunPrefetchAhead + i, 1);
     if (slot.kind == kRawLane)
-      for (size_t i = 0; i < kRunChunk; i += 8)
+      for (size_t i = 0; i < kDecodeRunChunk; i += 8)
         __builtin_prefetch(slot.offsets + kRunPrefetchAhead + i, 1);
   }
   return true;
 }
 
+// Counts the chunk's samples into the lists, `steps` per slot and one more for the first
+// `partial_slots` slots. The times, the same for every slot of a step, were kept once
+// per step in run_times_ and are copied in here, a slot at a time.
 inline void Decoder::CommitChunk(size_t steps, size_t partial_slots) {
   for (size_t j = 0; j < run_slot_count_; ++j) {
     const RunSlot& slot = run_slots_[j];
     const size_t n = steps + (j < partial_slots ? 1 : 0);
+    if (slot.times == nullptr) continue;  // a refused delta tag
+    std::memcpy(slot.times, run_times_, n * sizeof *run_times_);
     if (slot.kind != kDeltaSlot) {
       lanes_[slot.id].size += n;
-    } else if (slot.times != nullptr) {
+    } else {
       content_.tags[slot.id].times.Commit(n);
       content_.tags[slot.id].values.Commit(n);
     }
@@ -123,7 +127,8 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
   BlockRejection reason = BlockRejection::kNone;
   bool planned = false;
   for (;;) {
-    const size_t chunk = std::min(kRunChunk, static_cast<size_t>(id_end - id_next) / step_size);
+    const size_t chunk =
+        std::min(kDecodeRunChunk, static_cast<size_t>(id_end - id_next) / step_size);
     if (chunk == 0) break;
     const size_t good = RepeatingSteps(id_next, step_size, chunk);
     if (good == 0) break;
@@ -143,6 +148,7 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
       if (!data.ReadAt(pos, 24, &bits) || RelativeStep(bits) <= 0) break;
       pos += 24;
       now += RelativeStep(bits);
+      run_times_[k] = now;
       step_start = id_next;
       const uint8_t* w = width_next;
       RunSlot* s = run_slots_;
@@ -156,17 +162,13 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
         }
         pos += static_cast<uint64_t>(width);
         if (s->kind == kValueLane) {
-          s->times[k] = now;
           s->values[k] = static_cast<int32_t>(item);
           continue;
         }
         if (s->kind == kDeltaSlot) {
           uint32_t& sum = state_[s->id].sum;
           sum = (sum + item) & ((uint32_t{1} << width) - 1);  // width is 1..31 here
-          if (s->times != nullptr) {
-            s->times[k] = now;
-            s->values[k] = static_cast<int32_t>(sum);
-          }
+          if (s->values != nullptr) s->values[k] = static_cast<int32_t>(sum);
           continue;
         }
         // A raw sample. As in the main loop, the count is held against the stream before
@@ -181,7 +183,6 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
         data.CopyAt(pos, bytes.SpareBegin(), item, bytes.Spare());
         bytes.Commit(item);
         pos += 8 * static_cast<uint64_t>(item);
-        s->times[k] = now;
         s->values[k] = static_cast<int32_t>(item);
       }
       const size_t done = static_cast<size_t>(s - run_slots_);

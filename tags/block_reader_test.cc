@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include <map>
 
 #include "block_test_util.h"
@@ -210,6 +212,39 @@ TEST(BlockReader, FillsStopAtTheBound) {
   EXPECT_TRUE(stats.fill_truncated);
   EXPECT_EQ(stats.filled_samples, 10u);
   EXPECT_EQ(out.tags[17].size(), 11u);  // the run's first sample and ten filled ones
+}
+
+TEST(BlockReader, FillsThatReachTheBoundExactlyAreWhole) {
+  BlockContent c;
+  Pairs grid;
+  for (int i = 0; i <= 10; ++i) grid.emplace_back(i * I, 1);
+  AddPlain(c, 17, grid);
+  BlockReadOptions options;
+  options.max_filled_samples = 10;
+  BlockContent out;
+  BlockReadStats stats;
+  Bytes block = Encode(c);
+  ASSERT_EQ(DecodeBlockBytes(block.data(), block.size(), options, &out, nullptr, &stats), 1);
+  EXPECT_FALSE(stats.fill_truncated);
+  EXPECT_EQ(stats.filled_samples, 10u);
+  EXPECT_EQ(SamplesOf(out, 17), grid);
+  options.max_filled_samples = 0;  // no filling at all: only the run's first sample
+  ASSERT_EQ(DecodeBlockBytes(block.data(), block.size(), options, &out, nullptr, &stats), 1);
+  EXPECT_TRUE(stats.fill_truncated);
+  EXPECT_EQ(SamplesOf(out, 17), (Pairs{{0, 1}}));
+}
+
+// A run filled up to the end of the time range: the fill's times stay exact and nothing
+// past the last one is computed as a signed overflow.
+TEST(BlockReader, FillsNearTheEndOfTheTimeRange) {
+  const int64_t top = std::numeric_limits<int64_t>::max() - 4 * I - 3;
+  BlockContent c;
+  Pairs grid;
+  for (int i = 0; i <= 4; ++i) grid.emplace_back(top + i * I, 1);
+  AddPlain(c, 17, grid);
+  BlockContent out;
+  ASSERT_EQ(Decode(Encode(c), &out), 1);
+  EXPECT_EQ(SamplesOf(out, 17), grid);
 }
 
 TEST(BlockReader, SamplesNotAfterTheTagsLastOneAreLeftOut) {

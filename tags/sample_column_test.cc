@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <set>
 #include <vector>
 
 namespace marquel {
@@ -58,6 +59,26 @@ TEST(SampleColumn, GrowingByManySmallAppendsStaysGeometric) {
   }
   EXPECT_EQ(c.size(), 1200000u);
   EXPECT_LT(seen.size(), 40u);  // doubling: about log2(1.2M / 8) moves
+}
+
+// Large columns made one after another start at different places within a page, so
+// that walking them side by side does not put all their elements in the same cache sets;
+// they still hold and keep their values through growth, and small ones are not moved.
+TEST(SampleColumn, LargeColumnsStartAtDifferentPlacesInAPage) {
+  std::vector<SampleColumn<int64_t>> columns(20);
+  std::set<uintptr_t> offsets;
+  for (size_t j = 0; j < columns.size(); ++j) {
+    for (int64_t i = 0; i < 50000; ++i) columns[j].push_back(i * 3 + static_cast<int64_t>(j));
+    offsets.insert(reinterpret_cast<uintptr_t>(columns[j].data()) % 4096);
+  }
+  EXPECT_GE(offsets.size(), 16u);
+  for (size_t j = 0; j < columns.size(); ++j) {
+    ASSERT_EQ(columns[j].size(), 50000u);
+    EXPECT_EQ(columns[j][0], static_cast<int64_t>(j));
+    EXPECT_EQ(columns[j][49999], 49999 * 3 + static_cast<int64_t>(j));
+  }
+  EXPECT_EQ(ColumnStagger(1024), 0u);
+  EXPECT_EQ(ColumnStagger(1 << 20) % 64, 0u) << "whole cache lines, so alignment is kept";
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 // exists once it is appended or committed.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,19 @@
 #include <utility>
 
 namespace marquel {
+
+// How far into its memory a column of `bytes` starts. A program's columns are read and
+// written side by side, one element of each per step. Large allocations all begin at the
+// same offset in a page, so the columns' current elements would all fall into the same
+// few cache sets, more lines than a set holds, and every access would miss. Each large
+// column therefore starts a different number of 64-byte lines into its memory, cycling
+// through the 64 lines of a page.
+inline size_t ColumnStagger(size_t bytes) {
+  constexpr size_t kFrom = 16 * 1024;  // smaller blocks come from the allocator's pools
+  if (bytes < kFrom) return 0;
+  static std::atomic<unsigned> next{0};
+  return (next.fetch_add(1, std::memory_order_relaxed) * 7 % 64) * 64;
+}
 
 template <class T>
 class SampleColumn {
@@ -38,7 +52,7 @@ class SampleColumn {
     swap(other);
     return *this;
   }
-  ~SampleColumn() { std::free(data_); }
+  ~SampleColumn() { std::free(block_); }
 
   size_t size() const { return size_; }
   size_t capacity() const { return capacity_; }
@@ -86,6 +100,7 @@ class SampleColumn {
     size_ += n;
   }
   void swap(SampleColumn& other) noexcept {
+    std::swap(block_, other.block_);
     std::swap(data_, other.data_);
     std::swap(size_, other.size_);
     std::swap(capacity_, other.capacity_);
@@ -114,15 +129,19 @@ class SampleColumn {
     Reallocate(target < needed ? needed : target);
   }
   void Reallocate(size_t n) {
-    if (n > static_cast<size_t>(-1) / sizeof(T)) throw std::bad_alloc();
-    T* fresh = static_cast<T*>(std::malloc(n * sizeof(T)));
-    if (fresh == nullptr) throw std::bad_alloc();
+    if (n > (static_cast<size_t>(-1) - 4096) / sizeof(T)) throw std::bad_alloc();
+    const size_t offset = ColumnStagger(n * sizeof(T));
+    void* block = std::malloc(n * sizeof(T) + offset);
+    if (block == nullptr) throw std::bad_alloc();
+    T* fresh = reinterpret_cast<T*>(static_cast<char*>(block) + offset);
     if (size_ > 0) std::memcpy(fresh, data_, size_ * sizeof(T));
-    std::free(data_);
+    std::free(block_);
+    block_ = block;
     data_ = fresh;
     capacity_ = n;
   }
 
+  void* block_ = nullptr;  // the allocation; data_ lies ColumnStagger bytes into it
   T* data_ = nullptr;
   size_t size_ = 0;
   size_t capacity_ = 0;
