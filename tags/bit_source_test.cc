@@ -105,21 +105,23 @@ TEST(BitSource, AReadThatDoesNotFitConsumesNothing) {
 
 // The queue gives every whole 5-bit item of the stream, in order, and then nothing.
 TEST(WidthQueue, GivesEveryWholeItemOfTheStream) {
-  for (size_t size = 0; size < 200; size += 7) {
-    std::vector<uint8_t> bytes = RandomBytes(size, static_cast<uint32_t>(size) + 3);
-    WidthQueue queue(bytes.data(), bytes.size());
-    BitReader plain(bytes.data(), bytes.size());
-    size_t items = 0;
-    for (size_t n = queue.Refill(); n > 0; n = queue.Refill()) {
-      ASSERT_LE(n, WidthQueue::kBatch);
-      for (size_t i = 0; i < n; ++i, ++items) {
-        uint32_t expected;
-        ASSERT_TRUE(plain.ReadBits(5, &expected)) << "size " << size;
-        ASSERT_EQ(queue.items()[i], expected) << "size " << size << " item " << items;
+  for (size_t size = 0; size < 400; size += 7) {
+    for (bool deposit : {false, true}) {
+      std::vector<uint8_t> bytes = RandomBytes(size, static_cast<uint32_t>(size) + 3);
+      WidthQueue queue(bytes.data(), bytes.size(), deposit);
+      BitReader plain(bytes.data(), bytes.size());
+      size_t items = 0;
+      for (size_t n = queue.Refill(); n > 0; n = queue.Refill()) {
+        ASSERT_LE(n, WidthQueue::kBatch);
+        for (size_t i = 0; i < n; ++i, ++items) {
+          uint32_t expected;
+          ASSERT_TRUE(plain.ReadBits(5, &expected)) << "size " << size;
+          ASSERT_EQ(queue.items()[i], expected) << "size " << size << " item " << items;
+        }
       }
+      EXPECT_EQ(items, size * 8 / 5) << "size " << size;
+      EXPECT_EQ(queue.Refill(), 0u);
     }
-    EXPECT_EQ(items, size * 8 / 5) << "size " << size;
-    EXPECT_EQ(queue.Refill(), 0u);
   }
 }
 

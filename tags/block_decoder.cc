@@ -1,5 +1,6 @@
 // The decoder's main loop.
 #include <algorithm>
+#include <cstring>
 
 #include "block_decoder.h"
 #include "block_decoder_entries.h"
@@ -26,19 +27,29 @@ BlockRejection Decoder::Run(const uint8_t* ids, size_t id_count, WidthQueue& wid
   const uint8_t* width_next = widths.items();
   const uint8_t* id_next = ids;
   const uint8_t* const id_end = ids + id_count;
-  const uint8_t* step_start = nullptr;  // the time entry of the step being decoded
-  size_t wait = 0;                      // steps to decode here before a run is tried again
-  size_t backoff = 1;                   // the wait after a run too short to pay for itself
+  const uint8_t* step_start = nullptr;    // the time entry of the step being decoded
+  size_t wait = 0;                        // steps to decode here before a run is tried again
+  size_t backoff = 1;                     // the wait after a run too short to pay for itself
+  const uint8_t* last_pattern = nullptr;  // the step the last run repeated
+  size_t last_size = 0;
   for (; id_next != id_end; ++id_next) {
     const uint8_t id = *id_next;
     if (id <= kRelativeTimeEntry) {
       if (wait > 0) {
         --wait;
       } else if (runs_ && step_start != nullptr) {
-        // The steps that repeat the one just decoded go to a run.
-        const size_t step_size = static_cast<size_t>(id_next - step_start);
+        // The steps that repeat the one just decoded go to a run; so do those that repeat
+        // the last run's step, which comes back after a step of another shape (a state
+        // item, say) ended that run.
+        const uint8_t* pattern = step_start;
+        size_t step_size = static_cast<size_t>(id_next - step_start);
+        if (last_pattern != nullptr && static_cast<size_t>(id_end - id_next) >= last_size &&
+            std::memcmp(id_next, last_pattern, last_size) == 0) {
+          pattern = last_pattern;
+          step_size = last_size;
+        }
         RunResult run =
-            DecodeRun(Position{id_next, width_next, data, now}, id_end, step_size, widths);
+            DecodeRun(Position{id_next, width_next, data, now}, id_end, pattern, step_size, widths);
         id_next = run.at.id_next;
         width_next = run.at.width_next;
         data = run.at.data;
@@ -49,6 +60,8 @@ BlockRejection Decoder::Run(const uint8_t* ids, size_t id_count, WidthQueue& wid
         wait = run.steps < kShortRun ? backoff : 1;
         backoff = run.steps < kShortRun ? std::min(backoff * 2, kLongestWait) : 1;
         if (run.steps > 0) {
+          last_pattern = pattern;
+          last_size = step_size;
           step_start = run.step_start;
           --id_next;  // the loop's step brings it back to what follows the run
           continue;

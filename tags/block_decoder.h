@@ -177,7 +177,8 @@ class Decoder {
     int32_t* values = nullptr;
     uint64_t* offsets = nullptr;
   };
-  RunResult DecodeRun(Position at, const uint8_t* id_end, size_t step_size, WidthQueue& widths);
+  RunResult DecodeRun(Position at, const uint8_t* id_end, const uint8_t* pattern, size_t step_size,
+                      WidthQueue& widths);
   bool PlanRun(const uint8_t* pattern, size_t step_size);
   bool PrepareChunk(size_t steps, int64_t first_time);
   void CommitChunk(size_t steps, size_t partial_slots);

@@ -25,11 +25,14 @@ constexpr size_t kRunPrefetchAhead = 256;
 constexpr int64_t kLatestRunStart =
     std::numeric_limits<int64_t>::max() - static_cast<int64_t>(kDecodeRunChunk) * 0x800000;
 
-// How many of the `steps` steps at `ids` repeat the `step_size` bytes before them.
-inline size_t RepeatingSteps(const uint8_t* ids, size_t step_size, size_t steps) {
-  if (std::memcmp(ids, ids - step_size, steps * step_size) == 0) return steps;
-  size_t k = 0;
-  while (std::memcmp(ids + k * step_size, ids - step_size, step_size) == 0) ++k;
+// How many of the `steps` steps at `ids` repeat the `step_size` bytes at `pattern`.
+// After the first, each is compared with the step before it, all in one comparison.
+inline size_t RepeatingSteps(const uint8_t* ids, const uint8_t* pattern, size_t step_size,
+                             size_t steps) {
+  if (steps == 0 || std::memcmp(ids, pattern, step_size) != 0) return 0;
+  if (std::memcmp(ids + step_size, ids, (steps - 1) * step_size) == 0) return steps;
+  size_t k = 1;
+  while (std::memcmp(ids + k * step_size, pattern, step_size) == 0) ++k;
   return k;
 }
 
@@ -109,12 +112,14 @@ inline void Decoder::CommitChunk(size_t steps, size_t partial_slots) {
   }
 }
 
-// Decodes the steps from `at` on that repeat the `step_size` bytes before `at`. The
+// Decodes the steps from `at` on that repeat the `step_size` bytes at `pattern` (a step
+// decoded before). The
 // position is worked on in locals, whose addresses never escape, so that the compiler
 // keeps them in registers; the data stream is read by bit position (BitSource::ReadAt),
 // and the result gets it all back at the end.
 __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position at,
                                                                        const uint8_t* id_end,
+                                                                       const uint8_t* pattern,
                                                                        size_t step_size,
                                                                        WidthQueue& widths) {
   const uint8_t* id_next = at.id_next;
@@ -122,7 +127,7 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
   const BitSource& data = at.data;
   uint64_t pos = data.Tell();
   int64_t now = at.now;
-  const uint8_t* step_start = id_next - step_size;
+  const uint8_t* step_start = pattern;
   size_t steps = 0;
   BlockRejection reason = BlockRejection::kNone;
   bool planned = false;
@@ -130,9 +135,11 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
     const size_t chunk =
         std::min(kDecodeRunChunk, static_cast<size_t>(id_end - id_next) / step_size);
     if (chunk == 0) break;
-    const size_t good = RepeatingSteps(id_next, step_size, chunk);
+    // The first chunk repeats the pattern; each later one, the step before it.
+    const size_t good =
+        RepeatingSteps(id_next, planned ? id_next - step_size : pattern, step_size, chunk);
     if (good == 0) break;
-    if (!planned && !PlanRun(id_next - step_size, step_size)) break;
+    if (!planned && !PlanRun(pattern, step_size)) break;
     planned = true;
     uint32_t bits;
     if (!data.ReadAt(pos, 24, &bits) || RelativeStep(bits) <= 0) break;
