@@ -62,6 +62,10 @@ class RunPlan {
   // How many of the `n` steps from step `from` on keep the run's shape; `previous` is the
   // time of the time entry before step `from`.
   size_t GoodSteps(size_t from, size_t n, int64_t previous) const;
+  // TagWalk::Warm for every tag of the run.
+  void Warm(size_t from, size_t to) const {
+    for (const TagWalk* t : walks) t->Warm(from, to);
+  }
   // Moves the run's tags past `steps` steps.
   void Finish(size_t steps);
 
@@ -158,6 +162,9 @@ template <class Sink>
 size_t WriteRun(Sink& sink, RunPlan& plan, int64_t& previous) {
   size_t done = 0;
   while (done < plan.max_steps) {
+    // A long run reads its tags' next samples into the caches as the walk does between
+    // runs, a window ahead.
+    if (done % kWarmWindow == 0 && done > 0) plan.Warm(done + kWarmWindow, done + 2 * kWarmWindow);
     const size_t chunk = std::min(kRunChunk, plan.max_steps - done);
     const size_t good = plan.GoodSteps(done, chunk, previous);
     if (good == 0) break;

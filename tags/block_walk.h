@@ -10,6 +10,10 @@
 
 namespace marquel {
 
+// The writer reads the tags' next samples into the caches a window of this many steps at
+// a time, one window ahead. A window's arrays fit the second-level cache many times over.
+constexpr size_t kWarmWindow = 256;
+
 // One tag while the writer walks it.
 struct TagWalk {
   int64_t cur_time = 0;  // time of the current sample, times[pos]

@@ -181,9 +181,6 @@ class Walker {
   static constexpr size_t kShortRun = 4;
   static constexpr size_t kLongestWait = 64;
 
-  // The walk reads the tags' next samples into the caches a window at a time, one
-  // window ahead. A window's arrays fit the second-level cache many times over.
-  static constexpr size_t kWarmWindow = 256;
   void Warm(size_t from, size_t to) const {
     for (const TagWalk& t : tags_) t.Warm(from, to);
   }
