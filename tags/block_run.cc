@@ -32,6 +32,19 @@ size_t Repeating(const int32_t* values, int32_t state, size_t n) {
   return k;
 }
 
+// The entry with kDrainBefore set where the data bits gathered before it (*gathered, at
+// most 63 after a drain) could not take its largest item; counts that item in.
+RunEntry PlanDrain(RunEntry e, int* gathered) {
+  const bool raw = (e.flags & RunEntry::kRaw) != 0;
+  const int item = e.width + ((e.flags & RunEntry::kState) ? 24 : 0);
+  if (*gathered + item > 63) {
+    e.flags |= RunEntry::kDrainBefore;
+    *gathered = 7;
+  }
+  *gathered = raw ? 7 : *gathered + item;
+  return e;
+}
+
 }  // namespace
 
 bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
@@ -39,6 +52,7 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
   entries.clear();
   states.clear();
   walks.clear();
+  steady.clear();
   tag_pattern.assign(1, static_cast<uint8_t>(kRelativeTimeEntry));
   length_words.clear();
   length_bits.clear();
@@ -47,7 +61,8 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
   max_steps = std::numeric_limits<size_t>::max();
   uint64_t pending = 0;
   int pending_bits = 0;
-  int gathered = 7 + 24;
+  int gathered = 7 + 24;         // the data bits a step may have gathered, with its states
+  int steady_gathered = 7 + 24;  // the same without
   for (TagWalk& t : tags) {
     if (t.cur_time != current) {
       outside = std::min(outside, t.cur_time);
@@ -57,38 +72,39 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
     max_steps = std::min(max_steps, t.count - t.pos - 1);
     times.push_back(t.times + t.pos);
     walks.push_back(&t);
+    RunEntry e;
+    e.id = static_cast<uint8_t>(t.id);
+    e.width = t.width;
+    e.mask = t.mask;
+    e.values = t.values + t.pos;
+    e.walk = &t;
     if (IsStateTagType(t.type)) {
-      // The state tag writes nothing at this step only when it repeats the state last
-      // written and its gap from its previous sample ends no run.
-      if (t.values[t.pos] != t.last_written) return false;
+      // A state tag writes a state item where its state changes, and an end item where
+      // its gap from its previous sample ends its run: no run goes past such a gap.
       if (GapExceeds(t.prev_time, current, t.interval)) return false;
-      states.push_back({t.values + t.pos, static_cast<int32_t>(t.last_written)});
+      e.flags = RunEntry::kState;
+      e.state = static_cast<int32_t>(t.last_written);  // -1 or a value once written
+      e.interval_bits = ThreeBytesLowFirst(static_cast<uint64_t>(t.interval));
+      e.event_bit = uint32_t{1} << states.size();
+      states.push_back({t.values + t.pos, entries.size()});
+      entries.push_back(PlanDrain(e, &gathered));
       state_gap = std::min(state_gap, TwiceSaturated(t.interval));
       continue;
     }
-    RunEntry e;
     const bool raw = t.type == kTagTypeRaw;
     if (raw) e.flags |= RunEntry::kRaw;
     if (raw && t.batch.raw_offsets != nullptr) {
       e.raw_offsets = t.batch.raw_offsets + t.pos;
       e.raw_base = t.batch.raw_base;
     }
-    e.width = t.width;
-    e.mask = t.mask;
     if (t.type == kTagTypeDelta) {
       e.flags |= RunEntry::kDelta;
       e.subtract = t.prev_value;
     }
-    e.values = t.values + t.pos;
-    e.walk = &t;
     // Data bits gather in 63 bits: a step starts with at most 7 pending and its 24-bit
     // time difference; a raw sample leaves at most 7.
-    if (gathered + e.width > 63) {
-      e.flags |= RunEntry::kDrainBefore;
-      gathered = 7;
-    }
-    gathered = raw ? 7 : gathered + e.width;
-    entries.push_back(e);
+    entries.push_back(PlanDrain(e, &gathered));
+    steady.push_back(PlanDrain(e, &steady_gathered));
     tag_pattern.push_back(static_cast<uint8_t>(t.id));
     // The length items, gathered into pieces of up to 30 bits.
     pending = pending << 5 | static_cast<uint32_t>(t.width);
@@ -100,7 +116,9 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
       pending_bits = 0;
     }
   }
-  if (entries.empty()) return false;  // a step without entries writes no time entry
+  // A step whose only entries are state tags' writes nothing, and no time entry either,
+  // where their states stay.
+  if (entries.size() == states.size()) return false;
   if (pending_bits > 0) {
     length_words.push_back(static_cast<uint32_t>(pending));
     length_bits.push_back(pending_bits);
@@ -110,7 +128,7 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
   return true;
 }
 
-size_t RunPlan::GoodSteps(size_t from, size_t n, int64_t previous) const {
+size_t RunPlan::GoodSteps(size_t from, size_t n, int64_t previous) {
   // The time entries, from the first tag's times: relative, short of the other tags'
   // samples, and (after the run's first step, which Make checked) within the state
   // tags' gaps.
@@ -125,14 +143,28 @@ size_t RunPlan::GoodSteps(size_t from, size_t n, int64_t previous) const {
   }
   for (size_t j = 1; j < times.size(); ++j)
     good = std::min(good, Agreeing(times[j] + from, lead, good));
-  for (const RunState& s : states) good = std::min(good, Repeating(s.values + from, s.state, good));
+  // Where each state tag's state changes against the state last written.
+  std::fill(events, events + good, 0);
+  for (const RunState& s : states) {
+    const RunEntry& e = entries[s.entry];
+    int32_t state = e.state;
+    const int32_t* values = s.values + from;
+    if (Repeating(values, state, good) == good) continue;
+    for (size_t k = 0; k < good; ++k) {
+      if (values[k] == state) continue;
+      events[k] |= e.event_bit;
+      state = values[k];
+    }
+  }
   return good;
 }
 
 void RunPlan::Finish(size_t steps) {
   if (steps == 0) return;
-  for (const RunEntry& e : entries)
-    if (e.flags & RunEntry::kDelta) e.walk->prev_value = e.subtract;
+  for (const RunEntry& e : entries) {
+    if (e.flags & RunEntry::kDelta) e.walk->prev_value = static_cast<uint32_t>(e.values[steps - 1]);
+    if (e.flags & RunEntry::kState) e.walk->last_written = e.state;
+  }
   for (TagWalk* t : walks) {
     t->pos += steps;
     t->cur_time = t->times[t->pos];

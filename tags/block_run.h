@@ -20,15 +20,23 @@
 
 namespace marquel {
 
-// A tag that writes a sample entry in every step of a run.
+// A tag of a run that writes: a sample entry in every step, or for a state tag, a state
+// item in the steps where its state changes.
 struct RunEntry {
   static constexpr uint8_t kDrainBefore = 1;  // the data bits gathered must be stored first
   static constexpr uint8_t kRaw = 2;
   static constexpr uint8_t kDelta = 4;
+  static constexpr uint8_t kState = 8;
   uint8_t flags = 0;
+  uint8_t id = 0;
   int width = 0;
   uint32_t mask = 0;
-  uint32_t subtract = 0;  // delta tags: the previous value, which a step's is written less
+  uint32_t subtract = 0;  // delta tags: the value before the run's first step
+  // State tags: the state last written, the interval's three bytes as written, and the
+  // tag's bit in RunPlan::events.
+  int32_t state = 0;
+  uint32_t interval_bits = 0;
+  uint32_t event_bit = 0;
   const int32_t* values = nullptr;  // at the run's first step
   // Raw tags: where the bytes of the run's first step's sample start, relative to
   // raw_base (null: no sample of the batch has bytes).
@@ -46,22 +54,25 @@ struct RunEntry {
   }
 };
 
-// A state tag of a run: in a run it keeps its state and writes nothing.
+// A state tag of a run, for the checks.
 struct RunState {
   const int32_t* values = nullptr;  // at the run's first step
-  int32_t state = 0;                // the value last written, which every step repeats
+  size_t entry = 0;                 // its RunEntry
 };
+
+// The steps a run checks at a time, before it writes them.
+constexpr size_t kRunChunk = 32;
 
 // The shape of a run's steps, made at its first step.
 class RunPlan {
  public:
   // Makes the plan for the tags whose current sample has time `current`. False when no
-  // run can start here: a step that writes nothing, a state tag that writes at this step,
-  // a tag at the last sample of its batch.
+  // run can start here: a step with no sample entry, a state tag's gap that ends its run
+  // here, a tag at the last sample of its batch.
   bool Make(std::vector<TagWalk>& tags, int64_t current);
   // How many of the `n` steps from step `from` on keep the run's shape; `previous` is the
-  // time of the time entry before step `from`.
-  size_t GoodSteps(size_t from, size_t n, int64_t previous) const;
+  // time of the time entry before step `from`. Sets `events` for those steps.
+  size_t GoodSteps(size_t from, size_t n, int64_t previous);
   // TagWalk::Warm for every tag of the run.
   void Warm(size_t from, size_t to) const {
     for (const TagWalk* t : walks) t->Warm(from, to);
@@ -71,6 +82,9 @@ class RunPlan {
 
   std::vector<const int64_t*> times;  // every tag of the run, at its current sample
   std::vector<RunEntry> entries;      // the tags that write, in ascending id order
+  // The same without the state tags, for the steps where no state changes (the most), with
+  // the data stores planned for them.
+  std::vector<RunEntry> steady;
   std::vector<RunState> states;
   std::vector<TagWalk*> walks;  // every tag of the run
   // A step's tag-id bytes (the relative time entry, then the entries' ids), padded with
@@ -80,26 +94,34 @@ class RunPlan {
   // A step's length items, in pieces of at most 32 bits.
   std::vector<uint32_t> length_words;
   std::vector<int> length_bits;
+  // Per step of the chunk GoodSteps checked: the event bits of the state tags whose
+  // state changes there, each of which writes a state item.
+  uint32_t events[kRunChunk] = {};
   int64_t outside = std::numeric_limits<int64_t>::max();    // the earliest time of the others
   int64_t state_gap = std::numeric_limits<int64_t>::max();  // a step may be this far apart
   size_t max_steps = 0;  // the run stays inside every tag's batch, short of its last sample
 };
-
-// The steps a run checks at a time, before it writes them.
-constexpr size_t kRunChunk = 32;
 
 // A run writes each stream on its own, a chunk of steps at a time: each loop then keeps
 // only its own stream's state, which fits in the processor's registers. (One loop over
 // all three streams does not, and its accumulators go through memory at every item.)
 // Each function works on a local copy of the sink, whose address never escapes.
 
-// The tag-id bytes of `n` steps.
+// The tag-id bytes of `n` steps; steps with state items have them among their entries.
 template <class Sink>
 void WriteRunTags(Sink& out, const RunPlan& plan, size_t n) {
   Sink sink = out;
   const uint8_t* pattern = plan.tag_pattern.data();
   const size_t padded = plan.tag_pattern.size();
-  for (size_t k = 0; k < n; ++k) sink.TagPattern(pattern, padded, plan.tag_count);
+  for (size_t k = 0; k < n; ++k) {
+    if (plan.events[k] == 0) {
+      sink.TagPattern(pattern, padded, plan.tag_count);
+      continue;
+    }
+    sink.Tag(static_cast<uint8_t>(kRelativeTimeEntry));
+    for (const RunEntry& e : plan.entries)
+      if (!(e.flags & RunEntry::kState) || (plan.events[k] & e.event_bit)) sink.Tag(e.id);
+  }
   out = sink;
 }
 
@@ -108,8 +130,15 @@ template <class Sink>
 void WriteRunLengths(Sink& out, const RunPlan& plan, size_t n) {
   Sink sink = out;
   const size_t words = plan.length_words.size();
-  for (size_t k = 0; k < n; ++k)
-    for (size_t w = 0; w < words; ++w) sink.LengthBits(plan.length_words[w], plan.length_bits[w]);
+  for (size_t k = 0; k < n; ++k) {
+    if (plan.events[k] == 0) {
+      for (size_t w = 0; w < words; ++w) sink.LengthBits(plan.length_words[w], plan.length_bits[w]);
+      continue;
+    }
+    for (const RunEntry& e : plan.entries)
+      if (!(e.flags & RunEntry::kState) || (plan.events[k] & e.event_bit))
+        sink.LengthBits(static_cast<uint32_t>(e.width), 5);
+  }
   out = sink;
 }
 
@@ -126,19 +155,30 @@ void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& pre
     const int64_t t = lead[k];
     d.Push(ThreeBytesLowFirst(static_cast<uint64_t>(t) - static_cast<uint64_t>(previous)), 24);
     previous = t;
-    for (RunEntry& e : plan.entries) {
-      const uint32_t value = static_cast<uint32_t>(e.values[k]);
-      if (e.flags != 0) {
-        if (e.flags & RunEntry::kDrainBefore) d.Drain();
-        if (e.flags & RunEntry::kDelta) {
-          d.Push((value - e.subtract) & e.mask, e.width);
-          e.subtract = value;
+    const uint32_t events = plan.events[k - from];
+    RunEntry* const begin = events == 0 ? plan.steady.data() : plan.entries.data();
+    RunEntry* const end = begin + (events == 0 ? plan.steady.size() : plan.entries.size());
+    for (RunEntry* e = begin; e != end; ++e) {
+      const uint32_t value = static_cast<uint32_t>(e->values[k]);
+      if (e->flags != 0) {
+        if (e->flags & RunEntry::kDrainBefore) d.Drain();
+        if (e->flags & RunEntry::kDelta) {
+          const uint32_t before = k == 0 ? e->subtract : static_cast<uint32_t>(e->values[k - 1]);
+          d.Push((value - before) & e->mask, e->width);
           continue;
         }
-        if (e.flags & RunEntry::kRaw) {
+        if (e->flags & RunEntry::kState) {
+          if (events & e->event_bit) {
+            d.Push((value | 2) & e->mask, e->width);
+            d.Push(e->interval_bits, 24);
+            e->state = static_cast<int32_t>(value);
+          }
+          continue;
+        }
+        if (e->flags & RunEntry::kRaw) {
           uint32_t count;
-          const uint8_t* bytes = e.RawBytes(k, &count);
-          d.Push(count, e.width);
+          const uint8_t* bytes = e->RawBytes(k, &count);
+          d.Push(count, e->width);
           d.Drain();  // the bytes go out with at most 7 bits before them
           if (!d.HasRoom(count + budget)) {
             sink.PutData(d);
@@ -149,7 +189,7 @@ void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& pre
           continue;
         }
       }
-      d.Push(value & e.mask, e.width);
+      d.Push(value & e->mask, e->width);
     }
     d.Drain();  // the step-by-step writer takes over with fewer than 32 pending
   }
@@ -170,7 +210,7 @@ size_t WriteRun(Sink& sink, RunPlan& plan, int64_t& previous) {
     if (good == 0) break;
     // Room for the chunk: Reserve counts 8 data bytes per entry, more than any step
     // needs; the data loop makes room for raw bytes as they come.
-    sink.Reserve(good * plan.tag_count + plan.tag_pattern.size(), 0);
+    sink.Reserve(good * (plan.tag_count + plan.states.size()) + plan.tag_pattern.size(), 0);
     WriteRunTags(sink, plan, good);
     WriteRunLengths(sink, plan, good);
     WriteRunData(sink, plan, done, good, previous);
