@@ -179,6 +179,18 @@ class Decoder {
   };
   RunResult DecodeRun(Position at, const uint8_t* id_end, const uint8_t* pattern, size_t step_size,
                       WidthQueue& widths);
+  // Where an event step stands (see DecodeEventStep).
+  struct EventStep {
+    const uint8_t* id_next;
+    const uint8_t* width_next;
+    uint64_t pos;
+    size_t slots = 0;  // the run's slots decoded
+    BlockRejection reason = BlockRejection::kNone;
+  };
+  EventStep DecodeEventStep(EventStep at, const uint8_t* id_end, size_t k, int64_t now,
+                            const BitSource& data, WidthQueue& widths);
+  uint64_t StoreSlot(RunSlot& s, size_t k, int width, uint32_t item, uint64_t pos,
+                     const BitSource& data);
   bool PlanRun(const uint8_t* pattern, size_t step_size);
   bool PrepareChunk(size_t steps, int64_t first_time);
   void CommitChunk(size_t steps, size_t partial_slots);

@@ -112,11 +112,89 @@ inline void Decoder::CommitChunk(size_t steps, size_t partial_slots) {
   }
 }
 
+// Stores slot s's sample of step k: `item`, read in `width` bits, and for a raw sample
+// its bytes, which follow at bit `pos`. Returns the bits those bytes take (0 for other
+// samples), or kStreamEnds when the stream ends before them.
+constexpr uint64_t kStreamEnds = ~uint64_t{0};
+inline uint64_t Decoder::StoreSlot(RunSlot& s, size_t k, int width, uint32_t item, uint64_t pos,
+                                   const BitSource& data) {
+  if (s.kind == kDeltaSlot) {
+    uint32_t& sum = state_[s.id].sum;
+    sum = (sum + item) & ((uint32_t{1} << width) - 1);  // width is 1..31 here
+    if (s.values != nullptr) s.values[k] = static_cast<int32_t>(sum);
+    return 0;
+  }
+  if (s.kind == kRawLane) {
+    // As in the main loop, the count is held against the stream before any room is made
+    // for it.
+    if (!data.CopyAt(pos, nullptr, item, 0)) return kStreamEnds;
+    SampleColumn<uint8_t>& bytes = *raw_lanes_[s.id].bytes;
+    bytes.EnsureSpare(item + 8);
+    s.offsets[k] = bytes.size();
+    data.CopyAt(pos, bytes.SpareBegin(), item, bytes.Spare());
+    bytes.Commit(item);
+    s.values[k] = static_cast<int32_t>(item);
+    return 8 * static_cast<uint64_t>(item);
+  }
+  s.values[k] = static_cast<int32_t>(item);
+  return 0;
+}
+
+// Step k of a chunk, from its first entry (after the time entry), where the step is the
+// run's step with state items among its entries: a state tag's change or the end of its
+// run. Decodes entry by entry, as the main loop does, up to the step's end or the first
+// entry of another kind, which is left for the main loop.
+__attribute__((noinline)) inline Decoder::EventStep Decoder::DecodeEventStep(EventStep at,
+                                                                             const uint8_t* id_end,
+                                                                             size_t k, int64_t now,
+                                                                             const BitSource& data,
+                                                                             WidthQueue& widths) {
+  while (at.id_next != id_end && *at.id_next > kRelativeTimeEntry) {
+    const uint8_t id = *at.id_next;
+    const bool slot = at.slots < run_slot_count_ && run_slots_[at.slots].id == id;
+    if (!slot && (!IsStateTagType(state_[id].type) || !state_[id].asked)) return at;
+    bool enough;
+    at.width_next = widths.Ensure(at.width_next, 1, &enough);
+    if (!enough || *at.width_next < 1) return at;  // the main loop reports or skips it
+    const int width = *at.width_next++;
+    uint32_t item;
+    if (!data.ReadAt(at.pos, width, &item)) {
+      at.reason = BlockRejection::kDataStreamShort;
+      return at;
+    }
+    at.pos += static_cast<uint64_t>(width);
+    ++at.id_next;
+    if (slot) {
+      const uint64_t more = StoreSlot(run_slots_[at.slots], k, width, item, at.pos, data);
+      if (more == kStreamEnds) {
+        at.reason = BlockRejection::kDataStreamShort;
+        return at;
+      }
+      at.pos += more;
+      ++at.slots;
+      continue;
+    }
+    uint32_t interval = 0;
+    if (item == 2 || item == 3) {
+      uint32_t bits;
+      if (!data.ReadAt(at.pos, 24, &bits)) {
+        at.reason = BlockRejection::kDataStreamShort;
+        return at;
+      }
+      at.pos += 24;
+      interval = LowByteFirst(bits);
+    }
+    at.reason = StateItem(id, item, interval, now);
+    if (at.reason != BlockRejection::kNone) return at;
+  }
+  return at;
+}
+
 // Decodes the steps from `at` on that repeat the `step_size` bytes at `pattern` (a step
-// decoded before). The
-// position is worked on in locals, whose addresses never escape, so that the compiler
-// keeps them in registers; the data stream is read by bit position (BitSource::ReadAt),
-// and the result gets it all back at the end.
+// decoded before), or repeat it with state items among their entries. The position is
+// worked on in locals, whose addresses never escape, so that the compiler keeps them in
+// registers; the data stream is read by bit position (BitSource::ReadAt), and the result
+// gets it all back at the end.
 __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position at,
                                                                        const uint8_t* id_end,
                                                                        const uint8_t* pattern,
@@ -130,33 +208,54 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
   const uint8_t* step_start = pattern;
   size_t steps = 0;
   BlockRejection reason = BlockRejection::kNone;
-  bool planned = false;
+  if (static_cast<size_t>(id_end - id_next) < step_size ||
+      std::memcmp(id_next, pattern, step_size) != 0 || !PlanRun(pattern, step_size)) {
+    return RunResult{at, step_start, 0, reason};
+  }
+  RunSlot* const slots_end = run_slots_ + run_slot_count_;
   for (;;) {
+    // A chunk prepares room for as many steps as the stream's ids could hold; its steps
+    // are the run's step (found a stretch at a time, in one comparison) or that step with
+    // state items.
     const size_t chunk =
         std::min(kDecodeRunChunk, static_cast<size_t>(id_end - id_next) / step_size);
     if (chunk == 0) break;
-    // The first chunk repeats the pattern; each later one, the step before it.
-    const size_t good =
-        RepeatingSteps(id_next, planned ? id_next - step_size : pattern, step_size, chunk);
-    if (good == 0) break;
-    if (!planned && !PlanRun(pattern, step_size)) break;
-    planned = true;
     uint32_t bits;
     if (!data.ReadAt(pos, 24, &bits) || RelativeStep(bits) <= 0) break;
-    if (now > kLatestRunStart || !PrepareChunk(good, now + RelativeStep(bits))) break;
-    RunSlot* const slots_end = run_slots_ + run_slot_count_;
+    if (now > kLatestRunStart || !PrepareChunk(chunk, now + RelativeStep(bits))) break;
     size_t k = 0, partial = 0;
-    while (k < good) {
-      // The step's widths are made to lie in the queue's items together, so that the
-      // loop over the entries has no refill in it.
+    size_t plain_until = 0;  // steps before this one are known to repeat the pattern
+    while (k < chunk) {
+      bool plain = k < plain_until;
+      if (!plain) {
+        const size_t fit = std::min(chunk - k, static_cast<size_t>(id_end - id_next) / step_size);
+        plain_until = k + RepeatingSteps(id_next, pattern, step_size, fit);
+        plain = k < plain_until;
+      }
+      if (!plain && (id_next == id_end || *id_next != kRelativeTimeEntry)) break;
+      if (!data.ReadAt(pos, 24, &bits) || RelativeStep(bits) <= 0) break;
       bool enough;
       width_next = widths.Ensure(width_next, run_slot_count_, &enough);
       if (!enough) break;
-      if (!data.ReadAt(pos, 24, &bits) || RelativeStep(bits) <= 0) break;
       pos += 24;
       now += RelativeStep(bits);
       run_times_[k] = now;
       step_start = id_next;
+      if (!plain) {
+        EventStep step =
+            DecodeEventStep(EventStep{id_next + 1, width_next, pos}, id_end, k, now, data, widths);
+        id_next = step.id_next;
+        width_next = step.width_next;
+        pos = step.pos;
+        reason = step.reason;
+        if (reason != BlockRejection::kNone) break;  // the block is rejected
+        if (step.slots < run_slot_count_ || (id_next != id_end && *id_next > kRelativeTimeEntry)) {
+          partial = step.slots;
+          break;
+        }
+        ++k;
+        continue;
+      }
       const uint8_t* w = width_next;
       RunSlot* s = run_slots_;
       for (; s != slots_end; ++s, ++w) {
@@ -172,25 +271,12 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
           s->values[k] = static_cast<int32_t>(item);
           continue;
         }
-        if (s->kind == kDeltaSlot) {
-          uint32_t& sum = state_[s->id].sum;
-          sum = (sum + item) & ((uint32_t{1} << width) - 1);  // width is 1..31 here
-          if (s->values != nullptr) s->values[k] = static_cast<int32_t>(sum);
-          continue;
-        }
-        // A raw sample. As in the main loop, the count is held against the stream before
-        // any room is made for it.
-        SampleColumn<uint8_t>& bytes = *raw_lanes_[s->id].bytes;
-        if (!data.CopyAt(pos, nullptr, item, 0)) {
+        const uint64_t more = StoreSlot(*s, k, width, item, pos, data);
+        if (more == kStreamEnds) {
           reason = BlockRejection::kDataStreamShort;
           break;
         }
-        bytes.EnsureSpare(item + 8);
-        s->offsets[k] = bytes.size();
-        data.CopyAt(pos, bytes.SpareBegin(), item, bytes.Spare());
-        bytes.Commit(item);
-        pos += 8 * static_cast<uint64_t>(item);
-        s->values[k] = static_cast<int32_t>(item);
+        pos += more;
       }
       const size_t done = static_cast<size_t>(s - run_slots_);
       id_next += 1 + done;
@@ -204,7 +290,7 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
     }
     CommitChunk(k, partial);
     steps += k;
-    if (k < good || reason != BlockRejection::kNone) break;
+    if (k < chunk || reason != BlockRejection::kNone) break;
   }
   BitSource rest = data;
   rest.Seek(pos);

@@ -141,6 +141,29 @@ TEST(BlockDecoderRuns, ASkippedEntryInsideARunsStep) {
   EXPECT_GE(runs.content.tags[16].size(), 101u) << "the steps before the damage";
 }
 
+// A state tag first met inside a run's step: it is asked about (and refused here) as the
+// main loop would ask, before its items count.
+TEST(BlockDecoderRuns, AStateTagFirstMetInsideARunIsAskedAbout) {
+  BlockContent c;
+  for (int i = 0; i < 300; ++i) {
+    const int64_t t = 1000 + i * 100;
+    c.tags[16].AddPlain(t, i);
+    c.tags[19].AddPlain(t, i * 3);
+    if (i >= 150) c.tags[17].AddPlain(t, (i / 40) % 2);
+  }
+  c.tags[17].interval = 100;
+  Bytes block = Encode(c);
+  for (bool accept_17 : {true, false}) {
+    BlockReadOptions options;
+    options.accept = [accept_17](int32_t id) { return id != 17 || accept_17; };
+    ExpectSameBothWays(block, accept_17 ? "accepted" : "refused", options);
+    Outcome runs = Read(block, ReaderPaths::kRunsAndEntries, options);
+    ASSERT_EQ(runs.result, 1);
+    EXPECT_EQ(runs.content.tags[17].valid, accept_17);
+    EXPECT_EQ(runs.content.tags[17].size(), accept_17 ? 150u : 0u);
+  }
+}
+
 // Bits gathered most significant first into bytes, for blocks made by hand.
 class Bits {
  public:
