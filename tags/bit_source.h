@@ -74,12 +74,20 @@ class BitSource {
   // null (as ReadBytes does, `out_room` of n + 8 or more lets it write eight bytes at a
   // time); false when the span ends first.
   bool CopyAt(uint64_t pos, uint8_t* out, uint64_t n, uint64_t out_room) const {
+    if (!HasBytesAt(pos, n)) return false;
+    if (out != nullptr) CopyKnownAt(pos, out, n, out_room);
+    return true;
+  }
+  // Whether the span holds n bytes from bit `pos` on.
+  bool HasBytesAt(uint64_t pos, uint64_t n) const {
     const uint64_t size_bits = static_cast<uint64_t>(end_ - begin_) * 8;
-    if (pos > size_bits || (size_bits - pos) / 8 < n) return false;
-    if (out != nullptr && n > 0)
+    return pos <= size_bits && (size_bits - pos) / 8 >= n;
+  }
+  // CopyAt for bytes HasBytesAt has found there.
+  void CopyKnownAt(uint64_t pos, uint8_t* out, uint64_t n, uint64_t out_room) const {
+    if (n > 0)
       CopyShifted(begin_ + pos / 8, static_cast<int>(pos % 8), out, static_cast<size_t>(n),
                   out_room >= n + 8);
-    return true;
   }
 
   // Bits not yet read.

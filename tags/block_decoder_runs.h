@@ -25,6 +25,14 @@ constexpr size_t kRunPrefetchAhead = 256;
 constexpr int64_t kLatestRunStart =
     std::numeric_limits<int64_t>::max() - static_cast<int64_t>(kDecodeRunChunk) * 0x800000;
 
+// Asks for the lines of [at, at + n) to be written soon. A prefetch never faults, so the
+// lines may lie past what is allocated.
+template <class T>
+inline void PrefetchForWriting(const T* at, size_t n) {
+  const char* p = reinterpret_cast<const char*>(at);
+  for (size_t i = 0; i < n * sizeof(T); i += 64) __builtin_prefetch(p + i, 1);
+}
+
 // How many of the `steps` steps at `ids` repeat the `step_size` bytes at `pattern`.
 // After the first, each is compared with the step before it, all in one comparison.
 inline size_t RepeatingSteps(const uint8_t* ids, const uint8_t* pattern, size_t step_size,
@@ -74,22 +82,24 @@ inline bool Decoder::PrepareChunk(size_t steps, int64_t first_time) {
       tag.values.EnsureSpare(steps);
       slot.times = tag.times.SpareBegin();
       slot.values = tag.values.SpareBegin();
-      continue;
+    } else {
+      Lane& lane = lanes_[slot.id];
+      if (lane.times[lane.size - 1] >= first_time) return false;  // a sample would be dropped
+      if (lane.capacity - lane.size < steps) GrowLane(slot.id);
+      slot.times = lane.times + lane.size;
+      slot.values = lane.values + lane.size;
+      if (slot.kind == kRawLane) {
+        slot.offsets = raw_lanes_[slot.id].offsets + lane.size;
+        PrefetchForWriting(slot.offsets + kRunPrefetchAhead, steps);
+        // The bytes, by the lane's average so far.
+        SampleColumn<uint8_t>& bytes = *raw_lanes_[slot.id].bytes;
+        const size_t average = bytes.size() / lane.size;
+        PrefetchForWriting(bytes.SpareBegin() + average * kRunPrefetchAhead, average * steps);
+      }
     }
-    Lane& lane = lanes_[slot.id];
-    if (lane.times[lane.size - 1] >= first_time) return false;  // a sample would be dropped
-    if (lane.capacity - lane.size < steps) GrowLane(slot.id);
-    slot.times = lane.times + lane.size;
-    slot.values = lane.values + lane.size;
-    if (slot.kind == kRawLane) slot.offsets = raw_lanes_[slot.id].offsets + lane.size;
     // The lines a later chunk writes, asked for now (as the main loop's lanes do).
-    for (size_t i = 0; i < kDecodeRunChunk; i += 8)
-      __builtin_prefetch(slot.times + kRunPrefetchAhead + i, 1);
-    for (size_t i = 0; i < kDecodeRunChunk; i += 16)
-      __builtin_prefetch(slot.values + kRunPrefetchAhead + i, 1);
-    if (slot.kind == kRawLane)
-      for (size_t i = 0; i < kDecodeRunChunk; i += 8)
-        __builtin_prefetch(slot.offsets + kRunPrefetchAhead + i, 1);
+    PrefetchForWriting(slot.times + kRunPrefetchAhead, steps);
+    PrefetchForWriting(slot.values + kRunPrefetchAhead, steps);
   }
   return true;
 }
@@ -127,11 +137,11 @@ inline uint64_t Decoder::StoreSlot(RunSlot& s, size_t k, int width, uint32_t ite
   if (s.kind == kRawLane) {
     // As in the main loop, the count is held against the stream before any room is made
     // for it.
-    if (!data.CopyAt(pos, nullptr, item, 0)) return kStreamEnds;
+    if (!data.HasBytesAt(pos, item)) return kStreamEnds;
     SampleColumn<uint8_t>& bytes = *raw_lanes_[s.id].bytes;
     bytes.EnsureSpare(item + 8);
     s.offsets[k] = bytes.size();
-    data.CopyAt(pos, bytes.SpareBegin(), item, bytes.Spare());
+    data.CopyKnownAt(pos, bytes.SpareBegin(), item, bytes.Spare());
     bytes.Commit(item);
     s.values[k] = static_cast<int32_t>(item);
     return 8 * static_cast<uint64_t>(item);
