@@ -70,6 +70,21 @@ class BitSource {
     *value = static_cast<uint32_t>((w << (pos % 8)) >> (64 - bits));
     return true;
   }
+  // The bits from `pos` on, at the top of *window; at least kWindowBits of them are the
+  // stream's (the rest are what follows them in memory). False, with nothing loaded, when
+  // the eight bytes from pos / 8 would pass the span's end.
+  static constexpr int kWindowBits = 57;
+  bool WindowAt(uint64_t pos, uint64_t* window) const {
+    if (static_cast<int64_t>(pos) > whole_word_limit_) return false;
+    uint64_t w;
+    std::memcpy(&w, begin_ + pos / 8, sizeof w);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    w = __builtin_bswap64(w);
+#endif
+    *window = w << (pos % 8);
+    return true;
+  }
+
   // Copies the n bytes at bit `pos` to out, or only tests that they are there when out is
   // null (as ReadBytes does, `out_room` of n + 8 or more lets it write eight bytes at a
   // time); false when the span ends first.

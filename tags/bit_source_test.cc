@@ -139,6 +139,12 @@ TEST(BitSource, ReadAtAgreesWithReadingInOrder) {
         const bool ok = pos <= size * 8 && plain.ReadBits(bits, &expected);
         ASSERT_EQ(at.ReadAt(pos, bits, &got), ok) << size << " " << pos << " " << bits;
         if (ok) ASSERT_EQ(got, expected) << size << " " << pos << " " << bits;
+        // A window holds the same bits at its top, where it can be loaded at all.
+        uint64_t window = 0;
+        const bool windowed = at.WindowAt(pos, &window);
+        ASSERT_EQ(windowed, pos / 8 + 8 <= size) << size << " " << pos;
+        if (windowed && ok && bits <= BitSource::kWindowBits)
+          ASSERT_EQ(static_cast<uint32_t>(window >> (64 - bits)), expected) << size << " " << pos;
       }
       if (pos <= size * 8) {
         BitSource s(bytes.data(), bytes.size());

@@ -266,28 +266,52 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
         ++k;
         continue;
       }
+      // The step's values come out of a 64-bit window of the stream, loaded at `pos`:
+      // each is a shift of it, and the window moves on only when the next value would
+      // pass its 57 sure bits (after a raw sample's bytes, and near the stream's end,
+      // every value is read on its own).
       const uint8_t* w = width_next;
       RunSlot* s = run_slots_;
+      uint64_t window = 0;
+      int used = 0;
+      bool windowed = data.WindowAt(pos, &window);
       for (; s != slots_end; ++s, ++w) {
         const int width = *w;
         if (width < 1) break;  // a skipped entry: the main loop takes it and the rest
+        if (used + width > BitSource::kWindowBits) {
+          pos += static_cast<uint64_t>(used);
+          used = 0;
+          windowed = data.WindowAt(pos, &window);
+        }
         uint32_t item;
-        if (!data.ReadAt(pos, width, &item)) {
+        if (windowed) {
+          item = static_cast<uint32_t>((window << used) >> (64 - width));
+          used += width;
+        } else if (data.ReadAt(pos, width, &item)) {
+          pos += static_cast<uint64_t>(width);
+        } else {
           reason = BlockRejection::kDataStreamShort;
           break;
         }
-        pos += static_cast<uint64_t>(width);
         if (s->kind == kValueLane) {
           s->values[k] = static_cast<int32_t>(item);
           continue;
         }
+        pos += static_cast<uint64_t>(used);
+        used = 0;
         const uint64_t more = StoreSlot(*s, k, width, item, pos, data);
         if (more == kStreamEnds) {
           reason = BlockRejection::kDataStreamShort;
           break;
         }
-        pos += more;
+        if (more > 0) {
+          pos += more;
+          windowed = data.WindowAt(pos, &window);
+        } else {
+          windowed = windowed && data.WindowAt(pos, &window);
+        }
       }
+      pos += static_cast<uint64_t>(used);
       const size_t done = static_cast<size_t>(s - run_slots_);
       id_next += 1 + done;
       width_next += done;
