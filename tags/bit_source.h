@@ -18,7 +18,7 @@ class BitSource {
       : begin_(data),
         next_(data),
         end_(data + size),
-        whole_word_limit_(size >= 8 ? static_cast<int64_t>(size - 8) * 8 : -1) {}
+        whole_word_limit_(size >= 8 ? static_cast<int64_t>(size - 8) * 8 + 7 : -1) {}
 
   // Reads `bits` (1..32) bits into *value; false, with nothing consumed, when fewer remain.
   bool Read(int bits, uint32_t* value) {
