@@ -18,7 +18,8 @@ class BitSource {
       : begin_(data),
         next_(data),
         end_(data + size),
-        whole_word_limit_(size >= 8 ? static_cast<int64_t>(size - 8) * 8 + 7 : -1) {}
+        whole_word_limit_(size >= 8 ? static_cast<int64_t>(size - 8) * 8 + 7 : -1),
+        size_bits_(static_cast<uint64_t>(size) * 8) {}
 
   // Reads `bits` (1..32) bits into *value; false, with nothing consumed, when fewer remain.
   bool Read(int bits, uint32_t* value) {
@@ -95,8 +96,7 @@ class BitSource {
   }
   // Whether the span holds n bytes from bit `pos` on.
   bool HasBytesAt(uint64_t pos, uint64_t n) const {
-    const uint64_t size_bits = static_cast<uint64_t>(end_ - begin_) * 8;
-    return pos <= size_bits && (size_bits - pos) / 8 >= n;
+    return pos <= size_bits_ && (size_bits_ - pos) / 8 >= n;
   }
   // CopyAt for bytes HasBytesAt has found there.
   void CopyKnownAt(uint64_t pos, uint8_t* out, uint64_t n, uint64_t out_room) const {
@@ -230,6 +230,7 @@ class BitSource {
   const uint8_t* next_;
   const uint8_t* end_;
   int64_t whole_word_limit_;  // the last bit position whose eight bytes lie in the span
+  uint64_t size_bits_;        // the span's size in bits
   uint64_t word_ = 0;
   int avail_ = 0;
 };

@@ -176,6 +176,7 @@ class Decoder {
     int64_t* times = nullptr;
     int32_t* values = nullptr;
     uint64_t* offsets = nullptr;
+    SampleColumn<uint8_t>* bytes = nullptr;  // a raw lane's bytes
   };
   RunResult DecodeRun(Position at, const uint8_t* id_end, const uint8_t* pattern, size_t step_size,
                       WidthQueue& widths);

@@ -90,6 +90,7 @@ inline bool Decoder::PrepareChunk(size_t steps, int64_t first_time) {
       slot.values = lane.values + lane.size;
       if (slot.kind == kRawLane) {
         slot.offsets = raw_lanes_[slot.id].offsets + lane.size;
+        slot.bytes = raw_lanes_[slot.id].bytes;
         PrefetchForWriting(slot.offsets + kRunPrefetchAhead, steps);
         // The bytes, by the lane's average so far.
         SampleColumn<uint8_t>& bytes = *raw_lanes_[slot.id].bytes;
@@ -138,7 +139,7 @@ inline uint64_t Decoder::StoreSlot(RunSlot& s, size_t k, int width, uint32_t ite
     // As in the main loop, the count is held against the stream before any room is made
     // for it.
     if (!data.HasBytesAt(pos, item)) return kStreamEnds;
-    SampleColumn<uint8_t>& bytes = *raw_lanes_[s.id].bytes;
+    SampleColumn<uint8_t>& bytes = *s.bytes;
     bytes.EnsureSpare(item + 8);
     s.offsets[k] = bytes.size();
     data.CopyKnownAt(pos, bytes.SpareBegin(), item, bytes.Spare());
