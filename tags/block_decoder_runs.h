@@ -160,13 +160,19 @@ __attribute__((noinline)) inline Decoder::EventStep Decoder::DecodeEventStep(Eve
                                                                              size_t k, int64_t now,
                                                                              const BitSource& data,
                                                                              WidthQueue& widths) {
+  // The step's widths, made to lie together in the queue's items (one each, fewer when
+  // the length stream ends first: the main loop reports that).
+  size_t entries = 0;
+  while (at.id_next + entries != id_end && at.id_next[entries] > kRelativeTimeEntry) ++entries;
+  bool enough;
+  at.width_next = widths.Ensure(at.width_next, std::min(entries, WidthQueue::kBatch), &enough);
+  if (!enough) return at;
+  const uint8_t* const widths_end = at.width_next + std::min(entries, WidthQueue::kBatch);
   while (at.id_next != id_end && *at.id_next > kRelativeTimeEntry) {
     const uint8_t id = *at.id_next;
     const bool slot = at.slots < run_slot_count_ && run_slots_[at.slots].id == id;
     if (!slot && (!IsStateTagType(state_[id].type) || !state_[id].asked)) return at;
-    bool enough;
-    at.width_next = widths.Ensure(at.width_next, 1, &enough);
-    if (!enough || *at.width_next < 1) return at;  // the main loop reports or skips it
+    if (at.width_next == widths_end || *at.width_next < 1) return at;  // the main loop's
     const int width = *at.width_next++;
     uint32_t item;
     if (!data.ReadAt(at.pos, width, &item)) {
