@@ -62,13 +62,9 @@ class BitSource {
   // Reads `bits` (1..32) at bit `pos` without moving the reader; false when the span
   // ends first.
   bool ReadAt(uint64_t pos, int bits, uint32_t* value) const {
-    if (static_cast<int64_t>(pos) > whole_word_limit_) return ReadAtNearEnd(pos, bits, value);
-    uint64_t w;
-    std::memcpy(&w, begin_ + pos / 8, sizeof w);
-#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
-    w = __builtin_bswap64(w);
-#endif
-    *value = static_cast<uint32_t>((w << (pos % 8)) >> (64 - bits));
+    uint64_t window;
+    if (!WindowAt(pos, &window)) return ReadAtNearEnd(pos, bits, value);
+    *value = static_cast<uint32_t>(window >> (64 - bits));
     return true;
   }
   // The bits from `pos` on, at the top of *window; at least kWindowBits of them are the

@@ -210,22 +210,20 @@ Bytes TimeGoesBack(int32_t id, int width) {
   return BuildBlock(ids, lengths.bytes(), data.bytes());
 }
 
-TEST(BlockDecoderRuns, StepsBeforeAValueTagsLastSampleAreDropped) {
-  Bytes block = TimeGoesBack(16, 16);
-  ExpectSameBothWays(block, "value tag");
-  Outcome runs = Read(block, ReaderPaths::kRunsAndEntries);
-  ASSERT_EQ(runs.result, 1);
-  EXPECT_EQ(SamplesOf(runs.content, 16), (Pairs{{10000000, 1}}));
-  EXPECT_EQ(runs.stats.dropped_samples, 101u);
-}
-
-TEST(BlockDecoderRuns, StepsBeforeADeltaTagsLastSampleAreDropped) {
-  Bytes block = TimeGoesBack(254, 8);
-  ExpectSameBothWays(block, "delta tag");
-  Outcome runs = Read(block, ReaderPaths::kRunsAndEntries);
-  ASSERT_EQ(runs.result, 1);
-  EXPECT_EQ(SamplesOf(runs.content, 254), (Pairs{{10000000, 1}}));
-  EXPECT_EQ(runs.stats.dropped_samples, 101u);
+TEST(BlockDecoderRuns, StepsBeforeATagsLastSampleAreDropped) {
+  struct Case {
+    int32_t id;
+    int width;
+    const char* what;
+  };
+  for (const Case& c : {Case{16, 16, "value tag"}, Case{254, 8, "delta tag"}}) {
+    Bytes block = TimeGoesBack(c.id, c.width);
+    ExpectSameBothWays(block, c.what);
+    Outcome runs = Read(block, ReaderPaths::kRunsAndEntries);
+    ASSERT_EQ(runs.result, 1) << c.what;
+    EXPECT_EQ(SamplesOf(runs.content, c.id), (Pairs{{10000000, 1}})) << c.what;
+    EXPECT_EQ(runs.stats.dropped_samples, 101u) << c.what;
+  }
 }
 
 }  // namespace
