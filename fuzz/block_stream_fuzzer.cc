@@ -6,8 +6,10 @@
 // bytes are taken as they are (mostly CRC rejections). Mode bit 1 reads the input as a
 // whole stored block instead.
 //
-// Checks: nothing crashes; a block the reader accepts is written again, and the writer's
-// block must be accepted by the reader in turn.
+// Checks: nothing crashes; the reader's run path and its entry-by-entry path give the
+// same result and the same samples; a block the reader accepts is written again, by the
+// writer's run path and by its step-by-step path, which must give the same bytes, and
+// the reader must accept them in turn.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -16,7 +18,9 @@
 
 #include "platform/crc32.h"
 #include "tags/block_reader.h"
+#include "tags/block_reader_paths.h"
 #include "tags/block_writer.h"
+#include "tags/block_writer_paths.h"
 
 namespace {
 
@@ -29,11 +33,46 @@ Bytes WithCrc(const uint8_t* p, size_t n) {
   return out;
 }
 
+bool SameContent(const marquel::BlockContent& a, const marquel::BlockContent& b) {
+  for (int32_t id = 0; id < marquel::kTagIdCount; ++id) {
+    const marquel::BlockTagSamples& x = a.tags[id];
+    const marquel::BlockTagSamples& y = b.tags[id];
+    if (x.present != y.present || x.valid != y.valid || x.raw != y.raw ||
+        x.interval != y.interval || x.times != y.times || x.values != y.values)
+      return false;
+    for (size_t i = 0; x.raw && i < x.size(); ++i)
+      if (!std::equal(x.RawData(i), x.RawData(i) + x.values[i], y.RawData(i))) return false;
+  }
+  return true;
+}
+
+// The block of `content` by one of the writer's paths, in stored order.
+Bytes Written(const marquel::BlockContent& content, marquel::WriterPaths paths) {
+  marquel::BlockContentSource source(content);
+  marquel::EncodedBlock block;
+  const marquel::BlockStreams streams{&block.tag_ids, &block.lengths, &block.data, &block.header};
+  if (marquel::WriteBlock(source, streams, paths) != 1) return {};
+  return block.Bytes();
+}
+
 void CheckRewrite(const marquel::BlockContent& content, const marquel::BlockReadOptions& options) {
-  Bytes again = marquel::EncodeBlockBytes(content);
+  Bytes again = Written(content, marquel::WriterPaths::kRunsAndSteps);
+  if (again != Written(content, marquel::WriterPaths::kStepsOnly)) __builtin_trap();
   marquel::BlockContent back;
   if (again.empty() || marquel::DecodeBlockBytes(again.data(), again.size(), options, &back) != 1)
     __builtin_trap();
+}
+
+// The entry-by-entry reading of the same streams must agree with what was read.
+void CheckPaths(int32_t result, const marquel::BlockContent& content, const uint8_t* ids,
+                size_t n_ids, const uint8_t* lengths, size_t n_len, const uint8_t* data,
+                size_t n_data, const marquel::BlockReadOptions& options) {
+  auto other = std::make_unique<marquel::BlockContent>();
+  marquel::BlockRejection why;
+  const int32_t again =
+      marquel::DecodeBlock(ids, n_ids, lengths, n_len, data, n_data, options, other.get(), &why,
+                           nullptr, marquel::ReaderPaths::kEntriesOnly);
+  if (again != result || (result == 1 && !SameContent(content, *other))) __builtin_trap();
 }
 
 }  // namespace
@@ -61,6 +100,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Bytes a = WithCrc(ids, n_ids), b = WithCrc(lengths, n_len), c = WithCrc(bytes, n_data);
     result = marquel::DecodeBlock(a.data(), a.size(), b.data(), b.size(), c.data(), c.size(),
                                   options, content.get());
+    CheckPaths(result, *content, a.data(), a.size(), b.data(), b.size(), c.data(), c.size(),
+               options);
   } else {
     result =
         marquel::DecodeBlock(ids, n_ids, lengths, n_len, bytes, n_data, options, content.get());

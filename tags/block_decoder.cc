@@ -50,6 +50,9 @@ BlockRejection Decoder::Run(const uint8_t* ids, size_t id_count, WidthQueue& wid
         }
         RunResult run =
             DecodeRun(Position{id_next, width_next, data, now}, id_end, pattern, step_size, widths);
+        // A run may end inside the first step it took, with no whole step done: it has
+        // still moved, and the loop goes on from where it ended.
+        const bool moved = run.at.id_next != id_next;
         id_next = run.at.id_next;
         width_next = run.at.width_next;
         data = run.at.data;
@@ -62,6 +65,8 @@ BlockRejection Decoder::Run(const uint8_t* ids, size_t id_count, WidthQueue& wid
         if (run.steps > 0) {
           last_pattern = pattern;
           last_size = step_size;
+        }
+        if (moved) {
           step_start = run.step_start;
           --id_next;  // the loop's step brings it back to what follows the run
           continue;

@@ -115,7 +115,8 @@ TEST(BlockDecoderRuns, DamagedBlocksReadTheSameBothWays) {
 
 // A skipped entry (width 0) inside a run's step ends the run there; the rest of the step
 // is read entry by entry. (The skipped entry's bits stay in the data stream, so what
-// follows is read out of step, the same way on both paths.)
+// follows is read out of step, the same way on both paths.) In the run's first step, the
+// run ends before any whole step, and the reading still goes on from where it ended.
 TEST(BlockDecoderRuns, ASkippedEntryInsideARunsStep) {
   BlockContent c;
   for (int i = 0; i < 200; ++i) {
@@ -123,22 +124,25 @@ TEST(BlockDecoderRuns, ASkippedEntryInsideARunsStep) {
     c.tags[19].AddPlain(1000 + i * 10, 2 * i);
     c.tags[20].AddPlain(1000 + i * 10, i % 16);
   }
-  Bytes block = Encode(c);
-  const BlockHeader h = ParseBlockHeader(block.data());
-  // The length items go 16, 16, 4 per step; item 3 * 100 + 1 (tag 19 of step 100) is
-  // set to 0. Each item is 5 bits, most significant first.
-  const size_t start = kBlockHeaderSize + h.tag_id_size;
-  const size_t item = 3 * 100 + 1;
-  for (size_t b = 0; b < 5; ++b) {
-    const size_t bit = item * 5 + b;
-    block[start + bit / 8] &= static_cast<uint8_t>(~(0x80u >> (bit % 8)));
+  const Bytes written = Encode(c);
+  for (size_t step : {1, 100}) {
+    Bytes block = written;
+    const BlockHeader h = ParseBlockHeader(block.data());
+    // The length items go 16, 16, 4 per step; tag 19's item of the step is set to 0.
+    // Each item is 5 bits, most significant first.
+    const size_t start = kBlockHeaderSize + h.tag_id_size;
+    const size_t item = 3 * step + 1;
+    for (size_t b = 0; b < 5; ++b) {
+      const size_t bit = item * 5 + b;
+      block[start + bit / 8] &= static_cast<uint8_t>(~(0x80u >> (bit % 8)));
+    }
+    FixCrc(block, start, h.length_size);
+    ExpectSameBothWays(block, "width 0 in step " + std::to_string(step));
+    Outcome runs = Read(block, ReaderPaths::kRunsAndEntries);
+    ASSERT_EQ(runs.result, 1) << step;
+    EXPECT_EQ(runs.stats.skipped_entries, 1u) << step;
+    EXPECT_GE(runs.content.tags[16].size(), step + 1) << "the steps before the damage";
   }
-  FixCrc(block, start, h.length_size);
-  ExpectSameBothWays(block, "width 0");
-  Outcome runs = Read(block, ReaderPaths::kRunsAndEntries);
-  ASSERT_EQ(runs.result, 1);
-  EXPECT_EQ(runs.stats.skipped_entries, 1u);
-  EXPECT_GE(runs.content.tags[16].size(), 101u) << "the steps before the damage";
 }
 
 // A state tag first met inside a run's step: it is asked about (and refused here) as the
