@@ -109,13 +109,12 @@ inline void Decoder::Fill(int32_t id, int64_t limit, bool inclusive) {
   tag.values.EnsureSpare(n);
   int64_t* times = tag.times.SpareBegin();
   int32_t* values = tag.values.SpareBegin();
-  // Every time written lies between first and the limit; the sum wraps as unsigned
-  // arithmetic only past the last one, which is never stored.
-  uint64_t t = static_cast<uint64_t>(static_cast<int64_t>(first));
-  for (size_t i = 0; i < n; ++i, t += static_cast<uint64_t>(st.interval)) {
-    times[i] = static_cast<int64_t>(t);
-    values[i] = st.run_state;
-  }
+  // Every time written lies between first and the limit, so the unsigned sums below
+  // never wrap for a time that is stored.
+  const uint64_t t0 = static_cast<uint64_t>(static_cast<int64_t>(first));
+  const uint64_t step_by = static_cast<uint64_t>(st.interval);
+  for (size_t i = 0; i < n; ++i) times[i] = static_cast<int64_t>(t0 + i * step_by);
+  std::fill_n(values, n, st.run_state);
   tag.times.Commit(n);
   tag.values.Commit(n);
   stats_.filled_samples += n;
