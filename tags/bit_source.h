@@ -33,16 +33,6 @@ class BitSource {
     return true;
   }
 
-  // Like Read, but the bits stay unread.
-  bool Peek(int bits, uint32_t* value) {
-    if (avail_ < bits) {
-      Refill();
-      if (avail_ < bits) return false;
-    }
-    *value = static_cast<uint32_t>(word_ >> (64 - bits));
-    return true;
-  }
-
   // Reading by position. A loop that keeps the bit position itself and reads at it
   // makes no step depend on the last one's load: the next position is known before the
   // bits at this one arrive.
@@ -82,19 +72,12 @@ class BitSource {
     return true;
   }
 
-  // Copies the n bytes at bit `pos` to out, or only tests that they are there when out is
-  // null (as ReadBytes does, `out_room` of n + 8 or more lets it write eight bytes at a
-  // time); false when the span ends first.
-  bool CopyAt(uint64_t pos, uint8_t* out, uint64_t n, uint64_t out_room) const {
-    if (!HasBytesAt(pos, n)) return false;
-    if (out != nullptr) CopyKnownAt(pos, out, n, out_room);
-    return true;
-  }
   // Whether the span holds n bytes from bit `pos` on.
   bool HasBytesAt(uint64_t pos, uint64_t n) const {
     return pos <= size_bits_ && (size_bits_ - pos) / 8 >= n;
   }
-  // CopyAt for bytes HasBytesAt has found there.
+  // Copies the n bytes at bit `pos` to out, which HasBytesAt has found there (as
+  // ReadBytes does, `out_room` of n + 8 or more lets it write eight bytes at a time).
   void CopyKnownAt(uint64_t pos, uint8_t* out, uint64_t n, uint64_t out_room) const {
     if (n > 0)
       CopyShifted(begin_ + pos / 8, static_cast<int>(pos % 8), out, static_cast<size_t>(n),
