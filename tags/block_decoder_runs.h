@@ -4,9 +4,12 @@
 // same order, one sample each, at a later time. Once the main loop has decoded a step, a
 // run takes the steps that repeat it, a chunk at a time: the chunk's tag-id bytes are
 // compared with the step before in one go, and each tag's lists get their room and their
-// order check once per chunk, so that an entry is a read and two stores. A step that does
-// not repeat, or whose time does not go up, goes back to the main loop, which decodes it
-// entry by entry. Both decode the same; the run only does less work.
+// order check once per chunk, so that an entry is a shift of a window of the data stream
+// and a store (the step's time is kept once and copied into the lists per chunk). A step
+// that repeats it with state items among its entries is decoded entry by entry within
+// the run. A step that does not repeat, or whose time does not go up, goes back to the
+// main loop, which decodes it entry by entry. Both decode the same; the run only does
+// less work.
 #pragma once
 
 #include <algorithm>
@@ -20,8 +23,8 @@ namespace marquel {
 // How many samples ahead of a chunk the lanes' lines are asked for.
 constexpr size_t kRunPrefetchAhead = 256;
 
-// Times a run may reach: a chunk's steps add at most kDecodeRunChunk * 2^23 to the time, which
-// must not wrap around.
+// Times a run may reach: a chunk's steps add at most kDecodeRunChunk * 2^23 to the time,
+// which must not wrap around.
 constexpr int64_t kLatestRunStart =
     std::numeric_limits<int64_t>::max() - static_cast<int64_t>(kDecodeRunChunk) * 0x800000;
 

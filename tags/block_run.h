@@ -1,12 +1,14 @@
 // Runs of repeating steps.
 //
 // Through most of a program, the same tags have samples at the same times step after
-// step, and the state tags among them keep their state. Each such step writes the same
-// tag-id bytes and the same length items; only the time difference and the values change.
-// A run writes such steps from patterns made once: it checks that a step still has the
-// shape, then writes its tag ids and length items from the patterns and its data straight
-// from the tags' arrays. The first step of another shape ends the run, and the
-// step-by-step writer takes it. Both write the same bytes; the run only does less work.
+// step, and the state tags among them mostly keep their state. Each such step writes the
+// same tag-id bytes and the same length items; only the time difference and the values
+// change. A run writes such steps from patterns made once: it checks that a stretch of
+// steps still has the shape, then writes their tag ids and length items from the
+// patterns and their data straight from the tags' arrays. A step where a state tag
+// changes writes its state item among its entries. The first step of another shape ends
+// the run, and the step-by-step writer takes it. Both write the same bytes; the run only
+// does less work.
 #pragma once
 
 #include <algorithm>
