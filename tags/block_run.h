@@ -48,9 +48,7 @@ struct RunEntry {
 
   // The bytes of raw sample k of the run and their count, as TagWalk gives them.
   const uint8_t* RawBytes(size_t k, uint32_t* count) const {
-    const uint8_t* bytes = raw_offsets == nullptr || raw_offsets[k] == BlockSampleBatch::kNoBytes
-                               ? nullptr
-                               : raw_base + raw_offsets[k];
+    const uint8_t* bytes = BlockSampleBatch::BytesAt(raw_base, raw_offsets, k);
     *count = RawByteCount(bytes, values[k], mask);
     return bytes;
   }

@@ -73,9 +73,11 @@ struct BlockSampleBatch {
   size_t count = 0;
 
   // The bytes of sample i, or null when it has none.
-  const uint8_t* Bytes(size_t i) const {
-    if (raw_offsets == nullptr || raw_offsets[i] == kNoBytes) return nullptr;
-    return raw_base + raw_offsets[i];
+  const uint8_t* Bytes(size_t i) const { return BytesAt(raw_base, raw_offsets, i); }
+  // The same for arrays held apart from a batch.
+  static const uint8_t* BytesAt(const uint8_t* base, const uint64_t* offsets, size_t i) {
+    if (offsets == nullptr || offsets[i] == kNoBytes) return nullptr;
+    return base + offsets[i];
   }
 };
 
