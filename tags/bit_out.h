@@ -59,6 +59,26 @@ struct BitOut {
     if (i < n) Push(LastBytes(bytes, n, n - i), static_cast<int>(8 * (n - i)));
     Drain();
   }
+  // PushBytes for bytes past whose end eight more may be read: a whole word at a time.
+  // The last word's bytes past the n are written too, and then left behind the position,
+  // for the next writes to cover. It writes up to eight bytes past the n bytes' end.
+  void PushWords(const uint8_t* bytes, size_t n) {
+    if (n == 0) return;
+    const int p = pending;
+    uint8_t* const start = at;
+    uint64_t head = (acc << (63 - p)) << 1;  // the pending bits, at the top
+    for (size_t i = 0; i < n; i += 8) {
+      uint64_t chunk;
+      std::memcpy(&chunk, bytes + i, 8);
+      chunk = __builtin_bswap64(chunk);
+      const uint64_t out = __builtin_bswap64(head | chunk >> p);
+      std::memcpy(at, &out, 8);
+      at += 8;
+      head = (chunk << (63 - p)) << 1;
+    }
+    at = start + n;
+    acc = bytes[n - 1];  // its low p bits are still pending
+  }
   // The last `tail` (1..7) of the n bytes as a big-endian number, read without going
   // outside the n bytes.
   static uint64_t LastBytes(const uint8_t* bytes, size_t n, size_t tail) {
@@ -100,6 +120,7 @@ struct BitRoom {
   void Push(uint64_t value, int n) { bits.Push(value, n); }
   void Drain() { bits.Drain(); }
   void PushBytes(const uint8_t* bytes, size_t n) { bits.PushBytes(bytes, n); }
+  void PushWords(const uint8_t* bytes, size_t n) { bits.PushWords(bytes, n); }
 };
 
 // BitRoom's calls, counting the bits instead of storing them.
@@ -110,6 +131,7 @@ struct BitCount {
   void Push(uint64_t, int n) { bits += static_cast<uint64_t>(n); }
   void Drain() {}
   void PushBytes(const uint8_t*, size_t n) { bits += static_cast<uint64_t>(n) * 8; }
+  void PushWords(const uint8_t*, size_t n) { bits += static_cast<uint64_t>(n) * 8; }
 };
 
 }  // namespace marquel

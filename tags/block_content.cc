@@ -67,6 +67,7 @@ class ContentCursor : public BlockTagCursor {
     if (tag_.raw) {
       batch->raw_base = tag_.raw_bytes.data();
       batch->raw_offsets = tag_.raw_offset.data();
+      batch->raw_readable_past = true;  // SampleColumn::kReadPast
     }
     return true;
   }

@@ -38,7 +38,9 @@ class ProgramTagCursor : public BlockTagCursor {
     batch->values = values_.data();
     batch->count = times_.size();
     if (any_bytes) {
+      bytes_.insert(bytes_.end(), kReadPast, 0);
       batch->raw_base = bytes_.data();
+      batch->raw_readable_past = true;
       batch->raw_offsets = offsets_.data();
     }
     return true;
@@ -46,6 +48,7 @@ class ProgramTagCursor : public BlockTagCursor {
 
  private:
   static constexpr size_t kBatch = 256;
+  static constexpr size_t kReadPast = 8;  // zero bytes after the last sample's (see the batch)
   TagRecordCursor cursor_;
   std::vector<int64_t> times_;
   std::vector<int32_t> values_;

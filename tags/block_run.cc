@@ -96,6 +96,7 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
     if (raw && t.batch.raw_offsets != nullptr) {
       e.raw_offsets = t.batch.raw_offsets + t.pos;
       e.raw_base = t.batch.raw_base;
+      if (t.batch.raw_readable_past) e.flags |= RunEntry::kRawWords;
     }
     if (t.type == kTagTypeDelta) {
       e.flags |= RunEntry::kDelta;

@@ -29,6 +29,7 @@ struct RunEntry {
   static constexpr uint8_t kRaw = 2;
   static constexpr uint8_t kDelta = 4;
   static constexpr uint8_t kState = 8;
+  static constexpr uint8_t kRawWords = 16;  // raw bytes that may be read a word at a time
   uint8_t flags = 0;
   uint8_t id = 0;
   int width = 0;
@@ -185,7 +186,10 @@ void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& pre
             sink.ReserveData(count + budget);
             d = sink.TakeData();
           }
-          d.PushBytes(bytes, count);
+          if (e->flags & RunEntry::kRawWords)
+            d.PushWords(bytes, count);
+          else
+            d.PushBytes(bytes, count);
           continue;
         }
       }

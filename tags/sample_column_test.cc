@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <set>
 #include <vector>
 
@@ -79,6 +80,20 @@ TEST(SampleColumn, LargeColumnsStartAtDifferentPlacesInAPage) {
   }
   EXPECT_EQ(ColumnStagger(1024), 0u);
   EXPECT_EQ(ColumnStagger(1 << 20) % 64, 0u) << "whole cache lines, so alignment is kept";
+}
+
+// A whole word may be loaded at any element, the last one included: the memory past
+// the capacity belongs to the column (an address sanitizer build checks that) and is zero.
+TEST(SampleColumn, AWordCanBeReadAtItsLastElement) {
+  for (size_t n : {1u, 7u, 8u, 100u, 40000u}) {
+    SampleColumn<uint8_t> c;
+    for (size_t i = 0; i < n; ++i) c.push_back(static_cast<uint8_t>(i + 1));
+    uint64_t word;
+    std::memcpy(&word, c.data() + c.capacity() - 1, sizeof word);
+    EXPECT_EQ(word >> 8, 0u) << "n=" << n;  // the seven bytes past the capacity
+    std::memcpy(&word, c.data() + c.capacity(), sizeof word);
+    EXPECT_EQ(word, 0u) << "n=" << n;
+  }
 }
 
 }  // namespace

@@ -70,6 +70,9 @@ struct BlockSampleBatch {
   // raw_offsets: no sample of the batch has bytes.
   const uint8_t* raw_base = nullptr;
   const uint64_t* raw_offsets = nullptr;
+  // Whether eight bytes past the end of every sample's bytes still lie in the source's
+  // memory, so that a writer may load them a whole word at a time.
+  bool raw_readable_past = false;
   size_t count = 0;
 
   // The bytes of sample i, or null when it has none.

@@ -40,6 +40,10 @@ class SampleColumn {
   using const_iterator = const T*;
   using size_type = size_t;
 
+  // Bytes past the capacity that still belong to the allocation (zero), so that a whole
+  // word may be loaded at any element: the block writer copies raw bytes a word at a time.
+  static constexpr size_t kReadPast = 8;
+
   SampleColumn() = default;
   SampleColumn(std::initializer_list<T> values) { assign(values.begin(), values.end()); }
   SampleColumn(const SampleColumn& other) { assign(other.begin(), other.end()); }
@@ -131,9 +135,10 @@ class SampleColumn {
   void Reallocate(size_t n) {
     if (n > (static_cast<size_t>(-1) - 4096) / sizeof(T)) throw std::bad_alloc();
     const size_t offset = ColumnStagger(n * sizeof(T));
-    void* block = std::malloc(n * sizeof(T) + offset);
+    void* block = std::malloc(n * sizeof(T) + offset + kReadPast);
     if (block == nullptr) throw std::bad_alloc();
     T* fresh = reinterpret_cast<T*>(static_cast<char*>(block) + offset);
+    std::memset(fresh + n, 0, kReadPast);
     if (size_ > 0) std::memcpy(fresh, data_, size_ * sizeof(T));
     std::free(block_);
     block_ = block;
