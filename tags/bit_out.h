@@ -59,11 +59,12 @@ struct BitOut {
     if (i < n) Push(LastBytes(bytes, n, n - i), static_cast<int>(8 * (n - i)));
     Drain();
   }
-  // PushBytes for bytes past whose end eight more may be read: a whole word at a time.
-  // The last word's bytes past the n are written too, and then left behind the position,
-  // for the next writes to cover. It writes up to eight bytes past the n bytes' end.
+  // PushBytes for bytes past whose end eight more may be read, a whole word at a time,
+  // after any number of pending bits (at most 63). The last word's bytes past the n are
+  // written too, and left behind the position for the next writes to cover. At most 7
+  // bits are pending after. It writes up to sixteen bytes past the n bytes' end.
   void PushWords(const uint8_t* bytes, size_t n) {
-    if (n == 0) return;
+    if (n == 0) return Drain();
     const int p = pending;
     uint8_t* const start = at;
     uint64_t head = (acc << (63 - p)) << 1;  // the pending bits, at the top
@@ -76,8 +77,12 @@ struct BitOut {
       at += 8;
       head = (chunk << (63 - p)) << 1;
     }
-    at = start + n;
-    acc = bytes[n - 1];  // its low p bits are still pending
+    // More than seven bits pending before leave whole bytes of the last word in `head`.
+    const uint64_t rest = __builtin_bswap64(head);
+    std::memcpy(at, &rest, 8);
+    at = start + (p >> 3) + n;
+    pending = p & 7;
+    acc = bytes[n - 1];  // its low bits are the ones still pending
   }
   // The last `tail` (1..7) of the n bytes as a big-endian number, read without going
   // outside the n bytes.

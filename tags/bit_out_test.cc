@@ -11,9 +11,10 @@ namespace marquel {
 namespace {
 
 // The bytes a BitBuffer stores for `lead` bits of `lead_value` followed by `bytes`.
-std::vector<uint8_t> Expected(uint32_t lead_value, int lead, const std::vector<uint8_t>& bytes) {
+std::vector<uint8_t> Expected(uint64_t lead_value, int lead, const std::vector<uint8_t>& bytes) {
   BitBuffer b;
-  b.WriteBits(lead_value, lead);
+  if (lead > 32) b.WriteBits(static_cast<uint32_t>(lead_value >> 32), lead - 32);
+  b.WriteBits(static_cast<uint32_t>(lead_value), lead > 32 ? 32 : lead);
   b.WriteBytes(bytes.data(), bytes.size());
   b.PadToByte();
   return std::vector<uint8_t>(b.data(), b.data() + b.size());
@@ -21,7 +22,7 @@ std::vector<uint8_t> Expected(uint32_t lead_value, int lead, const std::vector<u
 
 // Writes the same through BitOut with `push` (PushBytes or PushWords) and a final Flush.
 template <class Push>
-std::vector<uint8_t> Written(uint32_t lead_value, int lead, const std::vector<uint8_t>& bytes,
+std::vector<uint8_t> Written(uint64_t lead_value, int lead, const std::vector<uint8_t>& bytes,
                              Push push) {
   std::vector<uint8_t> out(bytes.size() + 32, 0xEE);
   BitOut bits;
@@ -33,6 +34,7 @@ std::vector<uint8_t> Written(uint32_t lead_value, int lead, const std::vector<ui
   return out;
 }
 
+// PushBytes takes at most 7 pending bits before its bytes, PushWords up to 63.
 TEST(BitOut, WordsAndBytesWriteTheSameAfterAnyPendingBits) {
   uint32_t seed = 7;
   for (size_t n = 0; n <= 40; ++n) {
@@ -40,12 +42,13 @@ TEST(BitOut, WordsAndBytesWriteTheSameAfterAnyPendingBits) {
     std::vector<uint8_t> source(n + 8);
     for (auto& b : source) b = static_cast<uint8_t>((seed = seed * 1103515245u + 12345u) >> 16);
     const std::vector<uint8_t> bytes(source.begin(), source.begin() + static_cast<long>(n));
-    for (int lead = 0; lead <= 7; ++lead) {
-      const uint32_t lead_value = (0xA5u >> (8 - lead)) & ((1u << lead) - 1);
+    for (int lead = 0; lead <= 63; ++lead) {
+      const uint64_t lead_value = lead == 0 ? 0 : 0xA5C3F00F5AA53CC3ull >> (64 - lead);
       const auto expected = Expected(lead_value, lead, bytes);
       EXPECT_EQ(Written(lead_value, lead, bytes, [&](BitOut& b) { b.PushWords(source.data(), n); }),
                 expected)
           << "n=" << n << " lead=" << lead;
+      if (lead > 7) continue;
       EXPECT_EQ(Written(lead_value, lead, bytes, [&](BitOut& b) { b.PushBytes(source.data(), n); }),
                 expected)
           << "n=" << n << " lead=" << lead;

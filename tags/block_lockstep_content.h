@@ -34,8 +34,10 @@ class ChoppedSource : public BlockSampleSource {
  private:
   class Cursor : public BlockTagCursor {
    public:
+    // Cursors of odd seeds do not let raw bytes be read past their end, so that the
+    // writer copies those a byte at a time.
     Cursor(std::unique_ptr<BlockTagCursor> inner, uint64_t seed)
-        : inner_(std::move(inner)), rng_(seed) {}
+        : inner_(std::move(inner)), rng_(seed), readable_past_(seed % 2 == 0) {}
     bool Next(BlockSampleBatch* batch) override {
       if (left_ == 0) {
         if (!inner_->Next(&whole_)) return false;
@@ -48,6 +50,7 @@ class ChoppedSource : public BlockSampleSource {
       batch->values += at_;
       if (batch->raw_offsets != nullptr) batch->raw_offsets += at_;
       batch->count = n;
+      batch->raw_readable_past = whole_.raw_readable_past && readable_past_;
       at_ += n;
       left_ -= n;
       return true;
@@ -59,6 +62,7 @@ class ChoppedSource : public BlockSampleSource {
     BlockSampleBatch whole_;
     size_t at_ = 0;
     size_t left_ = 0;
+    bool readable_past_;
   };
   BlockContentSource inner_;
   uint64_t seed_;

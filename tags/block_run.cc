@@ -61,8 +61,7 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
   max_steps = std::numeric_limits<size_t>::max();
   uint64_t pending = 0;
   int pending_bits = 0;
-  int gathered = 7 + 24;         // the data bits a step may have gathered, with its states
-  int steady_gathered = 7 + 24;  // the same without
+  int gathered = 7 + 24;  // the data bits a step may have gathered
   for (TagWalk& t : tags) {
     if (t.cur_time != current) {
       outside = std::min(outside, t.cur_time);
@@ -105,7 +104,7 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
     // Data bits gather in 63 bits: a step starts with at most 7 pending and its 24-bit
     // time difference; a raw sample leaves at most 7.
     entries.push_back(PlanDrain(e, &gathered));
-    steady.push_back(PlanDrain(e, &steady_gathered));
+    steady.push_back(e);
     tag_pattern.push_back(static_cast<uint8_t>(t.id));
     // The length items, gathered into pieces of up to 30 bits.
     pending = pending << 5 | static_cast<uint32_t>(t.width);
@@ -126,7 +125,83 @@ bool RunPlan::Make(std::vector<TagWalk>& tags, int64_t current) {
   }
   tag_count = tag_pattern.size();
   tag_pattern.resize((tag_count + 31) / 32 * 32, 0);
+  MakePieces();
   return true;
+}
+
+void RunPlan::MakePieces() {
+  pieces.clear();
+  piece_items.clear();
+  size_t raws = 0;
+  size_t first_item = 0;  // the current piece's first item
+  RunPiece piece;
+  int gathered = 7 + 24;  // as for the entries: a step starts with its time difference
+  auto close = [&] {
+    if (first_item == piece_items.size()) return;
+    // Earlier items go higher: each item's shift is the width of the items after it.
+    int shift = 0;
+    for (size_t i = piece_items.size(); i-- > first_item;) {
+      piece_items[i].shift = shift;
+      shift += steady[piece_items[i].entry].width;
+    }
+    if (gathered + piece.bits > 63) {
+      piece.flags |= RunPiece::kDrainBefore;
+      gathered = 7;
+    }
+    gathered = piece.raw >= 0 ? 7 : gathered + piece.bits;
+    pieces.push_back(piece);
+    piece = RunPiece();
+    first_item = piece_items.size();
+  };
+  for (size_t i = 0; i < steady.size(); ++i) {
+    const RunEntry& e = steady[i];
+    if (piece.bits + e.width > kPieceBits) close();
+    piece_items.push_back({static_cast<uint32_t>(i), static_cast<uint32_t>(pieces.size()), 0, -1});
+    piece.bits += e.width;
+    if (e.flags & RunEntry::kRaw) {
+      // The count ends its piece: the bytes follow it.
+      piece.raw = static_cast<int>(raws++);
+      if (e.flags & RunEntry::kRawWords) piece.flags |= RunPiece::kWords;
+      piece_items.back().raw = piece.raw;
+      close();
+    }
+  }
+  close();
+  piece_words.resize(pieces.size() * kRunChunk);
+  raw_counts.resize(raws * kRunChunk);
+  raw_bytes.resize(raws * kRunChunk);
+}
+
+size_t RunPlan::PackChunk(size_t from, size_t n) {
+  std::fill(piece_words.begin(), piece_words.end(), 0);
+  size_t raw_total = 0;
+  for (const RunPieceItem& item : piece_items) {
+    const RunEntry& e = steady[item.entry];
+    uint64_t* const words = piece_words.data() + item.piece * kRunChunk;
+    const int32_t* const values = e.values + from;
+    const uint32_t mask = e.mask;
+    const int shift = item.shift;
+    if (e.flags & RunEntry::kDelta) {
+      uint32_t before = from == 0 ? e.subtract : static_cast<uint32_t>(values[-1]);
+      for (size_t k = 0; k < n; ++k) {
+        const uint32_t value = static_cast<uint32_t>(values[k]);
+        words[k] |= uint64_t{(value - before) & mask} << shift;
+        before = value;
+      }
+    } else if (e.flags & RunEntry::kRaw) {
+      uint32_t* const counts = raw_counts.data() + item.raw * kRunChunk;
+      const uint8_t** const bytes = raw_bytes.data() + item.raw * kRunChunk;
+      for (size_t k = 0; k < n; ++k) {
+        bytes[k] = e.RawBytes(from + k, &counts[k]);
+        raw_total += counts[k];
+        words[k] |= uint64_t{counts[k]} << shift;
+      }
+    } else {
+      for (size_t k = 0; k < n; ++k)
+        words[k] |= uint64_t{static_cast<uint32_t>(values[k]) & mask} << shift;
+    }
+  }
+  return raw_total;
 }
 
 size_t RunPlan::GoodSteps(size_t from, size_t n, int64_t previous) {

@@ -5,10 +5,11 @@
 // same tag-id bytes and the same length items; only the time difference and the values
 // change. A run writes such steps from patterns made once: it checks that a stretch of
 // steps still has the shape, then writes their tag ids and length items from the
-// patterns and their data straight from the tags' arrays. A step where a state tag
-// changes writes its state item among its entries. The first step of another shape ends
-// the run, and the step-by-step writer takes it. Both write the same bytes; the run only
-// does less work.
+// patterns, and their data from the tags' arrays: a chunk's values are first packed, a
+// tag at a time, into pieces of up to 56 bits, then written a piece at a time. A step
+// where a state tag changes writes its state item among its entries, one by one. The
+// first step of another shape ends the run, and the step-by-step writer takes it. Both
+// write the same bytes; the run only does less work.
 #pragma once
 
 #include <algorithm>
@@ -64,6 +65,27 @@ struct RunState {
 // The steps a run checks at a time, before it writes them.
 constexpr size_t kRunChunk = 32;
 
+// A steady step's data items, gathered into pieces that are each written with one push:
+// values and delta values side by side, up to a raw sample's count, which ends its piece
+// (the bytes follow it). A chunk's pieces are made a tag at a time, in loops the compiler
+// turns into vector code, and then written a step at a time.
+struct RunPiece {
+  static constexpr uint8_t kDrainBefore = 1;  // the data bits gathered must be stored first
+  static constexpr uint8_t kWords = 2;        // its raw bytes may be read a word at a time
+  int bits = 0;
+  uint8_t flags = 0;
+  int raw = -1;  // the raw sample whose count ends it, by its place among the run's raw tags
+};
+// A steady entry's item in its piece.
+struct RunPieceItem {
+  uint32_t entry = 0;  // in RunPlan::steady
+  uint32_t piece = 0;
+  int shift = 0;  // where in the piece's bits the item lies, from the low end
+  int raw = -1;   // as RunPiece::raw, for a raw tag's count
+};
+// The most bits of a piece: with the at most 7 bits pending after a drain, it fits in 63.
+constexpr int kPieceBits = 56;
+
 // The shape of a run's steps, made at its first step.
 class RunPlan {
  public:
@@ -80,6 +102,10 @@ class RunPlan {
   }
   // Moves the run's tags past `steps` steps.
   void Finish(size_t steps);
+  // Makes the pieces of steps [from, from + n) (n at most kRunChunk) into piece_words, and
+  // the raw samples' counts and bytes into raw_counts and raw_bytes; returns how many raw
+  // bytes they have in all.
+  size_t PackChunk(size_t from, size_t n);
 
   std::vector<const int64_t*> times;  // every tag of the run, at its current sample
   std::vector<RunEntry> entries;      // the tags that write, in ascending id order
@@ -87,6 +113,13 @@ class RunPlan {
   // the data stores planned for them.
   std::vector<RunEntry> steady;
   std::vector<RunState> states;
+  // The steady steps' pieces and their items; per piece (and per raw tag), kRunChunk
+  // words (and counts and byte pointers) for the chunk PackChunk made.
+  std::vector<RunPiece> pieces;
+  std::vector<RunPieceItem> piece_items;
+  std::vector<uint64_t> piece_words;
+  std::vector<uint32_t> raw_counts;
+  std::vector<const uint8_t*> raw_bytes;
   std::vector<TagWalk*> walks;  // every tag of the run
   // A step's tag-id bytes (the relative time entry, then the entries' ids), padded with
   // zeros to a multiple of 32 bytes, so that it can be copied in whole 32-byte pieces.
@@ -101,6 +134,9 @@ class RunPlan {
   int64_t outside = std::numeric_limits<int64_t>::max();    // the earliest time of the others
   int64_t state_gap = std::numeric_limits<int64_t>::max();  // a step may be this far apart
   size_t max_steps = 0;  // the run stays inside every tag's batch, short of its last sample
+
+ private:
+  void MakePieces();
 };
 
 // A run writes each stream on its own, a chunk of steps at a time: each loop then keeps
@@ -143,23 +179,56 @@ void WriteRunLengths(Sink& out, const RunPlan& plan, size_t n) {
   out = sink;
 }
 
+// A steady step's data, step j of the chunk PackChunk made: its pieces, each with one
+// push, and the raw samples' bytes after their counts.
+// (Kept inline, so that the data stream's bits stay in registers through it.)
+template <class Data>
+__attribute__((always_inline)) inline void WriteSteadyStep(Data& d, const RunPlan& plan, size_t j) {
+  const uint64_t* words = plan.piece_words.data() + j;
+  for (const RunPiece& p : plan.pieces) {
+    if (p.flags & RunPiece::kDrainBefore) d.Drain();
+    d.Push(*words, p.bits);
+    words += kRunChunk;
+    if (p.raw < 0) continue;
+    const size_t r = static_cast<size_t>(p.raw) * kRunChunk + j;
+    if (p.flags & RunPiece::kWords) {
+      d.PushWords(plan.raw_bytes[r], plan.raw_counts[r]);
+    } else {
+      d.Drain();  // PushBytes takes at most 7 bits pending
+      d.PushBytes(plan.raw_bytes[r], plan.raw_counts[r]);
+    }
+  }
+}
+
 // The data of steps [from, from + n): each step's time difference, then its entries.
 // The data stream's bits are worked on in a local (see BufferSink::TakeData).
 template <class Sink>
 void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& previous) {
+  const size_t raw_total = plan.PackChunk(from, n);
   auto d = sink.TakeData();
   const int64_t* lead = plan.times[0];
-  // The room the chunk's entries other than raw bytes may still need: Reserve made it.
-  const size_t budget = 8 * plan.tag_count * n + 16;
+  // Room for the chunk: at most 8 bytes for each item other than raw bytes (Reserve made
+  // that), the raw bytes, and what PushWords writes past them.
+  const size_t budget = 8 * (plan.tag_count + plan.states.size()) * n + 32;
+  if (!d.HasRoom(raw_total + budget)) {
+    sink.PutData(d);
+    sink.ReserveData(raw_total + budget);
+    d = sink.TakeData();
+  }
   d.Drain();  // each step starts with at most 7 bits pending
   for (size_t k = from; k < from + n; ++k) {
     const int64_t t = lead[k];
     d.Push(ThreeBytesLowFirst(static_cast<uint64_t>(t) - static_cast<uint64_t>(previous)), 24);
     previous = t;
     const uint32_t events = plan.events[k - from];
-    RunEntry* const begin = events == 0 ? plan.steady.data() : plan.entries.data();
-    RunEntry* const end = begin + (events == 0 ? plan.steady.size() : plan.entries.size());
-    for (RunEntry* e = begin; e != end; ++e) {
+    if (events == 0) {
+      WriteSteadyStep(d, plan, k - from);
+      d.Drain();  // the step-by-step writer takes over with fewer than 32 pending
+      continue;
+    }
+    // A step with state items: entry by entry.
+    for (RunEntry& entry : plan.entries) {
+      RunEntry* const e = &entry;
       const uint32_t value = static_cast<uint32_t>(e->values[k]);
       if (e->flags != 0) {
         if (e->flags & RunEntry::kDrainBefore) d.Drain();
@@ -180,16 +249,8 @@ void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& pre
           uint32_t count;
           const uint8_t* bytes = e->RawBytes(k, &count);
           d.Push(count, e->width);
-          d.Drain();  // the bytes go out with at most 7 bits before them
-          if (!d.HasRoom(count + budget)) {
-            sink.PutData(d);
-            sink.ReserveData(count + budget);
-            d = sink.TakeData();
-          }
-          if (e->flags & RunEntry::kRawWords)
-            d.PushWords(bytes, count);
-          else
-            d.PushBytes(bytes, count);
+          d.Drain();                  // the bytes go out with at most 7 bits before them
+          d.PushBytes(bytes, count);  // the chunk's room counted every raw byte
           continue;
         }
       }
