@@ -52,9 +52,16 @@ class BitSource {
   // Reads `bits` (1..32) at bit `pos` without moving the reader; false when the span
   // ends first.
   bool ReadAt(uint64_t pos, int bits, uint32_t* value) const {
+    uint64_t wide;
+    if (!BitsAt(pos, bits, &wide)) return false;
+    *value = static_cast<uint32_t>(wide);
+    return true;
+  }
+  // ReadAt for 1..kWindowBits bits.
+  bool BitsAt(uint64_t pos, int bits, uint64_t* value) const {
     uint64_t window;
-    if (!WindowAt(pos, &window)) return ReadAtNearEnd(pos, bits, value);
-    *value = static_cast<uint32_t>(window >> (64 - bits));
+    if (!WindowAt(pos, &window)) return BitsAtNearEnd(pos, bits, value);
+    *value = window >> (64 - bits);
     return true;
   }
   // The bits from `pos` on, at the top of *window; at least kWindowBits of them are the
@@ -192,8 +199,8 @@ class BitSource {
     }
   }
 
-  // ReadAt for a position whose eight bytes would pass the span's end.
-  bool ReadAtNearEnd(uint64_t pos, int bits, uint32_t* value) const {
+  // BitsAt for a position whose eight bytes would pass the span's end.
+  bool BitsAtNearEnd(uint64_t pos, int bits, uint64_t* value) const {
     const uint64_t size_bits = static_cast<uint64_t>(end_ - begin_) * 8;
     if (pos > size_bits || size_bits - pos < static_cast<uint64_t>(bits)) return false;
     uint64_t w = 0;
@@ -201,7 +208,7 @@ class BitSource {
       const uint64_t at = pos / 8 + i;
       w = w << 8 | (at < static_cast<uint64_t>(end_ - begin_) ? begin_[at] : 0);
     }
-    *value = static_cast<uint32_t>((w << (pos % 8)) >> (64 - bits));
+    *value = (w << (pos % 8)) >> (64 - bits);
     return true;
   }
 

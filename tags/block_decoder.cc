@@ -5,6 +5,7 @@
 #include "block_decoder.h"
 #include "block_decoder_entries.h"
 #include "block_decoder_runs.h"
+#include "block_decoder_shape.h"
 
 namespace marquel {
 namespace {

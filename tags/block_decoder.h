@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "bit_source.h"
 #include "tags/block_content.h"
@@ -195,6 +196,33 @@ class Decoder {
   bool PlanRun(const uint8_t* pattern, size_t step_size);
   bool PrepareChunk(size_t steps, int64_t first_time);
   void CommitChunk(size_t steps, size_t partial_slots);
+  // Shaped steps: a run's steps whose entries have the widths the shape was made from
+  // (see block_decoder_shape.h). The slots' values gather into pieces of up to 57 bits,
+  // each read with one load; a raw slot's count ends its piece.
+  struct ShapePiece {
+    int bits = 0;
+    int raw_slot = -1;  // the raw slot whose count ends the piece
+    int raw_width = 0;
+  };
+  struct ShapeItem {  // a value or delta slot's place in its piece
+    uint32_t slot = 0;
+    uint32_t piece = 0;
+    int shift = 0;  // from the piece's low end
+    int width = 0;
+  };
+  // Makes the shape of steps with the run's slots' `widths`; false (and no shape) when
+  // one of them is below 1.
+  bool MakeShape(const uint8_t* widths);
+  bool ShapedStep(size_t k, uint64_t* pos, const BitSource& data);
+  void TakeShapedValues(size_t from, size_t to);
+  bool shape_valid_ = false;
+  uint8_t shape_widths_[kTagIdCount] = {};
+  ShapePiece shape_pieces_[kTagIdCount];
+  size_t shape_piece_count_ = 0;
+  ShapeItem shape_items_[kTagIdCount];
+  size_t shape_item_count_ = 0;
+  std::vector<uint64_t> shape_words_;  // per piece, a chunk's words
+
   const bool runs_;
   RunSlot run_slots_[kTagIdCount];
   int64_t run_times_[kDecodeRunChunk];  // the times of a chunk's steps

@@ -36,6 +36,16 @@ inline void PrefetchForWriting(const T* at, size_t n) {
   for (size_t i = 0; i < n * sizeof(T); i += 64) __builtin_prefetch(p + i, 1);
 }
 
+// Whether the n bytes at a and b are equal; for the few bytes of a step's widths, with
+// fixed-size comparisons the compiler does inline.
+inline bool SameBytes(const uint8_t* a, const uint8_t* b, size_t n) {
+  if (n >= 16 && n <= 32)
+    return std::memcmp(a, b, 16) == 0 && std::memcmp(a + n - 16, b + n - 16, 16) == 0;
+  if (n >= 8 && n < 16)
+    return std::memcmp(a, b, 8) == 0 && std::memcmp(a + n - 8, b + n - 8, 8) == 0;
+  return std::memcmp(a, b, n) == 0;
+}
+
 // How many of the `steps` steps at `ids` repeat the `step_size` bytes at `pattern`.
 // After the first, each is compared with the step before it, all in one comparison.
 inline size_t RepeatingSteps(const uint8_t* ids, const uint8_t* pattern, size_t step_size,
@@ -51,6 +61,7 @@ inline bool Decoder::PlanRun(const uint8_t* pattern, size_t step_size) {
   if (pattern[0] != kRelativeTimeEntry) return false;
   bool seen[kTagIdCount] = {};
   run_slot_count_ = 0;
+  shape_valid_ = false;
   for (size_t j = 1; j < step_size; ++j) {
     const uint8_t id = pattern[j];
     // A tag twice in a step keeps only its first sample there: not a run's kind of step.
@@ -245,6 +256,13 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
     if (now > kLatestRunStart || !PrepareChunk(chunk, now + RelativeStep(bits))) break;
     size_t k = 0, partial = 0;
     size_t plain_until = 0;  // steps before this one are known to repeat the pattern
+    // Shaped steps [shaped_from, shaped_to) whose values are still in their pieces; they
+    // are taken out before any other step, whose delta sums follow theirs.
+    size_t shaped_from = 0, shaped_to = 0;
+    auto take_shaped = [&] {
+      if (shaped_to > shaped_from) TakeShapedValues(shaped_from, shaped_to);
+      shaped_from = shaped_to = 0;
+    };
     while (k < chunk) {
       bool plain = k < plain_until;
       if (!plain) {
@@ -261,6 +279,28 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
       now += RelativeStep(bits);
       run_times_[k] = now;
       step_start = id_next;
+      if (plain) {
+        if (!(shape_valid_ && SameBytes(width_next, shape_widths_, run_slot_count_))) {
+          take_shaped();
+          MakeShape(width_next);
+        }
+        if (shape_valid_) {
+          if (shaped_to != k) {
+            take_shaped();
+            shaped_from = k;
+          }
+          if (!ShapedStep(k, &pos, data)) {
+            reason = BlockRejection::kDataStreamShort;
+            break;
+          }
+          shaped_to = k + 1;
+          id_next += 1 + run_slot_count_;
+          width_next += run_slot_count_;
+          ++k;
+          continue;
+        }
+      }
+      take_shaped();
       if (!plain) {
         EventStep step =
             DecodeEventStep(EventStep{id_next + 1, width_next, pos}, id_end, k, now, data, widths);
@@ -332,6 +372,7 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
       }
       ++k;
     }
+    take_shaped();
     CommitChunk(k, partial);
     steps += k;
     if (k < chunk || reason != BlockRejection::kNone) break;

@@ -145,6 +145,42 @@ TEST(BlockDecoderRuns, ASkippedEntryInsideARunsStep) {
   }
 }
 
+// Length items that change inside a run: one step's item, or every item from a step on.
+// The steps of other widths are read entry by entry (and the run's shape made anew for
+// the widths that then repeat); the data is read out of step after them, the same way on
+// both paths.
+TEST(BlockDecoderRuns, WidthsThatChangeInsideARun) {
+  BlockContent c;
+  for (int i = 0; i < 300; ++i) {
+    c.tags[16].AddPlain(1000 + i * 10, i);
+    c.tags[19].AddPlain(1000 + i * 10, 2 * i);
+    c.tags[20].AddPlain(1000 + i * 10, i % 16);
+  }
+  const Bytes written = Encode(c);
+  const BlockHeader h = ParseBlockHeader(written.data());
+  const size_t start = kBlockHeaderSize + h.tag_id_size;
+  // Sets the 5-bit length item `item` (the items go 16, 16, 4 per step) to `width`.
+  auto set_item = [&](Bytes& block, size_t item, uint32_t width) {
+    for (size_t b = 0; b < 5; ++b) {
+      const size_t bit = item * 5 + b;
+      const uint8_t mask = static_cast<uint8_t>(0x80u >> (bit % 8));
+      block[start + bit / 8] = static_cast<uint8_t>(
+          (width >> (4 - b)) & 1 ? block[start + bit / 8] | mask : block[start + bit / 8] & ~mask);
+    }
+  };
+  for (uint32_t width : {1u, 12u, 20u, 31u}) {
+    Bytes one = written;
+    set_item(one, 3 * 150 + 1, width);
+    FixCrc(one, start, h.length_size);
+    ExpectSameBothWays(one, "tag 19 at width " + std::to_string(width) + " in step 150");
+
+    Bytes from_on = written;
+    for (size_t step = 150; step < 300; ++step) set_item(from_on, 3 * step + 2, width);
+    FixCrc(from_on, start, h.length_size);
+    ExpectSameBothWays(from_on, "tag 20 at width " + std::to_string(width) + " from step 150");
+  }
+}
+
 // A state tag first met inside a run's step: it is asked about (and refused here) as the
 // main loop would ask, before its items count.
 TEST(BlockDecoderRuns, AStateTagFirstMetInsideARunIsAskedAbout) {
