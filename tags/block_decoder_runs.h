@@ -21,7 +21,7 @@
 namespace marquel {
 
 // How many samples ahead of a chunk the lanes' lines are asked for.
-constexpr size_t kRunPrefetchAhead = 256;
+constexpr size_t kRunPrefetchAhead = 512;
 
 // Times a run may reach: a chunk's steps add at most kDecodeRunChunk * 2^23 to the time,
 // which must not wrap around.
