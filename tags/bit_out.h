@@ -122,6 +122,11 @@ struct BitRoom {
   uint8_t* end = nullptr;
 
   bool HasRoom(size_t n) const { return static_cast<size_t>(end - bits.at) >= n; }
+  // Asks for the lines of the n bytes from `ahead` bytes past the position to be written
+  // soon. A prefetch never faults, so they may lie past the room.
+  void WillWrite(size_t ahead, size_t n) const {
+    for (size_t i = 0; i < n; i += 64) __builtin_prefetch(bits.at + ahead + i, 1);
+  }
   void Push(uint64_t value, int n) { bits.Push(value, n); }
   void Drain() { bits.Drain(); }
   void PushBytes(const uint8_t* bytes, size_t n) { bits.PushBytes(bytes, n); }
@@ -133,6 +138,7 @@ struct BitCount {
   uint64_t bits = 0;
 
   bool HasRoom(size_t) const { return true; }
+  void WillWrite(size_t, size_t) const {}
   void Push(uint64_t, int n) { bits += static_cast<uint64_t>(n); }
   void Drain() {}
   void PushBytes(const uint8_t*, size_t n) { bits += static_cast<uint64_t>(n) * 8; }

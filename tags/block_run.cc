@@ -167,6 +167,8 @@ void RunPlan::MakePieces() {
     }
   }
   close();
+  steady_bits = 24;  // the time difference
+  for (const RunPiece& p : pieces) steady_bits += static_cast<size_t>(p.bits);
   piece_words.resize(pieces.size() * kRunChunk);
   raw_counts.resize(raws * kRunChunk);
   raw_bytes.resize(raws * kRunChunk);

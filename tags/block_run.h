@@ -86,6 +86,9 @@ struct RunPieceItem {
 // The most bits of a piece: with the at most 7 bits pending after a drain, it fits in 63.
 constexpr int kPieceBits = 56;
 
+// How far ahead of its position a run asks for the data stream's lines.
+constexpr size_t kDataWriteAhead = 16384;
+
 // The shape of a run's steps, made at its first step.
 class RunPlan {
  public:
@@ -120,6 +123,7 @@ class RunPlan {
   std::vector<uint64_t> piece_words;
   std::vector<uint32_t> raw_counts;
   std::vector<const uint8_t*> raw_bytes;
+  size_t steady_bits = 0;       // a steady step's data bits, raw bytes left out
   std::vector<TagWalk*> walks;  // every tag of the run
   // A step's tag-id bytes (the relative time entry, then the entries' ids), padded with
   // zeros to a multiple of 32 bytes, so that it can be copied in whole 32-byte pieces.
@@ -215,6 +219,9 @@ void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& pre
     sink.ReserveData(raw_total + budget);
     d = sink.TakeData();
   }
+  // The data stream's lines, a stretch ahead: the processor's prefetchers lose it among
+  // the dozens of arrays a run reads.
+  d.WillWrite(kDataWriteAhead, n * plan.steady_bits / 8 + raw_total);
   d.Drain();  // each step starts with at most 7 bits pending
   for (size_t k = from; k < from + n; ++k) {
     const int64_t t = lead[k];
