@@ -203,6 +203,7 @@ class Decoder {
     int bits = 0;
     int raw_slot = -1;  // the raw slot whose count ends the piece
     int raw_width = 0;
+    size_t raw_index = 0;  // its place among the shape's raw slots
   };
   struct ShapeItem {  // a value or delta slot's place in its piece
     uint32_t slot = 0;
@@ -214,14 +215,21 @@ class Decoder {
   // one of them is below 1.
   bool MakeShape(const uint8_t* widths);
   bool ShapedStep(size_t k, uint64_t* pos, const BitSource& data);
-  void TakeShapedValues(size_t from, size_t to);
+  void TakeShapedValues(size_t from, size_t to, const BitSource& data);
+  void TakeShapedRaw(const ShapePiece& piece, const uint64_t* words, size_t from, size_t to,
+                     const BitSource& data);
+  // A raw sample's count, the low `width` (1..31) bits of its piece.
+  static uint32_t RawCount(uint64_t word, int width) {
+    return static_cast<uint32_t>(word) & ((uint32_t{1} << width) - 1);
+  }
   bool shape_valid_ = false;
   uint8_t shape_widths_[kTagIdCount] = {};
   ShapePiece shape_pieces_[kTagIdCount];
   size_t shape_piece_count_ = 0;
   ShapeItem shape_items_[kTagIdCount];
   size_t shape_item_count_ = 0;
-  std::vector<uint64_t> shape_words_;  // per piece, a chunk's words
+  std::vector<uint64_t> shape_words_;   // per piece, a chunk's words
+  std::vector<uint64_t> shape_raw_at_;  // per raw piece, where a chunk's bytes lie
 
   const bool runs_;
   RunSlot run_slots_[kTagIdCount];

@@ -260,7 +260,7 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
     // are taken out before any other step, whose delta sums follow theirs.
     size_t shaped_from = 0, shaped_to = 0;
     auto take_shaped = [&] {
-      if (shaped_to > shaped_from) TakeShapedValues(shaped_from, shaped_to);
+      if (shaped_to > shaped_from) TakeShapedValues(shaped_from, shaped_to, data);
       shaped_from = shaped_to = 0;
     };
     while (k < chunk) {

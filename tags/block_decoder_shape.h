@@ -20,6 +20,7 @@ inline bool Decoder::MakeShape(const uint8_t* widths) {
   shape_valid_ = false;
   shape_piece_count_ = 0;
   shape_item_count_ = 0;
+  size_t raws = 0;
   ShapePiece piece;
   size_t first_item = 0;
   auto close = [&] {
@@ -42,6 +43,7 @@ inline bool Decoder::MakeShape(const uint8_t* widths) {
     if (run_slots_[j].kind == kRawLane) {  // its count ends the piece: the bytes follow
       piece.raw_slot = static_cast<int>(j);
       piece.raw_width = width;
+      piece.raw_index = raws++;
       close();
       continue;
     }
@@ -52,12 +54,14 @@ inline bool Decoder::MakeShape(const uint8_t* widths) {
   std::memcpy(shape_widths_, widths, run_slot_count_);
   if (shape_words_.size() < shape_piece_count_ * kDecodeRunChunk)
     shape_words_.resize(shape_piece_count_ * kDecodeRunChunk);
+  if (shape_raw_at_.size() < raws * kDecodeRunChunk) shape_raw_at_.resize(raws * kDecodeRunChunk);
   shape_valid_ = true;
   return true;
 }
 
-// Step k's pieces, from bit *pos on (moved past the step). False when the stream ends
-// inside the step.
+// Step k's pieces, from bit *pos on (moved past the step), and where its raw samples'
+// bytes lie, which are found in the stream here and copied with the values. False when
+// the stream ends inside the step.
 inline bool Decoder::ShapedStep(size_t k, uint64_t* pos, const BitSource& data) {
   uint64_t* words = shape_words_.data() + k;
   for (size_t p = 0; p < shape_piece_count_; ++p, words += kDecodeRunChunk) {
@@ -65,18 +69,46 @@ inline bool Decoder::ShapedStep(size_t k, uint64_t* pos, const BitSource& data) 
     if (!data.BitsAt(*pos, piece.bits, words)) return false;
     *pos += static_cast<uint64_t>(piece.bits);
     if (piece.raw_slot < 0) continue;
-    const uint32_t count = static_cast<uint32_t>(*words) & ((uint32_t{1} << piece.raw_width) - 1);
-    const uint64_t more =
-        StoreSlot(run_slots_[piece.raw_slot], k, piece.raw_width, count, *pos, data);
-    if (more == kStreamEnds) return false;
-    *pos += more;
+    const uint32_t count = RawCount(*words, piece.raw_width);
+    if (!data.HasBytesAt(*pos, count)) return false;
+    shape_raw_at_[piece.raw_index * kDecodeRunChunk + k] = *pos;
+    *pos += 8 * uint64_t{count};
   }
   return true;
 }
 
-// The values of steps [from, to), all shaped, out of their pieces: lanes' values, and
-// delta tags' running sums.
-inline void Decoder::TakeShapedValues(size_t from, size_t to) {
+// The raw samples of steps [from, to) of the raw piece `piece`: their bytes, copied out
+// of the data stream a sample after another into room made once.
+inline void Decoder::TakeShapedRaw(const ShapePiece& piece, const uint64_t* words, size_t from,
+                                   size_t to, const BitSource& data) {
+  const RunSlot& s = run_slots_[piece.raw_slot];
+  const uint64_t* const at = shape_raw_at_.data() + piece.raw_index * kDecodeRunChunk;
+  uint64_t total = 0;
+  for (size_t k = from; k < to; ++k) total += RawCount(words[k], piece.raw_width);
+  SampleColumn<uint8_t>& bytes = *s.bytes;
+  bytes.EnsureSpare(total + 8);  // eight more, for the copy to go eight bytes at a time
+  uint8_t* out = bytes.SpareBegin();
+  uint64_t room = bytes.Spare();
+  uint64_t size = bytes.size();
+  for (size_t k = from; k < to; ++k) {
+    const uint32_t count = RawCount(words[k], piece.raw_width);
+    s.offsets[k] = size;
+    s.values[k] = static_cast<int32_t>(count);
+    data.CopyKnownAt(at[k], out, count, room);
+    out += count;
+    room -= count;
+    size += count;
+  }
+  bytes.Commit(total);
+}
+
+// The values of steps [from, to), all shaped, out of their pieces: lanes' values, delta
+// tags' running sums, and raw samples.
+inline void Decoder::TakeShapedValues(size_t from, size_t to, const BitSource& data) {
+  for (size_t p = 0; p < shape_piece_count_; ++p) {
+    if (shape_pieces_[p].raw_slot >= 0)
+      TakeShapedRaw(shape_pieces_[p], shape_words_.data() + p * kDecodeRunChunk, from, to, data);
+  }
   for (size_t i = 0; i < shape_item_count_; ++i) {
     const ShapeItem& item = shape_items_[i];
     const RunSlot& s = run_slots_[item.slot];
