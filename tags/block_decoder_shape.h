@@ -63,17 +63,21 @@ inline bool Decoder::MakeShape(const uint8_t* widths) {
 // bytes lie, which are found in the stream here and copied with the values. False when
 // the stream ends inside the step.
 inline bool Decoder::ShapedStep(size_t k, uint64_t* pos, const BitSource& data) {
+  // Locals, which the stores below cannot change, so that they stay in registers.
   uint64_t* words = shape_words_.data() + k;
-  for (size_t p = 0; p < shape_piece_count_; ++p, words += kDecodeRunChunk) {
-    const ShapePiece& piece = shape_pieces_[p];
-    if (!data.BitsAt(*pos, piece.bits, words)) return false;
-    *pos += static_cast<uint64_t>(piece.bits);
-    if (piece.raw_slot < 0) continue;
-    const uint32_t count = RawCount(*words, piece.raw_width);
-    if (!data.HasBytesAt(*pos, count)) return false;
-    shape_raw_at_[piece.raw_index * kDecodeRunChunk + k] = *pos;
-    *pos += 8 * uint64_t{count};
+  uint64_t* const raw_at = shape_raw_at_.data() + k;
+  const ShapePiece* const end = shape_pieces_ + shape_piece_count_;
+  uint64_t at = *pos;
+  for (const ShapePiece* piece = shape_pieces_; piece != end; ++piece, words += kDecodeRunChunk) {
+    if (!data.BitsAt(at, piece->bits, words)) return false;
+    at += static_cast<uint64_t>(piece->bits);
+    if (piece->raw_slot < 0) continue;
+    const uint32_t count = RawCount(*words, piece->raw_width);
+    if (!data.HasBytesAt(at, count)) return false;
+    raw_at[piece->raw_index * kDecodeRunChunk] = at;
+    at += 8 * uint64_t{count};
   }
+  *pos = at;
   return true;
 }
 
@@ -87,14 +91,19 @@ inline void Decoder::TakeShapedRaw(const ShapePiece& piece, const uint64_t* word
   for (size_t k = from; k < to; ++k) total += RawCount(words[k], piece.raw_width);
   SampleColumn<uint8_t>& bytes = *s.bytes;
   bytes.EnsureSpare(total + 8);  // eight more, for the copy to go eight bytes at a time
+  // Locals, which the byte stores cannot change, so that they stay in registers.
+  const BitSource source = data;
+  uint64_t* const offsets = s.offsets;
+  int32_t* const values = s.values;
+  const int width = piece.raw_width;
   uint8_t* out = bytes.SpareBegin();
   uint64_t room = bytes.Spare();
   uint64_t size = bytes.size();
   for (size_t k = from; k < to; ++k) {
-    const uint32_t count = RawCount(words[k], piece.raw_width);
-    s.offsets[k] = size;
-    s.values[k] = static_cast<int32_t>(count);
-    data.CopyKnownAt(at[k], out, count, room);
+    const uint32_t count = RawCount(words[k], width);
+    offsets[k] = size;
+    values[k] = static_cast<int32_t>(count);
+    source.CopyKnownAt(at[k], out, count, room);
     out += count;
     room -= count;
     size += count;
