@@ -140,10 +140,10 @@ class BitSource {
   // from `at` belong to the span, which the caller has made sure of. `spill`: eight
   // bytes may be written past the n.
   void CopyShifted(const uint8_t* at, int shift, uint8_t* out, size_t n, bool spill) const {
-    // Whole steps of eight, the last one spilling: one bounds test for the run.
-    const size_t steps = (n + 7) / 8;
-    if (spill && static_cast<size_t>(end_ - at) >= steps * 8 + 1) {
-      for (size_t i = 0; i < n; i += 8) CopyStep(at + i, shift, out + i);
+    // Seven bytes a step, each from one 8-byte load, the last step spilling: one bounds
+    // test for the run.
+    if (spill && static_cast<size_t>(end_ - at) >= n + 7) {
+      for (size_t i = 0; i < n; i += 7) CopySeven(at + i, shift, out + i);
       return;
     }
     // Eight bytes a step while nine can be loaded (the ninth gives the shifted-in bits)
@@ -156,6 +156,19 @@ class BitSource {
       return;
     }
     for (; i < n; ++i) out[i] = static_cast<uint8_t>(at[i] << shift | at[i + 1] >> (8 - shift));
+  }
+
+  // Seven bytes from bit `shift` of `at` (eight bytes are read) to `out`, and an eighth
+  // byte after them that lacks its last `shift` bits (eight bytes are written).
+  static void CopySeven(const uint8_t* at, int shift, uint8_t* out) {
+    uint64_t w;
+    std::memcpy(&w, at, 8);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    w = __builtin_bswap64(__builtin_bswap64(w) << shift);
+#else
+    w <<= shift;
+#endif
+    std::memcpy(out, &w, 8);
   }
 
   // Eight bytes from bit `shift` of `at` (nine bytes are read) to `out`.
