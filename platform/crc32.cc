@@ -65,6 +65,7 @@ uint32_t Crc32IeeeUpdate(uint32_t crc, const void* data, size_t size) {
   const auto* p = static_cast<const uint8_t*>(data);
   // Folding is several times faster on long buffers; the table serves where the
   // processor cannot fold.
+  if (crc32_internal::HaveWideClmul()) return crc32_internal::IeeeUpdateWideClmul(crc, p, size);
   if (crc32_internal::HaveClmul()) return crc32_internal::IeeeUpdateClmul(crc, p, size);
   return crc32_internal::IeeeUpdateTable(crc, p, size);
 }

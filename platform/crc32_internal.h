@@ -1,5 +1,5 @@
-// The two ways the reflected IEEE CRC-32 is computed. Crc32IeeeUpdate picks the fastest
-// one the processor offers; both are exposed here so that tests can hold them against
+// The ways the reflected IEEE CRC-32 is computed. Crc32IeeeUpdate picks the fastest
+// one the processor offers; all are exposed here so that tests can hold them against
 // each other.
 #pragma once
 
@@ -17,5 +17,12 @@ bool HaveClmul();
 // Folds 64 bytes a step with carry-less multiplication; needs HaveClmul(). Any size and
 // alignment: the head and tail that do not fill a 16-byte lane go through the table.
 uint32_t IeeeUpdateClmul(uint32_t state, const uint8_t* data, size_t size);
+
+// Whether this processor folds 512-bit registers too (VPCLMULQDQ with AVX-512).
+bool HaveWideClmul();
+
+// Folds 256 bytes a step; needs HaveWideClmul(). Any size and alignment, as
+// IeeeUpdateClmul.
+uint32_t IeeeUpdateWideClmul(uint32_t state, const uint8_t* data, size_t size);
 
 }  // namespace marquel::crc32_internal

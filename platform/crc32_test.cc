@@ -95,6 +95,34 @@ TEST(Crc32Ieee, FoldingAgreesWithTheTable) {
   EXPECT_EQ(pieces, whole);
 }
 
+// The same for the 512-bit folding path, around its 256-byte steps and its 64-byte and
+// 16-byte tails.
+TEST(Crc32Ieee, WideFoldingAgreesWithTheTable) {
+  if (!crc32_internal::HaveWideClmul()) GTEST_SKIP() << "no 512-bit carry-less multiplication here";
+  std::vector<uint8_t> data(4096 + 64);
+  uint32_t seed = 11;
+  for (auto& b : data) b = static_cast<uint8_t>((seed = seed * 1103515245u + 12345u) >> 16);
+  for (size_t align = 0; align < 64; align += 7) {
+    for (size_t n = 0; n <= 1600; ++n) {
+      const uint8_t* p = data.data() + align;
+      ASSERT_EQ(crc32_internal::IeeeUpdateWideClmul(0x9E3779B9u, p, n),
+                crc32_internal::IeeeUpdateTable(0x9E3779B9u, p, n))
+          << "length " << n << " alignment " << align;
+    }
+  }
+  std::vector<uint8_t> flipped(1024, 0xA5);
+  const uint32_t clean = crc32_internal::IeeeUpdateWideClmul(kCrc32IeeeInit, flipped.data(), 1024);
+  for (size_t bit = 0; bit < flipped.size() * 8; bit += 29) {
+    flipped[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
+    const uint32_t folded =
+        crc32_internal::IeeeUpdateWideClmul(kCrc32IeeeInit, flipped.data(), flipped.size());
+    EXPECT_NE(folded, clean) << "bit " << bit;
+    EXPECT_EQ(folded,
+              crc32_internal::IeeeUpdateTable(kCrc32IeeeInit, flipped.data(), flipped.size()));
+    flipped[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
+  }
+}
+
 // A flipped bit anywhere in a long buffer changes the folded CRC as it changes the table's.
 TEST(Crc32Ieee, FoldingSeesEveryFlippedBit) {
   if (!crc32_internal::HaveClmul()) GTEST_SKIP() << "no carry-less multiplication here";
