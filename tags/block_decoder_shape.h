@@ -60,8 +60,8 @@ inline bool Decoder::MakeShape(const uint8_t* widths) {
 }
 
 // Step k's pieces, from bit *pos on (moved past the step), and where its raw samples'
-// bytes lie, which are found in the stream here and copied with the values. False when
-// the stream ends inside the step.
+// bytes lie, which are copied with the values. False when the stream ends inside the
+// step: a piece's read past the end fails, and so would one after bytes past the end.
 inline bool Decoder::ShapedStep(size_t k, uint64_t* pos, const BitSource& data) {
   // Locals, which the stores below cannot change, so that they stay in registers.
   uint64_t* words = shape_words_.data() + k;
@@ -72,11 +72,11 @@ inline bool Decoder::ShapedStep(size_t k, uint64_t* pos, const BitSource& data) 
     if (!data.BitsAt(at, piece->bits, words)) return false;
     at += static_cast<uint64_t>(piece->bits);
     if (piece->raw_slot < 0) continue;
-    const uint32_t count = RawCount(*words, piece->raw_width);
-    if (!data.HasBytesAt(at, count)) return false;
+    // The bytes are found in the stream by the next piece's read, or at the step's end.
     raw_at[piece->raw_index * kDecodeRunChunk] = at;
-    at += 8 * uint64_t{count};
+    at += 8 * uint64_t{RawCount(*words, piece->raw_width)};
   }
+  if (!data.HasBytesAt(at, 0)) return false;
   *pos = at;
   return true;
 }
