@@ -47,10 +47,7 @@ bool HaveClmul() {
 }
 
 uint32_t IeeeUpdateClmul(uint32_t state, const uint8_t* data, size_t size) {
-  if (size < 2 * kFoldStep) return IeeeUpdateTable(state, data, size);
-  size_t whole = size & ~size_t{15};
-  state = Fold(state, data, whole);
-  return IeeeUpdateTable(state, data + whole, size - whole);
+  return FoldThenTable(state, data, size, 2 * kFoldStep, Fold, IeeeUpdateTable);
 }
 
 #else  // no carry-less multiplication on this processor family

@@ -77,10 +77,7 @@ bool HaveWideClmul() {
 }
 
 uint32_t IeeeUpdateWideClmul(uint32_t state, const uint8_t* data, size_t size) {
-  if (size < 2 * kWideStep) return IeeeUpdateClmul(state, data, size);
-  size_t whole = size & ~size_t{15};
-  state = FoldWide(state, data, whole);
-  return IeeeUpdateTable(state, data + whole, size - whole);
+  return FoldThenTable(state, data, size, 2 * kWideStep, FoldWide, IeeeUpdateClmul);
 }
 
 #else  // no carry-less multiplication on this processor family

@@ -11,6 +11,16 @@ namespace marquel::crc32_internal {
 // Table-driven, eight bytes a step; runs on every processor.
 uint32_t IeeeUpdateTable(uint32_t state, const uint8_t* data, size_t size);
 
+// The folding paths' common frame: data of at least `least` bytes has its whole 16-byte
+// lanes folded by `fold` and the rest by the table; shorter data goes to `shorter`.
+template <class Fold, class Shorter>
+uint32_t FoldThenTable(uint32_t state, const uint8_t* data, size_t size, size_t least, Fold fold,
+                       Shorter shorter) {
+  if (size < least) return shorter(state, data, size);
+  const size_t whole = size & ~size_t{15};
+  return IeeeUpdateTable(fold(state, data, whole), data + whole, size - whole);
+}
+
 // Whether this processor has carry-less multiplication (PCLMULQDQ with SSE4.1).
 bool HaveClmul();
 

@@ -113,30 +113,41 @@ TEST(BlockDecoderRuns, DamagedBlocksReadTheSameBothWays) {
   }
 }
 
+// Tags 16, 19 and 20 at each of `steps` steps, 10 apart: length items 16, 16, 4 a step.
+BlockContent ThreeTagSteps(int steps) {
+  BlockContent c;
+  for (int i = 0; i < steps; ++i) {
+    c.tags[16].AddPlain(1000 + i * 10, i);
+    c.tags[19].AddPlain(1000 + i * 10, 2 * i);
+    c.tags[20].AddPlain(1000 + i * 10, i % 16);
+  }
+  return c;
+}
+
+// Sets the 5-bit length item `item` of `block` (most significant bit first) to `width`;
+// the caller mends the length stream's CRC.
+void SetLengthItem(Bytes& block, size_t item, uint32_t width) {
+  const BlockHeader h = ParseBlockHeader(block.data());
+  const size_t start = kBlockHeaderSize + h.tag_id_size;
+  for (size_t b = 0; b < 5; ++b) {
+    const size_t bit = item * 5 + b;
+    uint8_t& byte = block[start + bit / 8];
+    const uint8_t mask = static_cast<uint8_t>(0x80u >> (bit % 8));
+    byte = static_cast<uint8_t>((width >> (4 - b)) & 1 ? byte | mask : byte & ~mask);
+  }
+}
+
 // A skipped entry (width 0) inside a run's step ends the run there; the rest of the step
 // is read entry by entry. (The skipped entry's bits stay in the data stream, so what
 // follows is read out of step, the same way on both paths.) In the run's first step, the
 // run ends before any whole step, and the reading still goes on from where it ended.
 TEST(BlockDecoderRuns, ASkippedEntryInsideARunsStep) {
-  BlockContent c;
-  for (int i = 0; i < 200; ++i) {
-    c.tags[16].AddPlain(1000 + i * 10, i);
-    c.tags[19].AddPlain(1000 + i * 10, 2 * i);
-    c.tags[20].AddPlain(1000 + i * 10, i % 16);
-  }
-  const Bytes written = Encode(c);
+  const Bytes written = Encode(ThreeTagSteps(200));
   for (size_t step : {1, 100}) {
     Bytes block = written;
     const BlockHeader h = ParseBlockHeader(block.data());
-    // The length items go 16, 16, 4 per step; tag 19's item of the step is set to 0.
-    // Each item is 5 bits, most significant first.
-    const size_t start = kBlockHeaderSize + h.tag_id_size;
-    const size_t item = 3 * step + 1;
-    for (size_t b = 0; b < 5; ++b) {
-      const size_t bit = item * 5 + b;
-      block[start + bit / 8] &= static_cast<uint8_t>(~(0x80u >> (bit % 8)));
-    }
-    FixCrc(block, start, h.length_size);
+    SetLengthItem(block, 3 * step + 1, 0);  // tag 19's item of the step
+    FixCrc(block, kBlockHeaderSize + h.tag_id_size, h.length_size);
     ExpectSameBothWays(block, "width 0 in step " + std::to_string(step));
     Outcome runs = Read(block, ReaderPaths::kRunsAndEntries);
     ASSERT_EQ(runs.result, 1) << step;
@@ -150,32 +161,17 @@ TEST(BlockDecoderRuns, ASkippedEntryInsideARunsStep) {
 // the widths that then repeat); the data is read out of step after them, the same way on
 // both paths.
 TEST(BlockDecoderRuns, WidthsThatChangeInsideARun) {
-  BlockContent c;
-  for (int i = 0; i < 300; ++i) {
-    c.tags[16].AddPlain(1000 + i * 10, i);
-    c.tags[19].AddPlain(1000 + i * 10, 2 * i);
-    c.tags[20].AddPlain(1000 + i * 10, i % 16);
-  }
-  const Bytes written = Encode(c);
+  const Bytes written = Encode(ThreeTagSteps(300));
   const BlockHeader h = ParseBlockHeader(written.data());
   const size_t start = kBlockHeaderSize + h.tag_id_size;
-  // Sets the 5-bit length item `item` (the items go 16, 16, 4 per step) to `width`.
-  auto set_item = [&](Bytes& block, size_t item, uint32_t width) {
-    for (size_t b = 0; b < 5; ++b) {
-      const size_t bit = item * 5 + b;
-      const uint8_t mask = static_cast<uint8_t>(0x80u >> (bit % 8));
-      block[start + bit / 8] = static_cast<uint8_t>(
-          (width >> (4 - b)) & 1 ? block[start + bit / 8] | mask : block[start + bit / 8] & ~mask);
-    }
-  };
   for (uint32_t width : {1u, 12u, 20u, 31u}) {
     Bytes one = written;
-    set_item(one, 3 * 150 + 1, width);
+    SetLengthItem(one, 3 * 150 + 1, width);
     FixCrc(one, start, h.length_size);
     ExpectSameBothWays(one, "tag 19 at width " + std::to_string(width) + " in step 150");
 
     Bytes from_on = written;
-    for (size_t step = 150; step < 300; ++step) set_item(from_on, 3 * step + 2, width);
+    for (size_t step = 150; step < 300; ++step) SetLengthItem(from_on, 3 * step + 2, width);
     FixCrc(from_on, start, h.length_size);
     ExpectSameBothWays(from_on, "tag 20 at width " + std::to_string(width) + " from step 150");
   }
