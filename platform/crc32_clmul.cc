@@ -50,13 +50,21 @@ uint32_t IeeeUpdateClmul(uint32_t state, const uint8_t* data, size_t size) {
   return FoldThenTable(state, data, size, 2 * kFoldStep, Fold, IeeeUpdateTable);
 }
 
-#else  // no carry-less multiplication on this processor family
+#else  // no carry-less multiplication on this processor family: both folding paths
 
 bool HaveClmul() {
   return false;
 }
 
+bool HaveWideClmul() {
+  return false;
+}
+
 uint32_t IeeeUpdateClmul(uint32_t state, const uint8_t* data, size_t size) {
+  return IeeeUpdateTable(state, data, size);
+}
+
+uint32_t IeeeUpdateWideClmul(uint32_t state, const uint8_t* data, size_t size) {
   return IeeeUpdateTable(state, data, size);
 }
 

@@ -80,16 +80,7 @@ uint32_t IeeeUpdateWideClmul(uint32_t state, const uint8_t* data, size_t size) {
   return FoldThenTable(state, data, size, 2 * kWideStep, FoldWide, IeeeUpdateClmul);
 }
 
-#else  // no carry-less multiplication on this processor family
-
-bool HaveWideClmul() {
-  return false;
-}
-
-uint32_t IeeeUpdateWideClmul(uint32_t state, const uint8_t* data, size_t size) {
-  return IeeeUpdateTable(state, data, size);
-}
-
+// Other processor families: see the stubs in crc32_clmul.cc.
 #endif
 
 }  // namespace marquel::crc32_internal

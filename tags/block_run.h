@@ -234,34 +234,33 @@ void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& pre
       continue;
     }
     // A step with state items: entry by entry.
-    for (RunEntry& entry : plan.entries) {
-      RunEntry* const e = &entry;
-      const uint32_t value = static_cast<uint32_t>(e->values[k]);
-      if (e->flags != 0) {
-        if (e->flags & RunEntry::kDrainBefore) d.Drain();
-        if (e->flags & RunEntry::kDelta) {
-          const uint32_t before = k == 0 ? e->subtract : static_cast<uint32_t>(e->values[k - 1]);
-          d.Push((value - before) & e->mask, e->width);
+    for (RunEntry& e : plan.entries) {
+      const uint32_t value = static_cast<uint32_t>(e.values[k]);
+      if (e.flags != 0) {
+        if (e.flags & RunEntry::kDrainBefore) d.Drain();
+        if (e.flags & RunEntry::kDelta) {
+          const uint32_t before = k == 0 ? e.subtract : static_cast<uint32_t>(e.values[k - 1]);
+          d.Push((value - before) & e.mask, e.width);
           continue;
         }
-        if (e->flags & RunEntry::kState) {
-          if (events & e->event_bit) {
-            d.Push((value | 2) & e->mask, e->width);
-            d.Push(e->interval_bits, 24);
-            e->state = static_cast<int32_t>(value);
+        if (e.flags & RunEntry::kState) {
+          if (events & e.event_bit) {
+            d.Push((value | 2) & e.mask, e.width);
+            d.Push(e.interval_bits, 24);
+            e.state = static_cast<int32_t>(value);
           }
           continue;
         }
-        if (e->flags & RunEntry::kRaw) {
+        if (e.flags & RunEntry::kRaw) {
           uint32_t count;
-          const uint8_t* bytes = e->RawBytes(k, &count);
-          d.Push(count, e->width);
+          const uint8_t* bytes = e.RawBytes(k, &count);
+          d.Push(count, e.width);
           d.Drain();                  // the bytes go out with at most 7 bits before them
           d.PushBytes(bytes, count);  // the chunk's room counted every raw byte
           continue;
         }
       }
-      d.Push(value & e->mask, e->width);
+      d.Push(value & e.mask, e.width);
     }
     d.Drain();  // the step-by-step writer takes over with fewer than 32 pending
   }
