@@ -56,7 +56,9 @@ class CMQInterface {
 
   // --- Files ---------------------------------------------------------------------------
 
-  // *nFileHandle always receives the table's answer (also -1); E_FAIL for -1.
+  // *nFileHandle always receives the table's answer (also -1); E_FAIL for -1. A path
+  // that exists but is not a regular file (a FIFO, a device, a folder) is E_FAIL and -1,
+  // whatever nFileType says; it is never opened in a way that could wait.
   HRESULT InitialFile(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
                       int32_t* nFileHandle);
   HRESULT InitialFile2(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
@@ -202,8 +204,10 @@ class CMQInterface {
 
   // --- IMarquelTool --------------------------------------------------------------------
 
+  // E_FAIL for a file that does not exist or is not a regular file.
   HRESULT QueryOrgFileSizeAndMTime(const std::string& wFileName, uint64_t* pullOrgFileSize,
                                    uint64_t* pullMTime);
+  // E_FAIL, and nothing carried over, when wNewFileName exists but is not a regular file.
   HRESULT CacheRename(const std::string& wOriFileName, const std::string& wNewFileName,
                       int32_t nFileType);
   HRESULT MoveCacheDataToOrgFile(const std::string& wOriFileName);
