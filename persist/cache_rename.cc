@@ -1,6 +1,7 @@
 // Carrying a media file's cache entries over to a new name.
 #include <algorithm>
 
+#include "persist/cache_sweep.h"
 #include "persist/cache_writer.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
@@ -51,7 +52,7 @@ int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string&
     if (ReadCacheEntry(kind, entry.sub_key, &replaced)) {
       AccessReg reg;
       if (!reg.DeleteKey(HKEY_CURRENT_USER, replaced.KeyPath().c_str())) return -1;
-      for (const std::string& f : replaced.CacheFiles()) {
+      for (const std::string& f : replaced.RemovableFiles()) {
         if (std::find(keep.begin(), keep.end(), f) == keep.end() && FileExists(f)) RemoveFile(f);
       }
     }
@@ -75,6 +76,9 @@ int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string&
 int32_t CacheRename(const std::string& oldPath, const std::string& newPath, int32_t format) {
   if (oldPath.empty() || newPath.empty() || !FitsRecordPath(newPath)) return -1;
   if (oldPath == newPath) return 1;
+  // Only a regular file (or a name not taken yet) can be a media file to carry tags.
+  if (FileExists(newPath) && !IsRegularFile(newPath)) return -1;
+  CacheWriteLock lock;
   CacheKind only;
   bool one_kind = format != 0 && CacheKindForFormat(format, &only);
   int32_t result = 1;

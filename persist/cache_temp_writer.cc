@@ -1,4 +1,5 @@
 // Writing the temp-cache entry of a program-stream media file.
+#include "persist/cache_sweep.h"
 #include "persist/cache_writer.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
@@ -36,7 +37,8 @@ int32_t WriteTempCacheEntry(const TempCacheRecord& record, uint32_t contentInfo)
     // so that it names no file the caller may remove.
     reg.Close();
     reg.DeleteKey(HKEY_CURRENT_USER, key_path.c_str());
-    if (had_previous && previous.has_temp_record && previous.temp.cache_path != record.cache_path)
+    if (had_previous && previous.has_temp_record && previous.temp.cache_path != record.cache_path &&
+        IsInCacheFolder(previous.temp.cache_path))
       RemoveFile(previous.temp.cache_path);
     return 0;
   }
@@ -45,7 +47,7 @@ int32_t WriteTempCacheEntry(const TempCacheRecord& record, uint32_t contentInfo)
     if (base_key.Open(HKEY_CURRENT_USER, base)) base_key.SetDword(kNextIdValue, id + 1);
   }
   if (had_previous && previous.has_temp_record && !previous.temp.cache_path.empty() &&
-      previous.temp.cache_path != record.cache_path && FileExists(previous.temp.cache_path)) {
+      previous.temp.cache_path != record.cache_path && IsInCacheFolder(previous.temp.cache_path)) {
     RemoveFile(previous.temp.cache_path);
   }
   return 1;
