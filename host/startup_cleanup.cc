@@ -8,6 +8,7 @@
 namespace marquel::host {
 
 void RemoveLeftoversOfKilledProcesses() {
+  log::LoadSettings();  // the controller reads them again; this start-up is logged too
   const int folders = RemoveEndedProcessTempFolders();
   const int files = RemoveOrphanCacheFiles();
   MQ_LOG("start: %d temporary folder(s) of ended processes removed, cache sweep %d", folders,
