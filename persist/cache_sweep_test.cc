@@ -176,11 +176,8 @@ TEST(CacheEntryFiles, ForceDeleteKeepsAFileOutsideTheCacheFolder) {
 }
 
 TEST(CacheEntryFiles, AVREntryDeletesItsOwnSideFileOnly) {
-  ASSERT_TRUE(MakeFolder(test::TestPath("disc")));
-  ASSERT_TRUE(MakeFolder(test::TestPath("disc/VIDEO_TS")));
-  std::string media = MakeFile("disc/VIDEO_TS/VTS_01_1.VOB", 9000, 13);
-  CacheWriteRequest request = Request(CacheKind::kVR, media);
-  request.side_file = true;
+  CacheWriteRequest request = cachetest::SideFileRequest(9000, 13);
+  const std::string media = request.media_path;
   CacheEntry entry;
   ASSERT_EQ(WriteCacheEntry(request, BytesWriter({Bytes{1}}), &entry), 1);
   ASSERT_EQ(entry.file.cache_path, SideFilePath(media));
