@@ -162,5 +162,21 @@ TEST(CloseFaults, MediaFileRemovedBeforeTheCloseFailsAndWritesNoEntry) {
   EXPECT_TRUE(FolderFiles(CacheFolder()).empty()) << "no cache file stays behind";
 }
 
+TEST(CloseFaults, PathTooLongForACacheRecordIsRefusedWithItsReason) {
+  const std::string name(300 - test::TestDir().size(), 'x');
+  for (auto [media, extension] : {std::pair{"mpeg2ps.mpg", ".mpg"}, std::pair{"ts188.ts", ".ts"},
+                                  std::pair{"avi.avi", ".avi"}}) {
+    auto f = OpenSession(CopyMedia(media, name + extension));
+    InsertSamples(*f, 0, 1, 5);
+    LogCapture log;
+    EXPECT_EQ(f->CloseFile(0), MQ_ERR) << extension;
+    EXPECT_TRUE(log.Has("a cache record holds at most 259 UTF-16 units of path")) << extension;
+  }
+  for (int32_t k = 0; k < kCacheKindCount; ++k) {
+    EXPECT_TRUE(ListCacheEntries(static_cast<CacheKind>(k)).empty()) << k;
+  }
+  EXPECT_TRUE(FolderFiles(CacheFolder()).empty());
+}
+
 }  // namespace
 }  // namespace marquel

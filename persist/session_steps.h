@@ -35,6 +35,8 @@ class SessionSteps {
   static int32_t WriteProgramCache(MarquelOneFile& f, CacheKind kind);
   // The sum of the block-size queries of every program.
   static int64_t BlockSize(MarquelOneFile& f);
+  // Whether the media file's path fits a cache record; logs the refusal when not.
+  static bool PathFitsRecords(MarquelOneFile& f);
 
  private:
   static void TakeFileAttributes(MarquelOneFile& f);

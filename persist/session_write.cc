@@ -20,6 +20,13 @@ CacheBlockWriter ProgramWriter(const std::vector<MQOneProgram*>& programs) {
 
 }  // namespace
 
+bool SessionSteps::PathFitsRecords(MarquelOneFile& f) {
+  if (FitsRecordPath(f.file_name_)) return true;
+  MQ_LOG("[%d] can not cache '%s': a cache record holds at most %zu UTF-16 units of path",
+         f.handle_, f.file_name_.c_str(), kRecordPathUnits - 1);
+  return false;
+}
+
 // A media file that is gone by the close cannot be cached: the entry's identity words and
 // fingerprint come from the file, so no later open could find it. The write then fails.
 bool SessionSteps::CurrentIdentity(MarquelOneFile& f, uint64_t identity[2]) {
@@ -35,6 +42,7 @@ int32_t SessionSteps::WriteVRCache(MarquelOneFile& f, int32_t forceToCache) {
   // A program without its serialised block has nothing to write ("error! process
   // program but no data!" is logged by the check).
   if (program == nullptr || program->CheckBuffersForSerialise() != 1) return 1;
+  if (!PathFitsRecords(f)) return -1;
   CacheWriteRequest request;
   request.kind = CacheKind::kVR;
   request.media_path = f.file_name_;
@@ -63,6 +71,7 @@ int32_t SessionSteps::WriteProgramCache(MarquelOneFile& f, CacheKind kind) {
     request.pmt_pids.push_back(program->PMTPID());
   }
   if (programs.empty()) return 1;
+  if (!PathFitsRecords(f)) return -1;
   if (!CurrentIdentity(f, request.identity)) return -1;
   CacheEntry written;
   int32_t result = WriteCacheEntry(request, ProgramWriter(programs), &written);
