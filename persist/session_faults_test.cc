@@ -156,10 +156,7 @@ TEST(CloseFaults, MediaFileRemovedBeforeTheCloseFailsAndWritesNoEntry) {
     ASSERT_TRUE(RemoveFile(path));
     EXPECT_EQ(f->CloseFile(0), MQ_ERR) << c[1];
   }
-  for (int32_t k = 0; k < kCacheKindCount; ++k) {
-    EXPECT_TRUE(ListCacheEntries(static_cast<CacheKind>(k)).empty()) << k;
-  }
-  EXPECT_TRUE(FolderFiles(CacheFolder()).empty()) << "no cache file stays behind";
+  sessiontest::ExpectNothingCached();
 }
 
 TEST(CloseFaults, PathTooLongForACacheRecordIsRefusedWithItsReason) {
@@ -172,10 +169,7 @@ TEST(CloseFaults, PathTooLongForACacheRecordIsRefusedWithItsReason) {
     EXPECT_EQ(f->CloseFile(0), MQ_ERR) << extension;
     EXPECT_TRUE(log.Has("a cache record holds at most 259 UTF-16 units of path")) << extension;
   }
-  for (int32_t k = 0; k < kCacheKindCount; ++k) {
-    EXPECT_TRUE(ListCacheEntries(static_cast<CacheKind>(k)).empty()) << k;
-  }
-  EXPECT_TRUE(FolderFiles(CacheFolder()).empty());
+  sessiontest::ExpectNothingCached();
 }
 
 }  // namespace
