@@ -227,9 +227,10 @@ int TagObject::BulkAppend(const SampleRecord& record) {
   } else if (record.llTimeCode <= recs.back().llTimeCode) {
     inOrder = false;
   }
-  if (record.nKind != kind_ || (raw && record.nValue > raw_size_)) inOrder = false;
+  if (record.nKind != kind_) inOrder = false;
   if (!inOrder) return InsertLocked(record) == 1 ? 1 : -1;
-  if (static_cast<int64_t>(recs.size()) >= capacity_ && FlushPendingLocked() < 0) return -1;
+  bool full = static_cast<int64_t>(recs.size()) >= capacity_ || !block_->Fits(record);
+  if (full && FlushPendingLocked() < 0) return -1;
   SampleRecord copy = CopyOut(record);
   try {
     recs.push_back(copy);
@@ -237,6 +238,7 @@ int TagObject::BulkAppend(const SampleRecord& record) {
     FreeSampleBuffer(copy.pBuffer);
     return -1;
   }
+  block_->bytes += Block::Held(copy);
   pending_ = true;
   return 1;
 }
