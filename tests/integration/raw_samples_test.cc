@@ -30,6 +30,18 @@ std::string CopyMedia(const char* source, const std::string& as) {
   return path;
 }
 
+int32_t Open(IMarquelClient& c, const std::string& path) {
+  int32_t h = -1;
+  EXPECT_EQ(c.InitialFile(path.c_str(), 0, 0, &h), S_OK) << path;
+  return h;
+}
+
+// QueryOneTagSize answers E_FAIL for a count of 0.
+void ExpectNoSample(IMarquelClient& c, int32_t h, int32_t tag) {
+  int32_t n = 0;
+  EXPECT_EQ(c.QueryOneTagSize(h, tag, &n), E_FAIL) << "tag " << tag << " keeps " << n;
+}
+
 void ExpectRaw(IMarquelClient& c, int32_t h, int32_t tag, int64_t t, size_t n) {
   std::vector<uint8_t> got(n + 1, 0xEE);
   ASSERT_EQ(c.GetRawDataOne2(h, 0, tag, t, static_cast<int32_t>(n), got.data()), S_OK)
@@ -40,8 +52,7 @@ void ExpectRaw(IMarquelClient& c, int32_t h, int32_t tag, int64_t t, size_t n) {
 
 TEST_F(RawSamples, EveryLengthComesBackAfterARestart) {
   std::string path = CopyMedia("avi.avi", "raw.avi");
-  int32_t h = -1;
-  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  int32_t h = Open(*client_, path);
   // The first sample fixes the tag's sample size; later ones are longer and shorter.
   const std::vector<std::pair<int64_t, size_t>> lengths = {
       {10, 4}, {20, 2}, {30, 5}, {40, 100}, {50, 5000}, {60, 65535}, {70, 0}};
@@ -60,7 +71,7 @@ TEST_F(RawSamples, EveryLengthComesBackAfterARestart) {
   client_.reset();
   StopServer();
   client_ = Connect();
-  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  h = Open(*client_, path);
   for (auto [t, n] : lengths) ExpectRaw(*client_, h, kRawTag, t, n);
   ExpectRaw(*client_, h, kWideRawTag, 5, 300000);
   int32_t size = 0;
@@ -71,8 +82,7 @@ TEST_F(RawSamples, EveryLengthComesBackAfterARestart) {
 
 TEST_F(RawSamples, SamplesThatCannotBeKeptFail) {
   std::string path = MediaFile("kinds.mpg");
-  int32_t h = -1;
-  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  int32_t h = Open(*client_, path);
   auto bytes = Bytes(1, 70000);
   EXPECT_EQ(client_->InsertDataOne(h, kRawTag, 10, 5), E_FAIL) << "a plain sample, raw tag";
   EXPECT_EQ(client_->InsertRawDataOne(h, kPlainTag, 10, 2, bytes.data()), E_FAIL)
@@ -82,8 +92,8 @@ TEST_F(RawSamples, SamplesThatCannotBeKeptFail) {
       << "more bytes than the tag's 4-bit count carries";
   EXPECT_EQ(client_->InsertRawDataOne(h, kRawTag, 10, 65536, bytes.data()), E_FAIL)
       << "more bytes than the tag's 16-bit count carries";
+  ExpectNoSample(*client_, h, kRawTag);
   int32_t n = 0;
-  EXPECT_EQ(client_->QueryOneTagSize(h, kRawTag, &n), E_FAIL) << "nothing was stored";
   ASSERT_EQ(client_->QueryOneTagSize(h, kNarrowRawTag, &n), S_OK);
   EXPECT_EQ(n, 1);
   ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
@@ -94,14 +104,12 @@ TEST_F(RawSamples, MoveLeavesInTheSourceWhatTheTargetRefused) {
   std::string target = CopyMedia("avi.avi", "target.avi");
   // The target keeps tag 16 from an earlier session, then is opened for tag 19 only: its
   // tag 16 takes nothing.
-  int32_t t = -1;
-  ASSERT_EQ(client_->InitialFile(target.c_str(), 0, 0, &t), S_OK);
+  int32_t t = Open(*client_, target);
   ASSERT_EQ(client_->InsertDataOne(t, 16, 1, 1), S_OK);
   ASSERT_EQ(client_->CloseFile(t, 1), S_OK);
   const int32_t only19[] = {kPlainTag};
   ASSERT_EQ(client_->InitialFile2(target.c_str(), 0, 0, 1, only19, 0, 0, -1, &t), S_OK);
-  int32_t s = -1;
-  ASSERT_EQ(client_->InitialFile(source.c_str(), 0, 0, &s), S_OK);
+  int32_t s = Open(*client_, source);
   ASSERT_EQ(client_->InsertDataOne(s, 16, 100, 7), S_OK);
   ASSERT_EQ(client_->InsertDataOne(s, kPlainTag, 100, 8), S_OK);
 
@@ -109,8 +117,7 @@ TEST_F(RawSamples, MoveLeavesInTheSourceWhatTheTargetRefused) {
   int32_t value = 0;
   ASSERT_EQ(client_->GetDataOne(s, 16, 100, &value), S_OK);
   EXPECT_EQ(value, 7) << "the refused sample stays in the source";
-  int32_t n = 0;
-  EXPECT_EQ(client_->QueryOneTagSize(s, kPlainTag, &n), E_FAIL) << "tag 19 moved";
+  ExpectNoSample(*client_, s, kPlainTag);  // moved
   ASSERT_EQ(client_->GetDataOne(t, kPlainTag, 100, &value), S_OK);
   EXPECT_EQ(value, 8);
   ASSERT_EQ(client_->CloseFile(s, 1), S_OK);
@@ -119,8 +126,7 @@ TEST_F(RawSamples, MoveLeavesInTheSourceWhatTheTargetRefused) {
 
 TEST_F(RawSamples, CleanAndOverwriteLeaveNoSampleAtAll) {
   std::string path = MediaFile("clean.mpg");
-  int32_t h = -1;
-  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  int32_t h = Open(*client_, path);
   auto bytes = Bytes(1, 8);
   auto fill = [&] {
     ASSERT_EQ(client_->InsertDataOne(h, kPlainTag, -5000000, 1), S_OK);
@@ -129,15 +135,14 @@ TEST_F(RawSamples, CleanAndOverwriteLeaveNoSampleAtAll) {
   };
   fill();
   ASSERT_EQ(client_->CleanFile(h), S_OK);
-  int32_t n = 0;
-  EXPECT_EQ(client_->QueryOneTagSize(h, kPlainTag, &n), E_FAIL) << "no sample left";
-  EXPECT_EQ(client_->QueryOneTagSize(h, kRawTag, &n), E_FAIL) << "no sample left";
+  ExpectNoSample(*client_, h, kPlainTag);
+  ExpectNoSample(*client_, h, kRawTag);
 
   fill();
   int32_t again = -1;
   ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 1, &again), S_OK);  // bOverwrite
-  EXPECT_EQ(client_->QueryOneTagSize(h, kPlainTag, &n), E_FAIL) << "no sample left";
-  EXPECT_EQ(client_->QueryOneTagSize(h, kRawTag, &n), E_FAIL) << "no sample left";
+  ExpectNoSample(*client_, h, kPlainTag);
+  ExpectNoSample(*client_, h, kRawTag);
   ASSERT_EQ(client_->CloseFile(again, 1), S_OK);
   ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
 }
