@@ -35,6 +35,9 @@ bool ScopeCovers(const TagScope& scope, const MQOneProgram& program, int32_t tag
 
 namespace {
 
+// The raw bytes one chunk of a copy from another tag holds at most (and one sample).
+constexpr int64_t kChunkBytes = 64 * 1024 * 1024;
+
 // The source samples a move may delete: runs of consecutive accepted samples, in source
 // order, each deleted as one period once the whole tag is copied.
 class AcceptedRuns {
@@ -129,14 +132,16 @@ int CopyOneTag(TagObject* source, MQOneProgram& target, int32_t tagId, int64_t t
   int64_t from = srcStart;
   while (true) {
     chunk.resize(static_cast<size_t>(chunkMax));
-    int64_t got = source->ReadPeriod(from, srcEnd, chunk.data(), chunkMax);
+    // Chunks from another tag are bounded in bytes too; a tag's own period is read whole.
+    int64_t got =
+        source->ReadPeriod(from, srcEnd, chunk.data(), chunkMax, sameTag ? INT64_MAX : kChunkBytes);
     if (got <= 0) break;
     chunk.resize(static_cast<size_t>(got));
     int64_t lastSource = chunk.back().llTimeCode;
     if (InsertStretched(target, tagId, chunk, targetStart, srcStart, num, den, &runs) < 0)
       result = -1;
     FreeSampleBuffers(chunk.data(), got);
-    if (sameTag || got < chunkMax || lastSource == std::numeric_limits<int64_t>::max()) break;
+    if (sameTag || lastSource == std::numeric_limits<int64_t>::max()) break;
     from = lastSource + 1;
   }
   if (move && runs.DeleteFrom(source, srcStart, srcEnd) < 0) result = -1;

@@ -150,6 +150,23 @@ TEST(PeriodTest, CopyIntoATagThatIsNotValidFails) {
   EXPECT_EQ(src.QueryOneTagSize(16), 1);
 }
 
+TEST(PeriodTest, LongRawSamplesAreCopiedInChunksBoundedInBytes) {
+  MQOneProgram src, dst;
+  std::vector<uint8_t> big(8 * 1024 * 1024);
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i / 4096);
+  for (int i = 0; i < 10; ++i)  // 80 MiB: more than one chunk
+    ASSERT_EQ(
+        src.InsertOne(32, MakeRawSample(i * 10, static_cast<int32_t>(big.size()), big.data())), 1);
+  ASSERT_EQ(CopyPeriodBetweenPrograms(src, dst, TagScope::All(), 0, 0, -1, 1, 1, true), 1);
+  EXPECT_EQ(dst.QueryOneTagSize(32), 10);
+  EXPECT_EQ(src.QueryOneTagSize(32), 0);
+  SampleRecord r;
+  ASSERT_EQ(dst.GetOne(32, 90, &r), 1);
+  ASSERT_EQ(r.nValue, static_cast<int32_t>(big.size()));
+  EXPECT_EQ(std::vector<uint8_t>(r.pBuffer, r.pBuffer + r.nValue), big);
+  FreeSampleBuffer(r.pBuffer);
+}
+
 TEST(PeriodTest, LargeCopyIntoTheMiddleOfAnotherTag) {
   MQOneProgram src, dst;
   std::vector<SampleRecord> many;

@@ -198,6 +198,7 @@ int RecordFile::Scan(int64_t from, bool fromInclusive, bool hasEnd, int64_t end,
       int64_t key = RecordKey(rec);
       if (key < from || (key == from && !fromInclusive)) continue;
       if (hasEnd && key >= end) return 1;
+      apart.clear();  // the previous view's bytes are no longer needed
       if (ResolveApart(rec, &apart, &view) < 0) return -1;
       if (!visit(view)) return 1;
     }

@@ -127,6 +127,26 @@ TEST(TagObjectTest, TheMemoryBlockHoldsABoundedNumberOfBytes) {
   FreeSampleBuffer(r.pBuffer);
 }
 
+TEST(TagObjectTest, ReadsOfLongSamplesStopAtTheirByteBound) {
+  TagObject tag(32);
+  std::vector<uint8_t> big(10 * 1024 * 1024, 0x44);
+  for (int i = 0; i < 3; ++i)
+    ASSERT_EQ(tag.Insert(MakeRawSample(i, static_cast<int32_t>(big.size()), big.data())), 1);
+  SampleRecord out[3];
+  EXPECT_EQ(tag.ReadPeriod(0, -1, out, 3, 15 * 1024 * 1024), 2) << "stops once 15 MiB are in";
+  FreeSampleBuffers(out, 2);
+  EXPECT_EQ(tag.ReadPeriod(0, -1, out, 3, 1), 1) << "at least one sample";
+  FreeSampleBuffers(out, 1);
+  // The serialiser's cursor reads chunks of at most kMaxBlockBytes and still sees all.
+  int64_t seen = 0;
+  for (TagRecordCursor c(&tag); c.Valid(); c.Next()) {
+    EXPECT_EQ(c.Current().llTimeCode, seen);
+    EXPECT_EQ(c.Current().pBuffer[big.size() - 1], 0x44);
+    ++seen;
+  }
+  EXPECT_EQ(seen, 3);
+}
+
 TEST(TagObjectTest, InsertSortedTellsWhichRecordsItKept) {
   TagObject tag(29);
   uint8_t b[2] = {1, 2};

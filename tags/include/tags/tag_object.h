@@ -72,8 +72,10 @@ class TagObject {
   // Number of samples in [start, end); an end below 0 means up to the last sample.
   int64_t CountInPeriod(int64_t start, int64_t end);
   // Copies the samples of [start, end) in order into out[0..capacity) and returns how many
-  // were written (never more than capacity; raw bytes are fresh copies to free).
-  int64_t ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int64_t capacity);
+  // were written (never more than capacity; raw bytes are fresh copies to free). The read
+  // also stops once the copied raw bytes reach maxBytes (after at least one sample).
+  int64_t ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int64_t capacity,
+                     int64_t maxBytes = INT64_MAX);
 
   // --- Period editing ------------------------------------------------------------------
 
@@ -144,7 +146,7 @@ class TagObject {
   void MeasureIntervalLocked();
   void MirrorIntoBlock(const SampleRecord& record);
   int64_t ReadAfterLocked(int64_t afterTime, bool inclusive, int64_t capacity,
-                          std::vector<SampleRecord>* out, std::vector<uint8_t>* bytes);
+                          std::vector<SampleRecord>* out, std::vector<uint8_t>* bytes, bool* full);
   int64_t CountIntervalsLocked(int64_t* starts, int64_t* ends, int64_t capacity);
 
   const int32_t tag_id_;
