@@ -56,7 +56,8 @@ class CMQInterface {
 
   // --- Files ---------------------------------------------------------------------------
 
-  // *nFileHandle always receives the table's answer (also -1); E_FAIL for -1.
+  // *nFileHandle always receives the table's answer (also -1); E_FAIL for -1. bOverwrite
+  // deletes every sample of the file, negative time codes too.
   HRESULT InitialFile(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
                       int32_t* nFileHandle);
   HRESULT InitialFile2(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
@@ -73,6 +74,7 @@ class CMQInterface {
   HRESULT CloseFile(int32_t nFileHandle, int32_t bWriteToCache, int32_t* tableResult = nullptr);
   HRESULT CloseVOBFile(int32_t nFileHandle);
   HRESULT CloseVCDORSVCDFile(int32_t nFileHandle);
+  // Deletes every sample of the file, negative time codes too; E_FAIL for a closed handle.
   HRESULT CleanFile(int32_t nFileHandle);
   HRESULT FileRename(int32_t nFileHandle, const std::string& wNewFileName);
 
@@ -105,6 +107,9 @@ class CMQInterface {
 
   // --- Plain samples -------------------------------------------------------------------
 
+  // S_OK when the sample is stored (or, by R2, the handle has no file); E_FAIL when an
+  // open file does not store it: a tag id that takes raw data, a tag of raw samples, or a
+  // record-file failure.
   HRESULT InsertDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                         int64_t llTimeCode, int32_t nData);
   // Inserts nDataCount records of mqTags one by one; S_OK when all were stored.
@@ -127,6 +132,11 @@ class CMQInterface {
   // --- Raw-data samples ----------------------------------------------------------------
 
   // `available` is the number of bytes readable at pData; more than arrived is refused.
+  // Any length is kept (QueryRawDataTagSampleSize keeps the first sample's), up to
+  // 2^width - 1 bytes for the tag's width and 16 MiB; S_OK when stored (or, by R2, the
+  // handle has no file). E_FAIL when an open file does not store it: a longer sample, a
+  // tag id that takes no raw data, a tag of plain samples, no bytes with a length other
+  // than the record's it empties, or a record-file failure.
   HRESULT InsertRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                            int64_t llTimeCode, int32_t nLength, const uint8_t* pData,
                            size_t available);
@@ -181,6 +191,10 @@ class CMQInterface {
                                     int64_t llTimeEnd);
   HRESULT DeleteDataPeriodForOneCategory(int32_t nFileHandle, int32_t nCategory,
                                          int64_t llTimeStart, int64_t llTimeEnd);
+  // Moves and copies (every form below) insert what the target takes, as an insert would;
+  // a move deletes from the source only those samples. E_FAIL for a closed handle, a zero
+  // denominator (nothing changes), or when the target refused a sample (the rest is still
+  // copied or moved, and the refused samples stay in the source).
   HRESULT MoveDataPeriod(int32_t nTargetHandle, int32_t nSourceHandle, int64_t llTargetStartTime,
                          int64_t llSrcStartTime, int64_t llSrcEndTime,
                          int32_t nTimeStretchNumerator, int32_t nTimestretchDenominator);
