@@ -80,11 +80,8 @@ int SessionSteps::OpenExisting(MarquelOneFile& f, int32_t /*nType*/, int32_t bLo
 
   const uint32_t type = static_cast<uint32_t>(f.file_type_);
   if (type == MQ_FORMAT_NONE) {
-    TakeFileAttributes(f);
-    f.data_source_ = kSourceNone;
-    return 1;
-  }
-  if (type == MQ_FORMAT_VOB || type == MQ_FORMAT_VRO) {
+    OpenUnknownFormat(f, bLoad);
+  } else if (type == MQ_FORMAT_VOB || type == MQ_FORMAT_VRO) {
     OpenFromCache(f, media.get(), CacheKind::kVR, bLoad);
   } else if (type == MQ_FORMAT_AVI || type == MQ_FORMAT_DV) {
     OpenFromCache(f, media.get(), CacheKind::kAVI, bLoad);
@@ -104,11 +101,41 @@ void SessionSteps::OpenFromCache(MarquelOneFile& f, FileHandle file, CacheKind k
                                  int32_t bLoad) {
   TakeFileAttributes(f);
   CacheEntry entry;
-  if (!FindCacheEntry(kind, f.file_name_, f.identity_, ReadContentSample(file), &entry)) return;
-  f.cache_file_path_ = entry.file.cache_path;
-  f.cache_entry_key_ = entry.KeyPath();
+  if (FindCacheEntry(kind, f.file_name_, f.identity_, ReadContentSample(file), &entry)) {
+    f.cache_file_path_ = entry.file.cache_path;
+    f.cache_entry_key_ = entry.KeyPath();
+    f.data_source_ = kSourceRegistry;
+    if (bLoad) f.m_bMQExisted = LoadCacheFile(f, *f.Program(0), entry.file.cache_path);
+    return;
+  }
+  // A format recognised by its first bytes was format 0 before, and its tags went to the
+  // temp cache then. They are read from there until the close moves them over.
+  if (IsMagicNumberFormat(static_cast<uint32_t>(f.file_type_))) {
+    OpenFromTempCache(f, bLoad, &entry);
+  }
+}
+
+bool SessionSteps::OpenFromTempCache(MarquelOneFile& f, int32_t bLoad, CacheEntry* entry) {
+  const bool found = FindTempCacheEntry(f.file_name_, entry);
+  MQ_LOG("[%d] check temp cache %d", f.handle_, found ? 1 : 0);
+  if (!found) return false;
+  f.cache_file_path_ = entry->temp.cache_path;
+  f.cache_entry_key_ = entry->KeyPath();
   f.data_source_ = kSourceRegistry;
-  if (bLoad) f.m_bMQExisted = LoadCacheFile(f, *f.Program(0), entry.file.cache_path);
+  if (bLoad) f.m_bMQExisted = LoadCacheFile(f, *f.Program(0), entry->temp.cache_path);
+  return true;
+}
+
+// A file of no known format keeps its tags in the temp cache, as a program stream does,
+// and finds them there by its name; the identity words are the entry's, as for a program
+// stream, so they stay the same when the file turns out to be a recording that grows.
+void SessionSteps::OpenUnknownFormat(MarquelOneFile& f, int32_t bLoad) {
+  TakeFileAttributes(f);
+  f.data_source_ = kSourceNone;
+  CacheEntry entry;
+  if (!OpenFromTempCache(f, bLoad, &entry)) return;
+  f.identity_[0] = entry.temp.original_size;
+  f.identity_[1] = static_cast<uint64_t>(entry.temp.original_mtime);
 }
 
 void SessionSteps::OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t bLoad) {
