@@ -141,6 +141,24 @@ TEST_F(TaggedFile, UnknownFormatGetsItsTagsBack) {
   ExpectTagsBack(path);
 }
 
+// As a new user tries it: marquelctl puts a sample into a file detection does not know,
+// and the next marquelctl run (a new open) gets it back, also after a restart.
+TEST_F(TaggedFile, MarquelctlGetsBackWhatItPutIntoAnUnknownFormat) {
+  const std::string path = MediaFile("clip.mkv", 4000);
+  const std::vector<std::string> put = {MarquelctlPath(), "put", path, "--tag", "16",
+                                        "--sample",       "0=1"};
+  const std::vector<std::string> get = {MarquelctlPath(), "get", path, "--tag", "16"};
+  std::string out;
+  ASSERT_EQ(RunProgram(put, &out), 0) << out;
+  EXPECT_EQ(out, "inserted 1\n");
+  ASSERT_EQ(RunProgram(get, &out), 0);
+  EXPECT_EQ(out, "0\t1\n");
+  client_.reset();
+  StopServer();
+  ASSERT_EQ(RunProgram(get, &out), 0);
+  EXPECT_EQ(out, "0\t1\n");
+}
+
 // A file that was format 0 when it was tagged (as Matroska was before it had a code) and
 // is recognised now finds its temp-cache entry; the next close moves it to the other cache.
 TEST_F(TaggedFile, FormatRecognisedSinceItsTagsWereCachedKeepsThem) {
