@@ -159,6 +159,21 @@ TEST_F(TaggedFile, MarquelctlGetsBackWhatItPutIntoAnUnknownFormat) {
   EXPECT_EQ(out, "0\t1\n");
 }
 
+// A file not made yet takes the client's format code; a number that is no format is
+// refused at the open instead of losing the tags at the close.
+TEST_F(TaggedFile, FileNotYetMadeNeedsAFormatCode) {
+  const std::string path = TestPath("coming.mkv");
+  int32_t h = -1;
+  EXPECT_EQ(client_->InitialFile(path.c_str(), 99, 0, &h), E_FAIL);
+  EXPECT_EQ(h, -1);
+  ASSERT_EQ(client_->InitialFile(path.c_str(), 17, 0, &h), S_OK);
+  Insert(*client_, h, 0, 9);
+  ASSERT_EQ(client_->CloseFile(h, 0), S_OK);
+  client_.reset();
+  StopServer();
+  ExpectOneEntry("OtherCache");
+}
+
 // A file that was format 0 when it was tagged (as Matroska was before it had a code) and
 // is recognised now finds its temp-cache entry; the next close moves it to the other cache.
 TEST_F(TaggedFile, FormatRecognisedSinceItsTagsWereCachedKeepsThem) {
