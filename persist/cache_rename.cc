@@ -35,7 +35,7 @@ bool WriteEntryValues(const CacheEntry& entry) {
 
 int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string& newPath) {
   CacheEntry entry;
-  if (!ReadCacheEntry(kind, CacheSubKeyName(oldPath), &entry) || !entry.Complete()) return 1;
+  if (!FindEntryByPath(kind, oldPath, &entry) || !entry.Complete()) return 1;
   const std::string old_key = entry.KeyPath();
   const std::string new_sub_key = CacheSubKeyName(newPath);
   const bool same_key = EqualsIgnoreCase(entry.sub_key, new_sub_key);

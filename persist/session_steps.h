@@ -37,6 +37,8 @@ class SessionSteps {
   static int64_t BlockSize(MarquelOneFile& f);
   // Deletes the temp-cache entry `previousKey` names, when it names one, with its files.
   static void DropTakenOverTempEntry(const std::string& previousKey);
+  // Whether the media file's path fits a cache record; logs the refusal when not.
+  static bool PathFitsRecords(MarquelOneFile& f);
 
  private:
   static void TakeFileAttributes(MarquelOneFile& f);
@@ -50,8 +52,8 @@ class SessionSteps {
   static void LoadTsFromFile(MarquelOneFile& f, FileHandle file, const MQDataInFile& in_file);
   static void LoadTsFromRegistry(MarquelOneFile& f, const CacheEntry& entry);
   static int Finish(MarquelOneFile& f, int32_t bLoad, int32_t bQueryOnly);
-  // The media file's size and time now (the session's identity words when it is gone).
-  static void CurrentIdentity(MarquelOneFile& f, uint64_t identity[2]);
+  // The media file's size and time now; false when the file is gone.
+  static bool CurrentIdentity(MarquelOneFile& f, uint64_t identity[2]);
 };
 
 }  // namespace marquel

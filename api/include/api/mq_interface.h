@@ -64,8 +64,14 @@ class CMQInterface {
   HRESULT InitialFile2(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
                        int32_t nTags, const int32_t* pnTags, int32_t bReadOnly, int64_t llStartTime,
                        int64_t llEndTime, int32_t* nFileHandle);
-  // tableResult, when given, receives the table's close result (MQ_ERR when nothing was
-  // closed): the bus adaptor uses it to keep its per-client record of opens.
+  // S_OK when the tags were kept: written to the cache (the last close), or the file is
+  // still held by other references. The last close of an MPEG-2, SVCD or TS file without
+  // bWriteToCache also puts the file on the pending list, but only once its cache write
+  // succeeded. E_FAIL when nothing was closed, or the last close could not keep the tags
+  // (cache folder unwritable, disk full, media file gone, path too long for a record):
+  // nothing is then pending. tableResult, when given, receives the table's close result
+  // (MQ_ERR when nothing was closed): the bus adaptor uses it to keep its per-client
+  // record of opens.
   HRESULT CloseFile(int32_t nFileHandle, int32_t bWriteToCache, int32_t* tableResult = nullptr);
   HRESULT CloseVOBFile(int32_t nFileHandle);
   HRESULT CloseVCDORSVCDFile(int32_t nFileHandle);

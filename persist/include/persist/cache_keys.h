@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace marquel {
 
@@ -60,8 +61,17 @@ std::string CacheEntryKeyPath(CacheKind kind, const std::string& subKeyName);
 // Splits the full key of a cache entry into its kind and sub-key name; false when the key
 // is not directly below one of the base keys (compared without regard to ASCII case).
 bool SplitCacheEntryKeyPath(const std::string& keyPath, CacheKind* kind, std::string* subKey);
-// The key name of a media file, as its entries are named.
+// The key name a media file's entries are written under (FittingFileKeyName): readable
+// where it fits in a key name, else hashed; capitals marked unless the file's volume
+// ignores case. Asked while the file is there, the volume gives the right answer.
 std::string CacheSubKeyName(const std::string& mediaPath);
+
+// The key names under which a media file's entries may be, in the order to try:
+// CacheSubKeyName, then the name the other answer about case gives (when it differs).
+// The second finds an entry written while the volume answered otherwise: a removable
+// volume that is absent now (its mount point then answers for it), or one judged
+// otherwise by an earlier version. *folds (when given) is the volume's answer now.
+std::vector<std::string> CacheLookupKeyNames(const std::string& mediaPath, bool* folds = nullptr);
 
 // The kind that closing a file of format `format` writes: the temp cache for 0 to 4, the
 // VR cache for 6 and 7, the AVI cache for 8 and 9, the TS cache for 10, the other cache
