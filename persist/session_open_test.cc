@@ -98,6 +98,22 @@ TEST(SessionOpen, UnknownFormatReadsItsTagsBackFromTheTempCache) {
   EXPECT_EQ(PlainSamples(*OpenSession(path), 0).size(), 9u);
 }
 
+// The client named the type of a file not made yet; the file never looked like it.
+TEST(SessionOpen, UnknownFormatFindsTheCacheOfTheTypeItsClientNamed) {
+  std::string path = test::TestPath("rec.mkv");
+  {
+    auto f = OpenSession(path, 17);
+    InsertSamples(*f, 0, 3, 4);
+    cachetest::WriteAll(path, Bytes(3000, 0));
+    ASSERT_EQ(f->CloseFile(0), MQ_SUCCESS);
+  }
+  ASSERT_EQ(ListCacheEntries(CacheKind::kOther).size(), 1u);
+  auto g = OpenSession(path);
+  EXPECT_EQ(g->FileType(), 0);
+  EXPECT_EQ(g->m_bMQExisted, 1);
+  EXPECT_EQ(PlainSamples(*g, 0), Expected(3, 4));
+}
+
 // An older version had no code for Matroska and kept such a file's tags in the temp
 // cache; they come back, and the next close moves them into the other cache.
 TEST(SessionOpen, NewlyRecognisedFormatFindsItsTempEntryAndMovesIt) {

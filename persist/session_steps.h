@@ -46,7 +46,10 @@ class SessionSteps {
   // The temp-cache entry named after the file, as the session's data source (loaded with
   // bLoad) and its entry key. False when there is none.
   static bool OpenFromTempCache(MarquelOneFile& f, int32_t bLoad, CacheEntry* entry);
-  static void OpenUnknownFormat(MarquelOneFile& f, int32_t bLoad);
+  // The entry of `kind` that belongs to the file (its own identity words), as the data
+  // source, loaded with bLoad. False when there is none.
+  static bool LoadFromCacheKind(MarquelOneFile& f, FileHandle file, CacheKind kind, int32_t bLoad);
+  static void OpenUnknownFormat(MarquelOneFile& f, FileHandle file, int32_t bLoad);
   static void OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t bLoad);
   static void OpenTransportStream(MarquelOneFile& f, FileHandle file, int32_t bLoad);
   static void LoadTsFromFile(MarquelOneFile& f, FileHandle file, const MQDataInFile& in_file);
