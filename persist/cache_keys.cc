@@ -1,6 +1,7 @@
 // Names of the per-user caches.
 #include "persist/cache_keys.h"
 
+#include "media/file_type.h"
 #include "platform/env.h"
 #include "platform/key_name.h"
 #include "platform/text.h"
@@ -138,7 +139,8 @@ bool CacheKindForFormat(int32_t format, CacheKind* kind) {
       k = CacheKind::kOther;
       break;
     default:
-      return false;
+      if (!IsMagicNumberFormat(static_cast<uint32_t>(format))) return false;
+      k = CacheKind::kOther;
   }
   if (kind != nullptr) *kind = k;
   return true;

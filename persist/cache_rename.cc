@@ -1,6 +1,7 @@
 // Carrying a media file's cache entries over to a new name.
 #include <algorithm>
 
+#include "media/file_type.h"
 #include "persist/cache_writer.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
@@ -77,10 +78,13 @@ int32_t CacheRename(const std::string& oldPath, const std::string& newPath, int3
   if (oldPath == newPath) return 1;
   CacheKind only;
   bool one_kind = format != 0 && CacheKindForFormat(format, &only);
+  // A format recognised by its first bytes may still have tags in the temp cache from when
+  // it had no code; they go along.
+  const bool with_temp = IsMagicNumberFormat(static_cast<uint32_t>(format));
   int32_t result = 1;
   for (int32_t i = 0; i < kCacheKindCount; ++i) {
     CacheKind kind = static_cast<CacheKind>(i);
-    if (one_kind && kind != only) continue;
+    if (one_kind && kind != only && !(with_temp && kind == CacheKind::kTemp)) continue;
     if (RenameOne(kind, oldPath, newPath) != 1) result = -1;
   }
   return result;

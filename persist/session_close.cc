@@ -104,6 +104,16 @@ int32_t MarquelOneFile::CloseFile(int32_t bWriteToCache) {
     case 14:
     case 15:
     case 16:
+    case 17:  // 17 to 26: the formats recognised by their first bytes
+    case 18:
+    case 19:
+    case 20:
+    case 21:
+    case 22:
+    case 23:
+    case 24:
+    case 25:
+    case 26:
       result = SessionSteps::WriteProgramCache(*this, CacheKind::kOther);
       // This line has always carried the writer's result where the session number
       // stands elsewhere.
@@ -122,7 +132,9 @@ int32_t MarquelOneFile::CloseFile(int32_t bWriteToCache) {
       MQ_LOG("[%d] write ts %d", handle_, result);
       return result;
     default:
-      return MQ_SUCCESS;
+      // No cache takes a code that is not a format: saying success would lose the tags.
+      MQ_LOG("[%d] no cache for type %d", handle_, file_type_);
+      return MQ_ERR;
   }
 }
 

@@ -76,10 +76,22 @@ int32_t SessionSteps::WriteProgramCache(MarquelOneFile& f, CacheKind kind) {
   CacheEntry written;
   int32_t result = WriteCacheEntry(request, ProgramWriter(programs), &written);
   if (result == 1) {
+    DropTakenOverTempEntry(f.cache_entry_key_);
     f.cache_file_path_ = written.FirstCacheFile();
     f.cache_entry_key_ = written.KeyPath();
   }
   return result;
+}
+
+// The session was opened from the temp cache (its format had no code of its own then) and
+// its tags now live in their own cache: the old entry goes, so that it never brings back
+// older tags. Only after the new entry is written, so a failure loses nothing.
+void SessionSteps::DropTakenOverTempEntry(const std::string& previousKey) {
+  CacheKind kind;
+  std::string sub_key;
+  if (SplitCacheEntryKeyPath(previousKey, &kind, &sub_key) && kind == CacheKind::kTemp) {
+    DeleteCacheEntry(kind, sub_key);
+  }
 }
 
 }  // namespace marquel

@@ -57,7 +57,9 @@ class CMQInterface {
   // --- Files ---------------------------------------------------------------------------
 
   // *nFileHandle always receives the table's answer (also -1); E_FAIL for -1. bOverwrite
-  // deletes every sample of the file, negative time codes too.
+  // deletes every sample of the file, negative time codes too. nFileType counts only for a
+  // file that does not exist yet: it must then be a format code, 1 to 26
+  // (media/file_type.h); 0 or another number fails, as no cache could keep the tags.
   HRESULT InitialFile(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
                       int32_t* nFileHandle);
   HRESULT InitialFile2(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,

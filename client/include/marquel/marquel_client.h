@@ -49,6 +49,8 @@ class IMQInterface {
  public:
   virtual ~IMQInterface() = default;
 
+  // nFileType counts only for a file that does not exist yet: it must then be a format
+  // code, 1 to 26 (the server's detection codes); 0 or another number gives E_FAIL.
   virtual HRESULT InitialFile(const char* wFileName, int32_t nFileType, int32_t bOverwrite,
                               int32_t* nFileHandle) = 0;
   virtual HRESULT CloseFile(int32_t nFileHandle, int32_t bWriteToCache) = 0;

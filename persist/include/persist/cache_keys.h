@@ -15,9 +15,10 @@ namespace marquel {
 enum class CacheKind : int32_t {
   kVR = 0,     // DVD video and video-recording files (VOB, VRO)
   kTS = 1,     // transport streams, one cache file per program
-  kOther = 2,  // formats recognised by name (MP4, WMV, MOV ...)
+  kOther = 2,  // formats recognised by name (MP4, WMV, MOV ...) or magic number (MKV ...)
   kAVI = 3,    // AVI and DV
-  kTemp = 4,   // program streams (MPEG-1, MPEG-2, VCD, SVCD): the waypoint before migration
+  kTemp = 4,   // program streams (MPEG-1, MPEG-2, VCD, SVCD): the waypoint before migration;
+               // also files of no known format
 };
 constexpr int32_t kCacheKindCount = 5;
 
@@ -74,7 +75,7 @@ std::vector<std::string> CacheLookupKeyNames(const std::string& mediaPath, bool*
 
 // The kind that closing a file of format `format` writes: the temp cache for 0 to 4, the
 // VR cache for 6 and 7, the AVI cache for 8 and 9, the TS cache for 10, the other cache
-// for 5 and 11 to 16. False for any other code.
+// for 5, 11 to 16 and 17 to 26. False for any other code.
 bool CacheKindForFormat(int32_t format, CacheKind* kind);
 
 }  // namespace marquel
