@@ -109,8 +109,13 @@ HRESULT CMQInterface::InsertRawDataOne(int32_t nFileHandle, int32_t nProgramInde
   // A length beyond the bytes that arrived would make the store read past them.
   if (nLength > 0 && (pData == nullptr || static_cast<size_t>(nLength) > available))
     return E_INVALIDARG;
+  // Every length is a sample with bytes, 0 too: a caller on the bus cannot send "no
+  // buffer", so a sample of no bytes is stored as one rather than taken for an emptying
+  // of the record at that time.
+  static const uint8_t kNoBytes = 0;
+  const uint8_t* bytes = nLength > 0 ? pData : (nLength == 0 ? &kNoBytes : nullptr);
   return R2(ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID,
-                             MakeRawSample(llTimeCode, nLength, nLength > 0 ? pData : nullptr)));
+                             MakeRawSample(llTimeCode, nLength, bytes)));
 }
 
 HRESULT CMQInterface::GetRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,

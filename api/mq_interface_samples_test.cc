@@ -111,6 +111,33 @@ TEST_F(CMQInterfaceSamples, RawSamples) {
   EXPECT_EQ(mq_.QueryRawDataTagSampleSize(h_, 0, kRawTag, nullptr), E_INVALIDARG);
 }
 
+// Rule R2 passes -1 as success; a sample an open file does not store is E_FAIL instead.
+TEST_F(CMQInterfaceSamples, InsertsThatAnOpenFileDoesNotStoreFail) {
+  std::vector<uint8_t> bytes(70000, 5);
+  ASSERT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, 100, 4, bytes.data(), 4), S_OK);
+  EXPECT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, 200, 9000, bytes.data(), 9000), S_OK)
+      << "longer than the first sample";
+  EXPECT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, 300, 0, nullptr, 0), S_OK) << "no bytes";
+  EXPECT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, 400, 65536, bytes.data(), 65536), E_FAIL)
+      << "more than the tag's 16-bit count carries";
+  EXPECT_EQ(mq_.InsertRawDataOne(h_, 0, kPlainTag, 100, 2, bytes.data(), 2), E_FAIL);
+  EXPECT_EQ(mq_.InsertDataOne(h_, 0, kRawTag, 500, 1), E_FAIL);
+  std::vector<uint8_t> out;
+  EXPECT_EQ(mq_.GetRawDataOne(h_, 0, kRawTag, 200, 9000, &out), S_OK);
+  EXPECT_EQ(out, std::vector<uint8_t>(9000, 5));
+  int32_t size = 0;
+  EXPECT_EQ(mq_.QueryOneTagSize(h_, 0, kRawTag, &size), S_OK);
+  EXPECT_EQ(size, 3);
+  EXPECT_EQ(mq_.GetRawDataOne(h_, 0, kRawTag, 300, 0, &out), S_OK);
+  EXPECT_TRUE(out.empty());
+  EXPECT_EQ(mq_.QueryRawDataTagSampleSize(h_, 0, kRawTag, &size), S_OK);
+  EXPECT_EQ(size, 4);
+  // A record file that cannot be made is -1 inside the store; the client hears E_FAIL.
+  setenv("TMPDIR", "/nonexistent-marquel-folder", 1);
+  EXPECT_EQ(mq_.InsertRawDataOne(h_, 0, 30, 1, 2, bytes.data(), 2), E_FAIL);
+  EXPECT_EQ(mq_.InsertDataOne(h_, 0, kPlainTag, 1, 1), E_FAIL);
+}
+
 TEST_F(CMQInterfaceSamples, GetRawDataOneWithAShortBufferIsInvalid) {
   const uint8_t bytes[4] = {1, 2, 3, 4};
   ASSERT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, 100, 4, bytes, 4), S_OK);

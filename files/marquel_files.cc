@@ -2,11 +2,18 @@
 #include "files/marquel_files.h"
 
 #include <atomic>
+#include <cstdint>
 
 #include "file_names.h"
 #include "log/log.h"
 
 namespace marquel {
+namespace {
+
+// Overwrite and clean leave no sample at all, those at negative time codes included.
+constexpr int64_t kEveryTimeCode = INT64_MIN;
+
+}  // namespace
 
 // One slot. The session pointer is atomic because routed operations read it without the
 // table lock; filling and emptying happen under the lock. The key is only used under it.
@@ -101,7 +108,7 @@ int32_t MarquelFiles::OpenFile(const std::string& name, int32_t nFileType, int32
     file->AddRef();
     lock.unlock();
   }
-  if (bOverwrite != 0) DeleteAll(file, TagScope::All(), 0, -1);
+  if (bOverwrite != 0) DeleteAll(file, TagScope::All(), kEveryTimeCode, -1);
   MQ_LOG("[%d] MarquelFiles::OpenFile(%s) ok, ref count = %d", handle, name.c_str(),
          file->RefCount());
   return handle;
@@ -163,7 +170,7 @@ int32_t MarquelFiles::CleanFile(int32_t handle) {
     MQ_LOG("[%d] handle does not exist", handle);
     return -1;
   }
-  int32_t result = DeleteAll(file, TagScope::All(), 0, -1);
+  int32_t result = DeleteAll(file, TagScope::All(), kEveryTimeCode, -1);
   MQ_LOG("[%d] clean file success", handle);
   return result;
 }

@@ -46,6 +46,8 @@ int32_t MarquelFiles::TwoHandle(int32_t target, int32_t source, const TagScope& 
   MarquelOneFile* to = SessionAt(target);
   MarquelOneFile* from = SessionAt(source);
   if (to == nullptr || from == nullptr || denominator == 0) return -1;
+  // A program whose copy refused samples fails the call; the other programs still go.
+  int32_t result = 1;
   for (int32_t p = 0, n = from->ProgramCount(); p < n; ++p) {
     MQOneProgram* src = from->Program(p);
     // The target program is the one with the same PMT PID, made when missing.
@@ -55,9 +57,9 @@ int32_t MarquelFiles::TwoHandle(int32_t target, int32_t source, const TagScope& 
     if (dst == nullptr) continue;
     if (CopyPeriodBetweenPrograms(*src, *dst, scope, targetStart, srcStart, srcEnd, numerator,
                                   denominator, move) < 0)
-      return -1;
+      result = -1;
   }
-  return 1;
+  return result;
 }
 
 int32_t MarquelFiles::MoveDataPeriod(int32_t target, int32_t source, int64_t llTargetStartTime,

@@ -167,7 +167,8 @@ TEST(MarquelFilesTest, TheLastCloseReturnsTheSessionsResult) {
   table.stats.closeResult = 0;
   h = Open(table, test::TestPath("odd.mpg"));
   EXPECT_EQ(table.CloseFile(h, 0), 0);
-  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseFile(0) 0, ref count = -1")) << "other results log 0";
+  EXPECT_TRUE(log.HasMessage("MarquelFiles::CloseFile(0) 0, ref count = -1"))
+      << "other results log 0";
   EXPECT_EQ(table.QueryFileCount(), 0);
 }
 
@@ -197,8 +198,7 @@ TEST(MarquelFilesTest, OverwriteLeavesNoSampleInAnyProgram) {
   for (int32_t p : {0, second}) {
     EXPECT_EQ(table.QueryOneTagSize(h, p, 16), 0);
     EXPECT_EQ(table.QueryOneTagSize(h, p, 29), 0);
-    // The whole-file range is 0 to the end: a sample before 0 is not in it.
-    EXPECT_EQ(table.QueryOneTagSize(h, p, 200), 1);
+    EXPECT_EQ(table.QueryOneTagSize(h, p, 200), 0) << "a sample before 0 goes too";
   }
 }
 
@@ -207,8 +207,11 @@ TEST(MarquelFilesTest, CleanFile) {
   CountingFiles table;
   int32_t h = Open(table, test::TestPath("clean.mpg"));
   table.InsertOne(h, 0, 16, MakePlainSample(5, 1));
+  table.InsertOne(h, 0, 16, MakePlainSample(-5, 1));
+  table.InsertOne(h, 0, 17, MakePlainSample(INT64_MIN, 1));
   EXPECT_EQ(table.CleanFile(h), 1);
   EXPECT_EQ(table.QueryOneTagSize(h, 0, 16), 0);
+  EXPECT_EQ(table.QueryOneTagSize(h, 0, 17), 0) << "the lowest time code goes too";
   EXPECT_TRUE(log.HasMessage("MarquelFiles::CleanFile(0)"));
   EXPECT_TRUE(log.HasMessage("[0] clean file success"));
   EXPECT_EQ(table.CleanFile(7), -1);

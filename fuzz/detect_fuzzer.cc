@@ -35,5 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if ((ts == marquel::MQ_FORMAT_TS) != (packet_size != 0)) __builtin_trap();
   const uint32_t ps = marquel::ProbeProgramStream(source);
   if (ps > marquel::MQ_FORMAT_VRO) __builtin_trap();
+  const uint32_t magic = marquel::ProbeMagicNumbers(source);
+  if (magic != 0 && !marquel::IsMagicNumberFormat(magic)) __builtin_trap();
+  if (marquel::IsMagicNumberFormat(code) && magic != code) __builtin_trap();
   return 0;
 }

@@ -9,10 +9,13 @@ namespace marquel {
 namespace {
 
 constexpr const char* kFormatNames[kFormatCount] = {
-    "MQ_FORMAT_NONE",  "MQ_FORMAT_MPEG1", "MQ_FORMAT_MPEG2", "MQ_FORMAT_VCD", "MQ_FORMAT_SVCD",
-    "MQ_FORMAT_MPEG4", "MQ_FORMAT_VOB",   "MQ_FORMAT_VRO",   "MQ_FORMAT_AVI", "MQ_FORMAT_DV",
-    "MQ_FORMAT_TS",    "MQ_FORMAT_DVRMS", "MQ_FORMAT_WMV",   "MQ_FORMAT_ASF", "MQ_FORMAT_MOV",
-    "MQ_FORMAT_MTS",   "MQ_FORMAT_TIVO"};
+    "MQ_FORMAT_NONE",    "MQ_FORMAT_MPEG1",     "MQ_FORMAT_MPEG2",     "MQ_FORMAT_VCD",
+    "MQ_FORMAT_SVCD",    "MQ_FORMAT_MPEG4",     "MQ_FORMAT_VOB",       "MQ_FORMAT_VRO",
+    "MQ_FORMAT_AVI",     "MQ_FORMAT_DV",        "MQ_FORMAT_TS",        "MQ_FORMAT_DVRMS",
+    "MQ_FORMAT_WMV",     "MQ_FORMAT_ASF",       "MQ_FORMAT_MOV",       "MQ_FORMAT_MTS",
+    "MQ_FORMAT_TIVO",    "MQ_FORMAT_MKV",       "MQ_FORMAT_WEBM",      "MQ_FORMAT_FLV",
+    "MQ_FORMAT_ISOBMFF", "MQ_FORMAT_3GP",       "MQ_FORMAT_OGG",       "MQ_FORMAT_H264",
+    "MQ_FORMAT_HEVC",    "MQ_FORMAT_MPEGVIDEO", "MQ_FORMAT_MPEG4VIDEO"};
 
 bool ExtensionIs(const std::string& extension, std::initializer_list<const char*> names) {
   for (const char* name : names) {
@@ -48,7 +51,9 @@ uint32_t DetectByContentAndName(TsLayout* layout, ProbeSource& source,
   if (ts != MQ_FORMAT_NONE) return ts;
   const uint32_t ps = ProbeProgramStream(source);
   if (ps != MQ_FORMAT_NONE) return ps;
-  return FormatByExtension(extension);
+  const uint32_t named = FormatByExtension(extension);
+  if (named != MQ_FORMAT_NONE) return named;
+  return ProbeMagicNumbers(source);
 }
 
 }  // namespace
@@ -68,8 +73,12 @@ bool IsOtherFormat(uint32_t code) {
     case MQ_FORMAT_TIVO:
       return true;
     default:
-      return false;
+      return IsMagicNumberFormat(code);
   }
+}
+
+bool IsMagicNumberFormat(uint32_t code) {
+  return code >= MQ_FORMAT_MKV && code < kFormatCount;
 }
 
 std::string FileNameExtension(const std::string& name) {

@@ -27,24 +27,30 @@ uint32_t Detect(const Bytes& data, const std::string& name, TsLayout* layout = n
   return DetectFileType(layout, source, name);
 }
 
-TEST(FormatNames, SeventeenNamesInCodeOrder) {
+TEST(FormatNames, NamesInCodeOrderWithTheOldSeventeenFirst) {
   const char* expected[] = {
-      "MQ_FORMAT_NONE",  "MQ_FORMAT_MPEG1", "MQ_FORMAT_MPEG2", "MQ_FORMAT_VCD", "MQ_FORMAT_SVCD",
-      "MQ_FORMAT_MPEG4", "MQ_FORMAT_VOB",   "MQ_FORMAT_VRO",   "MQ_FORMAT_AVI", "MQ_FORMAT_DV",
-      "MQ_FORMAT_TS",    "MQ_FORMAT_DVRMS", "MQ_FORMAT_WMV",   "MQ_FORMAT_ASF", "MQ_FORMAT_MOV",
-      "MQ_FORMAT_MTS",   "MQ_FORMAT_TIVO"};
-  ASSERT_EQ(kFormatCount, 17u);
+      "MQ_FORMAT_NONE",    "MQ_FORMAT_MPEG1",     "MQ_FORMAT_MPEG2",     "MQ_FORMAT_VCD",
+      "MQ_FORMAT_SVCD",    "MQ_FORMAT_MPEG4",     "MQ_FORMAT_VOB",       "MQ_FORMAT_VRO",
+      "MQ_FORMAT_AVI",     "MQ_FORMAT_DV",        "MQ_FORMAT_TS",        "MQ_FORMAT_DVRMS",
+      "MQ_FORMAT_WMV",     "MQ_FORMAT_ASF",       "MQ_FORMAT_MOV",       "MQ_FORMAT_MTS",
+      "MQ_FORMAT_TIVO",    "MQ_FORMAT_MKV",       "MQ_FORMAT_WEBM",      "MQ_FORMAT_FLV",
+      "MQ_FORMAT_ISOBMFF", "MQ_FORMAT_3GP",       "MQ_FORMAT_OGG",       "MQ_FORMAT_H264",
+      "MQ_FORMAT_HEVC",    "MQ_FORMAT_MPEGVIDEO", "MQ_FORMAT_MPEG4VIDEO"};
+  ASSERT_EQ(kFormatCount, 27u);
   for (uint32_t code = 0; code < kFormatCount; ++code) {
     EXPECT_STREQ(GetFormatName(code), expected[code]) << code;
   }
   EXPECT_EQ(MQ_FORMAT_TIVO, 16u);
-  EXPECT_STREQ(GetFormatName(17), "MQ_FORMAT_NONE");
+  EXPECT_EQ(MQ_FORMAT_MKV, 17u);
+  EXPECT_STREQ(GetFormatName(27), "MQ_FORMAT_NONE");
 }
 
-TEST(FormatNames, OtherFormatsAreExactlyTheExtensionOnesAndMpeg4) {
-  for (uint32_t code = 0; code < 20; ++code) {
-    const bool other = code == 5 || (code >= 11 && code <= 16);
+TEST(FormatNames, OtherFormatsAreTheExtensionOnesMpeg4AndEveryNewCode) {
+  for (uint32_t code = 0; code < 40; ++code) {
+    const bool magic = code >= 17 && code <= 26;
+    const bool other = code == 5 || (code >= 11 && code <= 16) || magic;
     EXPECT_EQ(IsOtherFormat(code), other) << code;
+    EXPECT_EQ(IsMagicNumberFormat(code), magic) << code;
   }
 }
 
@@ -238,6 +244,102 @@ TEST(DetectFile, LargeTransportStreamReadsOnlyItsHead) {
   EXPECT_EQ(source.read_extent(), 512000u);
   EXPECT_EQ(source.bytes_read(), 512000u);
   CloseFileHandle(h);
+}
+
+// --- The magic-number probe: codes 17 and up --------------------------------------------
+
+// An EBML header holding the given elements (id bytes, then a one-byte size and the data),
+// followed by the start of a segment.
+Bytes Ebml(const Bytes& elements) {
+  Bytes b = {0x1A, 0x45, 0xDF, 0xA3, static_cast<uint8_t>(0x80 | elements.size())};
+  b.insert(b.end(), elements.begin(), elements.end());
+  for (uint8_t x : {0x18, 0x53, 0x80, 0x67, 0x01, 0x00, 0x00, 0x00}) b.push_back(x);
+  b.resize(600, 0);
+  return b;
+}
+
+Bytes DocType(const std::string& type) {
+  Bytes b = {0x42, 0x86, 0x81, 0x01, 0x42, 0x82, static_cast<uint8_t>(0x80 | type.size())};
+  b.insert(b.end(), type.begin(), type.end());
+  return b;
+}
+
+Bytes Head(std::initializer_list<uint8_t> first, const char* text = "") {
+  Bytes b(first);
+  b.insert(b.end(), text, text + std::strlen(text));
+  b.resize(600, 0x5A);
+  return b;
+}
+
+TEST(DetectMagic, EbmlDocTypeTellsMatroskaFromWebM) {
+  EXPECT_EQ(Detect(Ebml(DocType("matroska")), "/v/clip.mkv"), MQ_FORMAT_MKV);
+  EXPECT_EQ(Detect(Ebml(DocType("webm")), "/v/clip"), MQ_FORMAT_WEBM);
+  // Without a DocType the EBML default, Matroska, holds; a padded DocType still reads.
+  EXPECT_EQ(Detect(Ebml({0x42, 0x86, 0x81, 0x01}), "/v/clip.mka"), MQ_FORMAT_MKV);
+  EXPECT_EQ(Detect(Ebml(DocType(std::string("webm\0\0", 6))), "/v/clip"), MQ_FORMAT_WEBM);
+  EXPECT_EQ(Detect(Ebml(DocType("other")), "/v/clip.mkv"), MQ_FORMAT_NONE);
+  // An element whose size runs past the header is no header at all.
+  Bytes broken = Ebml(DocType("matroska"));
+  broken[11] = 0x90;
+  EXPECT_EQ(Detect(broken, "/v/clip.mkv"), MQ_FORMAT_NONE);
+  // A header larger than what the probe reads is not looked into.
+  Bytes huge = Ebml(DocType("webm"));
+  huge[4] = 0x41;
+  huge[5] = 0x00;
+  EXPECT_EQ(Detect(huge, "/v/clip.webm"), MQ_FORMAT_NONE);
+  // Older steps keep their answers: the name of an extension format comes first.
+  EXPECT_EQ(Detect(Ebml(DocType("matroska")), "/v/clip.wmv"), MQ_FORMAT_WMV);
+}
+
+TEST(DetectMagic, FlvNeedsVersionOneAndItsFlags) {
+  EXPECT_EQ(Detect(Head({'F', 'L', 'V', 1, 0x05, 0, 0, 0, 9}), "/v/a.flv"), MQ_FORMAT_FLV);
+  EXPECT_EQ(Detect(Head({'F', 'L', 'V', 1, 0x01, 0, 0, 0, 9}), "/v/a"), MQ_FORMAT_FLV);
+  EXPECT_EQ(Detect(Head({'F', 'L', 'V', 2, 0x05, 0, 0, 0, 9}), "/v/a.flv"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({'F', 'L', 'V', 1, 0x08, 0, 0, 0, 9}), "/v/a.flv"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({'F', 'L', 'V', 1, 0x05, 0, 0, 0, 8}), "/v/a.flv"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Bytes{'F', 'L', 'V', 1, 5}, "/v/a.flv"), MQ_FORMAT_NONE);
+}
+
+TEST(DetectMagic, FtypBoxMakesTheMpeg4FamilyAndItsBrandTheThirdGeneration) {
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x20}, "ftypisom"), "/v/a.m4v"), MQ_FORMAT_ISOBMFF);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x14}, "ftypqt  "), "/v/a.qt"), MQ_FORMAT_ISOBMFF);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x1C}, "ftyp3gp4"), "/v/a.3gp"), MQ_FORMAT_3GP);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x1C}, "ftyp3g2a"), "/v/a.3g2"), MQ_FORMAT_3GP);
+  // A QuickTime file without "ftyp" starts with one of its top-level atoms.
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x08}, "wide"), "/v/a.qt"), MQ_FORMAT_ISOBMFF);
+  EXPECT_EQ(Detect(Head({0, 0, 0x10, 0}, "moov"), "/v/a"), MQ_FORMAT_ISOBMFF);
+  // Box sizes too small for the box, and unknown leading boxes, are not taken.
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x0C}, "ftypisom"), "/v/a.m4v"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x04}, "moov"), "/v/a.qt"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x10}, "junk"), "/v/a.qt"), MQ_FORMAT_NONE);
+  // The names that had codes keep them.
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x20}, "ftypisom"), "/v/a.mp4"), MQ_FORMAT_MPEG4);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 0x14}, "ftypqt  "), "/v/a.MOV"), MQ_FORMAT_MOV);
+}
+
+TEST(DetectMagic, OggNeedsItsFirstPage) {
+  EXPECT_EQ(Detect(Head({'O', 'g', 'g', 'S', 0, 0x02}), "/v/a.ogv"), MQ_FORMAT_OGG);
+  EXPECT_EQ(Detect(Head({'O', 'g', 'g', 'S', 0, 0x00}), "/v/a.ogv"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({'O', 'g', 'g', 'S', 1, 0x02}), "/v/a.ogv"), MQ_FORMAT_NONE);
+}
+
+TEST(DetectMagic, RawVideoStreamsByTheirFirstUnit) {
+  EXPECT_EQ(Detect(Head({0, 0, 0, 1, 0x67, 0x64}), "/v/a.h264"), MQ_FORMAT_H264);
+  EXPECT_EQ(Detect(Head({0, 0, 1, 0x09, 0x10}), "/v/a.264"), MQ_FORMAT_H264);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 1, 0x06, 0x05}), "/v/a.264"), MQ_FORMAT_H264);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 1, 0x40, 0x01}), "/v/a.hevc"), MQ_FORMAT_HEVC);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 1, 0x46, 0x01}), "/v/a.265"), MQ_FORMAT_HEVC);
+  EXPECT_EQ(Detect(Head({0, 0, 1, 0xB3, 0x04, 0x00}), "/v/a.m2v"), MQ_FORMAT_MPEGVIDEO);
+  EXPECT_EQ(Detect(Head({0, 0, 1, 0xB0, 0x01}), "/v/a.m4v"), MQ_FORMAT_MPEG4VIDEO);
+  EXPECT_EQ(Detect(Head({0, 0, 1, 0x00, 0, 0, 1, 0x20}), "/v/a.m4v"), MQ_FORMAT_MPEG4VIDEO);
+  // A slice first, a layer other than 0, a temporal id of 0, or no start code at byte 0.
+  EXPECT_EQ(Detect(Head({0, 0, 0, 1, 0x41, 0x9A}), "/v/a.h264"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 1, 0x40, 0x09}), "/v/a.hevc"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({0, 0, 0, 1, 0x40, 0x00}), "/v/a.hevc"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({0, 0, 1, 0x00, 0, 0, 1, 0x40}), "/v/a.m4v"), MQ_FORMAT_NONE);
+  EXPECT_EQ(Detect(Head({0xFF, 0, 0, 1, 0xB3}), "/v/a.m2v"), MQ_FORMAT_NONE);
+  // A pack start code is still the program-stream probe's to answer.
+  EXPECT_EQ(Detect(Head({0, 0, 1, 0xBA, 0x00}), "/v/a.m2v"), MQ_FORMAT_NONE);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Names of the per-user caches.
 #include "persist/cache_keys.h"
 
+#include "media/file_type.h"
 #include "platform/env.h"
 #include "platform/key_name.h"
 #include "platform/text.h"
@@ -81,12 +82,30 @@ bool SplitCacheEntryKeyPath(const std::string& keyPath, CacheKind* kind, std::st
   return false;
 }
 
-std::string CacheSubKeyName(const std::string& mediaPath) {
-  // The volume is asked about the file's folder, which is still there when the file is
-  // not (a cache entry is also looked up for a file that was deleted or moved away).
+namespace {
+
+// Whether the volume of a media file ignores case. The volume is asked about the file's
+// folder, which is still there when the file is not (a cache entry is also looked up for
+// a file that was deleted or moved away).
+bool VolumeFoldsCase(const std::string& mediaPath) {
   std::string folder = mediaPath.substr(0, mediaPath.find_last_of('/') + 1);
   if (folder.empty()) folder = mediaPath;
-  return FileKeyName(mediaPath, !CurrentEnv()->IsCaseInsensitiveVolume(folder));
+  return CurrentEnv()->IsCaseInsensitiveVolume(folder);
+}
+
+}  // namespace
+
+std::string CacheSubKeyName(const std::string& mediaPath) {
+  return FittingFileKeyName(mediaPath, !VolumeFoldsCase(mediaPath));
+}
+
+std::vector<std::string> CacheLookupKeyNames(const std::string& mediaPath, bool* folds) {
+  const bool folding = VolumeFoldsCase(mediaPath);
+  if (folds != nullptr) *folds = folding;
+  std::vector<std::string> names{FittingFileKeyName(mediaPath, !folding)};
+  std::string other = FittingFileKeyName(mediaPath, folding);
+  if (!EqualsIgnoreCase(other, names[0])) names.push_back(std::move(other));
+  return names;
 }
 
 bool CacheKindForFormat(int32_t format, CacheKind* kind) {
@@ -120,7 +139,8 @@ bool CacheKindForFormat(int32_t format, CacheKind* kind) {
       k = CacheKind::kOther;
       break;
     default:
-      return false;
+      if (!IsMagicNumberFormat(static_cast<uint32_t>(format))) return false;
+      k = CacheKind::kOther;
   }
   if (kind != nullptr) *kind = k;
   return true;

@@ -1,6 +1,7 @@
 // Carrying a media file's cache entries over to a new name.
 #include <algorithm>
 
+#include "media/file_type.h"
 #include "persist/cache_sweep.h"
 #include "persist/cache_writer.h"
 #include "platform/access_reg.h"
@@ -35,7 +36,7 @@ bool WriteEntryValues(const CacheEntry& entry) {
 
 int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string& newPath) {
   CacheEntry entry;
-  if (!ReadCacheEntry(kind, CacheSubKeyName(oldPath), &entry) || !entry.Complete()) return 1;
+  if (!FindEntryByPath(kind, oldPath, &entry) || !entry.Complete()) return 1;
   const std::string old_key = entry.KeyPath();
   const std::string new_sub_key = CacheSubKeyName(newPath);
   const bool same_key = EqualsIgnoreCase(entry.sub_key, new_sub_key);
@@ -81,10 +82,13 @@ int32_t CacheRename(const std::string& oldPath, const std::string& newPath, int3
   CacheWriteLock lock;
   CacheKind only;
   bool one_kind = format != 0 && CacheKindForFormat(format, &only);
+  // A format recognised by its first bytes may still have tags in the temp cache from when
+  // it had no code; they go along.
+  const bool with_temp = IsMagicNumberFormat(static_cast<uint32_t>(format));
   int32_t result = 1;
   for (int32_t i = 0; i < kCacheKindCount; ++i) {
     CacheKind kind = static_cast<CacheKind>(i);
-    if (one_kind && kind != only) continue;
+    if (one_kind && kind != only && !(with_temp && kind == CacheKind::kTemp)) continue;
     if (RenameOne(kind, oldPath, newPath) != 1) result = -1;
   }
   return result;

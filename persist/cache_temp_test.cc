@@ -136,6 +136,22 @@ TEST(CacheRenameTest, CarriesTheEntryOverAndUpdatesItsPath) {
   EXPECT_EQ(CacheRename(test::TestPath("none.mpg"), test::TestPath("x.mpg"), 2), 1);
 }
 
+TEST(CacheRenameTest, ANewlyRecognisedFormatTakesItsTempEntryAlong) {
+  std::string a = test::TestPath("a.mkv");
+  std::string b = test::TestPath("b.mkv");
+  ASSERT_EQ(WriteTempCacheEntry(TempRecord(a, {7}), 1), 1);
+  std::string c = test::TestPath("c.mpg");
+  std::string d = test::TestPath("d.mpg");
+  ASSERT_EQ(WriteTempCacheEntry(TempRecord(c, {8}), 1), 1);
+  EXPECT_EQ(CacheRename(a, b, 17), 1);
+  EXPECT_EQ(CacheRename(c, d, 5), 1);
+  CacheEntry t;
+  EXPECT_FALSE(FindTempCacheEntry(a, &t));
+  ASSERT_TRUE(FindTempCacheEntry(b, &t));
+  EXPECT_EQ(ReadAll(t.temp.cache_path), Bytes{7});
+  EXPECT_TRUE(FindTempCacheEntry(c, &t)) << "MPEG-4 (5) names the other cache only";
+}
+
 TEST(CacheRenameTest, ReplacesAnEntryUnderTheNewName) {
   std::string a = test::TestPath("a.mpg");
   std::string b = test::TestPath("b.mpg");

@@ -5,6 +5,17 @@
 #include "platform/text.h"
 
 namespace marquel {
+namespace {
+
+// Removes the cache file of an entry that a new record replaced.
+void RemoveReplacedFile(const CacheEntry& old, bool existed, const std::string& newFile) {
+  if (existed && old.has_temp_record && !old.temp.cache_path.empty() &&
+      old.temp.cache_path != newFile && IsInCacheFolder(old.temp.cache_path)) {
+    RemoveFile(old.temp.cache_path);
+  }
+}
+
+}  // namespace
 
 int32_t WriteTempCacheEntry(const TempCacheRecord& record, uint32_t contentInfo) {
   std::vector<uint8_t> bytes;
@@ -15,15 +26,20 @@ int32_t WriteTempCacheEntry(const TempCacheRecord& record, uint32_t contentInfo)
   uint32_t next = ReadNextId(CacheKind::kTemp);
 
   std::string sub_key = CacheSubKeyName(record.media_path);
-  CacheEntry previous;
+  CacheEntry previous;  // whatever the sub-key of this name holds now
   bool had_previous = ReadCacheEntry(CacheKind::kTemp, sub_key, &previous);
+  // The file's entry under its other key name (written while its volume answered
+  // otherwise about case) is replaced by this one, and its sub-key goes.
+  CacheEntry elsewhere;
+  const bool moved = FindTempCacheEntry(record.media_path, &elsewhere) &&
+                     !EqualsIgnoreCase(elsewhere.sub_key, sub_key);
+  const CacheEntry& own = moved ? elsewhere : previous;
   // The same file as before (path, original size and time) keeps its id.
-  bool same = had_previous && previous.has_temp_record && previous.has_id &&
-              previous.id < kCacheIdCount &&
-              EqualsIgnoreCase(previous.temp.media_path, record.media_path) &&
-              previous.temp.original_size == record.original_size &&
-              previous.temp.original_mtime == record.original_mtime;
-  uint32_t id = same ? previous.id : next;
+  bool same = (moved || had_previous) && own.has_temp_record && own.has_id &&
+              own.id < kCacheIdCount && EqualsIgnoreCase(own.temp.media_path, record.media_path) &&
+              own.temp.original_size == record.original_size &&
+              own.temp.original_mtime == record.original_mtime;
+  uint32_t id = same ? own.id : next;
 
   std::string key_path = CacheEntryKeyPath(CacheKind::kTemp, sub_key);
   if (!reg.CreateKey(HKEY_CURRENT_USER, key_path.c_str()) ||
@@ -46,9 +62,10 @@ int32_t WriteTempCacheEntry(const TempCacheRecord& record, uint32_t contentInfo)
     AccessReg base_key;
     if (base_key.Open(HKEY_CURRENT_USER, base)) base_key.SetDword(kNextIdValue, id + 1);
   }
-  if (had_previous && previous.has_temp_record && !previous.temp.cache_path.empty() &&
-      previous.temp.cache_path != record.cache_path && IsInCacheFolder(previous.temp.cache_path)) {
-    RemoveFile(previous.temp.cache_path);
+  RemoveReplacedFile(previous, had_previous, record.cache_path);
+  AccessReg drop;
+  if (moved && drop.DeleteKey(HKEY_CURRENT_USER, elsewhere.KeyPath().c_str())) {
+    RemoveReplacedFile(elsewhere, true, record.cache_path);
   }
   return 1;
 }

@@ -6,6 +6,7 @@
 #include "cache_files.h"
 #include "persist/cache_sweep.h"
 #include "platform/access_reg.h"
+#include "platform/text.h"
 
 namespace marquel {
 namespace {
@@ -68,6 +69,15 @@ bool WriteValues(const CacheEntry& entry, const std::vector<uint8_t>& fileRecord
          reg.SetDword(kTSProgramsValue, static_cast<uint32_t>(entry.programs.size()));
 }
 
+// Removes the sub-key an entry moved away from. Should it stay (a store failure), so do
+// the files it names.
+void DropOldSubKey(const CacheEntry& old, std::vector<std::string>* keep) {
+  AccessReg reg;
+  if (!reg.DeleteKey(HKEY_CURRENT_USER, old.KeyPath().c_str())) {
+    for (const std::string& f : old.CacheFiles()) keep->push_back(f);
+  }
+}
+
 bool StoreNextId(CacheKind kind, uint32_t next) {
   AccessReg reg;
   return reg.CreateKey(HKEY_CURRENT_USER, CacheBaseKey(kind)) &&
@@ -94,8 +104,17 @@ int32_t WriteCacheEntry(const CacheWriteRequest& request, const CacheBlockWriter
   CacheEntry previous;  // whatever the sub-key of this name holds now
   bool had_previous = ReadCacheEntry(request.kind, sub_key, &previous);
   std::vector<std::string> old_files = previous.RemovableFiles();
-  if (reused) {
-    for (const std::string& f : found.RemovableFiles())
+  // The file's own entry under its other key name (written while its volume answered
+  // otherwise about case) gives way to the one written now.
+  CacheEntry elsewhere;
+  bool moved = FindEntryByPath(request.kind, request.media_path, &elsewhere) &&
+               !EqualsIgnoreCase(elsewhere.sub_key, sub_key);
+  if (reused && !EqualsIgnoreCase(found.sub_key, sub_key)) {
+    moved = true;
+    elsewhere = found;
+  }
+  if (moved) {
+    for (const std::string& f : elsewhere.RemovableFiles())
       if (!Contains(old_files, f)) old_files.push_back(f);
   }
 
@@ -134,14 +153,8 @@ int32_t WriteCacheEntry(const CacheWriteRequest& request, const CacheBlockWriter
   }
   if (!reused) StoreNextId(request.kind, entry.id + 1);
   std::vector<std::string> keep = new_files;
-  if (reused && found.sub_key != entry.sub_key) {
-    // The file was renamed: its entry moves to the new name. Should the old sub-key stay
-    // (a store failure), so do the files it names.
-    AccessReg reg;
-    if (!reg.DeleteKey(HKEY_CURRENT_USER, found.KeyPath().c_str())) {
-      for (const std::string& f : found.CacheFiles()) keep.push_back(f);
-    }
-  }
+  // The file was renamed, or its key name changed: its entry moves to the new name.
+  if (moved) DropOldSubKey(elsewhere, &keep);
   RemoveFiles(old_files, keep);
   if (written != nullptr) *written = std::move(entry);
   return 1;

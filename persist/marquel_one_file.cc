@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "log/log.h"
+#include "media/file_type.h"
 #include "persist/result_codes.h"
 #include "platform/files.h"
 
@@ -64,7 +65,7 @@ int MarquelOneFile::Open(int32_t nType, int32_t bLoad, int32_t bQueryOnly) {
   if (!FileExists(file_name_)) {
     // A file that does not exist yet (a recording about to start) can hold tags when the
     // client says what type it will be.
-    if (nType == 0) return -1;
+    if (nType <= 0 || static_cast<uint32_t>(nType) >= kFormatCount) return -1;
     file_type_ = nType;
     mq_start_address_ = -1;
     identity_[0] = identity_[1] = 0;

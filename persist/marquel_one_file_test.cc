@@ -30,6 +30,15 @@ TEST(MarquelOneFileTest, MissingFileWithoutATypeFails) {
   EXPECT_EQ(f.ProgramCount(), 1) << "program 0 is made first";
 }
 
+TEST(MarquelOneFileTest, MissingFileWithANumberThatIsNoFormatFails) {
+  MarquelOneFile f;
+  f.SetFileName(test::TestPath("missing.bin"));
+  EXPECT_EQ(f.Open(-2, 1, 0), -1);
+  EXPECT_EQ(f.Open(27, 1, 0), -1) << "no cache would keep its tags";
+  EXPECT_EQ(f.Open(26, 1, 0), 1);
+  EXPECT_EQ(f.FileType(), 26);
+}
+
 TEST(MarquelOneFileTest, MissingFileWithATypeTakesIt) {
   MarquelOneFile f;
   f.SetFileName(test::TestPath("recording.ts"));

@@ -12,9 +12,12 @@ namespace marquel {
 int32_t MarquelOneFile::ForceDeleteCacheData(const std::string& path) {
   MQ_LOG("ForceDeleteCacheData(%s)", path.c_str());
   file_name_ = path;
-  const std::string path_key = CacheSubKeyName(path);
-  DeleteCacheEntry(CacheKind::kTemp, path_key);
-  DeleteCacheEntry(CacheKind::kTS, path_key);
+  for (CacheKind kind : {CacheKind::kTemp, CacheKind::kTS}) {
+    // The file's entry wherever its key name puts it; else whatever its key name holds.
+    CacheEntry entry;
+    DeleteCacheEntry(kind,
+                     FindEntryByPath(kind, path, &entry) ? entry.sub_key : CacheSubKeyName(path));
+  }
   if (cache_entry_key_.empty()) return 1;
   AccessReg reg;
   if (!reg.Open(HKEY_CURRENT_USER, cache_entry_key_.c_str())) return 1;

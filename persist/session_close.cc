@@ -63,6 +63,10 @@ int32_t SessionSteps::ForceToCache(MarquelOneFile& f, int32_t bWriteToCache) {
 // The force-to-cache flag matters to the VR cache only: program-stream and transport
 // -stream data go to the cache whatever it says, and the same limits are applied again
 // when the cache is moved into the media file.
+//
+// MPEG-2, SVCD and TS closes answer 2 ("cached, the move is pending") only when the
+// cache write succeeded. A failed write answers -1 and nothing is put on the pending
+// list: 2 would tell the client its tags were kept when they were not.
 int32_t MarquelOneFile::CloseFile(int32_t bWriteToCache) {
   MQ_LOG("[%d] MarquelOneFile::CloseFile(%s, %d)", handle_, file_name_.c_str(), bWriteToCache);
   if (!HasTags() || read_only_ != 0) return MQ_SUCCESS;
@@ -84,7 +88,7 @@ int32_t MarquelOneFile::CloseFile(int32_t bWriteToCache) {
     case 2:
     case 4:
       result = WriteToFile(1);
-      if (bWriteToCache == 0) result = MQ_AUTOPROCESSFAIL;
+      if (bWriteToCache == 0 && result == MQ_SUCCESS) result = MQ_AUTOPROCESSFAIL;
       MQ_LOG("[%d] write to mpeg2 or svcd file %d", handle_, result);
       return result;
     case 6:
@@ -99,6 +103,16 @@ int32_t MarquelOneFile::CloseFile(int32_t bWriteToCache) {
     case 14:
     case 15:
     case 16:
+    case 17:  // 17 to 26: the formats recognised by their first bytes
+    case 18:
+    case 19:
+    case 20:
+    case 21:
+    case 22:
+    case 23:
+    case 24:
+    case 25:
+    case 26:
       result = SessionSteps::WriteProgramCache(*this, CacheKind::kOther);
       // This line has always carried the writer's result where the session number
       // stands elsewhere.
@@ -113,11 +127,13 @@ int32_t MarquelOneFile::CloseFile(int32_t bWriteToCache) {
       return result;
     case 10:
       result = SessionSteps::WriteProgramCache(*this, CacheKind::kTS);
-      if (bWriteToCache == 0) result = MQ_AUTOPROCESSFAIL;
+      if (bWriteToCache == 0 && result == MQ_SUCCESS) result = MQ_AUTOPROCESSFAIL;
       MQ_LOG("[%d] write ts %d", handle_, result);
       return result;
     default:
-      return MQ_SUCCESS;
+      // No cache takes a code that is not a format: saying success would lose the tags.
+      MQ_LOG("[%d] no cache for type %d", handle_, file_type_);
+      return MQ_ERR;
   }
 }
 

@@ -72,10 +72,7 @@ TEST(SessionClose, WithoutTagsNoFormatWritesAnything) {
     EXPECT_EQ(f->CloseFile(0), MQ_SUCCESS) << as;
     EXPECT_FALSE(log.Has("close with type")) << as;
   }
-  for (int32_t k = 0; k < kCacheKindCount; ++k) {
-    EXPECT_TRUE(ListCacheEntries(static_cast<CacheKind>(k)).empty()) << k;
-  }
-  EXPECT_TRUE(FolderFiles(CacheFolder()).empty());
+  sessiontest::ExpectNothingCached();
   EXPECT_FALSE(FileExists(test::TestPath("disc/MQINFO/VTS_01_1.VOB.mq")));
 }
 

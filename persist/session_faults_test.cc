@@ -1,9 +1,12 @@
-// Closes that cannot write: the cache folder cannot be used, or the disk is full. The
-// close answers as the policy says, the store never names a missing file, and no sample
+// Closes that cannot write: the cache folder cannot be used, the disk is full, or the
+// media file is gone. The close answers -1 (never 2, which would promise a pending move
+// of data that was not kept), the store never names a missing file, and no sample
 // already cached is lost.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+
+#include <filesystem>
 
 #include "persist/cache_entry.h"
 #include "persist/result_codes.h"
@@ -50,9 +53,9 @@ TEST(CloseFaults, CacheFolderThatCannotBeUsed) {
   };
   const Case cases[] = {
       {"mpeg1.mpg", "a.mpg", 0, MQ_ERR},
-      {"mpeg2ps.mpg", "b.mpg", 0, MQ_AUTOPROCESSFAIL},  // the policy's answer
+      {"mpeg2ps.mpg", "b.mpg", 0, MQ_ERR},  // not 2: nothing was cached to move
       {"mpeg2ps.mpg", "c.mpg", 1, MQ_ERR},
-      {"ts188.ts", "d.ts", 0, MQ_AUTOPROCESSFAIL},
+      {"ts188.ts", "d.ts", 0, MQ_ERR},
       {"ts188.ts", "e.ts", 1, MQ_ERR},
       {"avi.avi", "f.avi", 0, MQ_ERR},
       {"mp4.mp4", "g.mp4", 0, MQ_ERR},
@@ -109,8 +112,8 @@ TEST(CloseFaults, FullDiskKeepsEverySampleAlreadyCached) {
   };
   const Case cases[] = {
       {"mpeg1.mpg", "a.mpg", CacheKind::kTemp, MQ_ERR},
-      {"mpeg2ps.mpg", "b.mpg", CacheKind::kTemp, MQ_AUTOPROCESSFAIL},
-      {"ts188.ts", "c.ts", CacheKind::kTS, MQ_AUTOPROCESSFAIL},
+      {"mpeg2ps.mpg", "b.mpg", CacheKind::kTemp, MQ_ERR},
+      {"ts188.ts", "c.ts", CacheKind::kTS, MQ_ERR},
       {"avi.avi", "d.avi", CacheKind::kAVI, MQ_ERR},
   };
   for (const Case& c : cases) {
@@ -133,6 +136,40 @@ TEST(CloseFaults, FullDiskKeepsEverySampleAlreadyCached) {
     auto g = OpenSession(path);
     EXPECT_EQ(PlainSamples(*g, 0), Expected(1, 20)) << c.as << ": the cached samples are whole";
   }
+}
+
+TEST(CloseFaults, MediaFileRemovedBeforeTheCloseFailsAndWritesNoEntry) {
+  std::filesystem::create_directories(test::TestPath("disc/VIDEO_TS"));
+  const char* const cases[][2] = {
+      {"mpeg1.mpg", "a.mpg"},
+      {"mpeg2ps.mpg", "b.mpg"},
+      {"svcd.mpg", "c.mpg"},
+      {"ts188.ts", "d.ts"},
+      {"avi.avi", "e.avi"},
+      {"mp4.mp4", "f.mp4"},
+      {"dvd.vob", "disc/VIDEO_TS/VTS_01_1.VOB"},
+  };
+  for (const auto& c : cases) {
+    std::string path = CopyMedia(c[0], c[1]);
+    auto f = OpenSession(path);
+    InsertSamples(*f, 0, 1, 5);
+    ASSERT_TRUE(RemoveFile(path));
+    EXPECT_EQ(f->CloseFile(0), MQ_ERR) << c[1];
+  }
+  sessiontest::ExpectNothingCached();
+}
+
+TEST(CloseFaults, PathTooLongForACacheRecordIsRefusedWithItsReason) {
+  const std::string name(300 - test::TestDir().size(), 'x');
+  for (auto [media, extension] : {std::pair{"mpeg2ps.mpg", ".mpg"}, std::pair{"ts188.ts", ".ts"},
+                                  std::pair{"avi.avi", ".avi"}}) {
+    auto f = OpenSession(CopyMedia(media, name + extension));
+    InsertSamples(*f, 0, 1, 5);
+    LogCapture log;
+    EXPECT_EQ(f->CloseFile(0), MQ_ERR) << extension;
+    EXPECT_TRUE(log.Has("a cache record holds at most 259 UTF-16 units of path")) << extension;
+  }
+  sessiontest::ExpectNothingCached();
 }
 
 }  // namespace

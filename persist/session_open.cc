@@ -79,11 +79,8 @@ int SessionSteps::OpenExisting(MarquelOneFile& f, int32_t /*nType*/, int32_t bLo
 
   const uint32_t type = static_cast<uint32_t>(f.file_type_);
   if (type == MQ_FORMAT_NONE) {
-    TakeFileAttributes(f);
-    f.data_source_ = kSourceNone;
-    return 1;
-  }
-  if (type == MQ_FORMAT_VOB || type == MQ_FORMAT_VRO) {
+    OpenUnknownFormat(f, media.get(), bLoad);
+  } else if (type == MQ_FORMAT_VOB || type == MQ_FORMAT_VRO) {
     OpenFromCache(f, media.get(), CacheKind::kVR, bLoad);
   } else if (type == MQ_FORMAT_AVI || type == MQ_FORMAT_DV) {
     OpenFromCache(f, media.get(), CacheKind::kAVI, bLoad);
@@ -102,12 +99,57 @@ int SessionSteps::OpenExisting(MarquelOneFile& f, int32_t /*nType*/, int32_t bLo
 void SessionSteps::OpenFromCache(MarquelOneFile& f, FileHandle file, CacheKind kind,
                                  int32_t bLoad) {
   TakeFileAttributes(f);
+  if (LoadFromCacheKind(f, file, kind, bLoad)) return;
+  // A format recognised by its first bytes was format 0 before, and its tags went to the
+  // temp cache then. They are read from there until the close moves them over.
+  if (IsMagicNumberFormat(static_cast<uint32_t>(f.file_type_))) {
+    CacheEntry entry;
+    OpenFromTempCache(f, bLoad, &entry);
+  }
+}
+
+bool SessionSteps::LoadFromCacheKind(MarquelOneFile& f, FileHandle file, CacheKind kind,
+                                     int32_t bLoad) {
   CacheEntry entry;
-  if (!FindCacheEntry(kind, f.file_name_, f.identity_, ReadContentSample(file), &entry)) return;
+  if (!FindCacheEntry(kind, f.file_name_, f.identity_, ReadContentSample(file), &entry)) {
+    return false;
+  }
   f.cache_file_path_ = entry.file.cache_path;
   f.cache_entry_key_ = entry.KeyPath();
   f.data_source_ = kSourceRegistry;
   if (bLoad) f.m_bMQExisted = LoadCacheFile(f, *f.Program(0), entry.file.cache_path);
+  return true;
+}
+
+bool SessionSteps::OpenFromTempCache(MarquelOneFile& f, int32_t bLoad, CacheEntry* entry) {
+  const bool found = FindTempCacheEntry(f.file_name_, entry);
+  MQ_LOG("[%d] check temp cache %d", f.handle_, found ? 1 : 0);
+  if (!found) return false;
+  f.cache_file_path_ = entry->temp.cache_path;
+  f.cache_entry_key_ = entry->KeyPath();
+  f.data_source_ = kSourceRegistry;
+  if (bLoad) f.m_bMQExisted = LoadCacheFile(f, *f.Program(0), entry->temp.cache_path);
+  return true;
+}
+
+// A file of no known format keeps its tags in the temp cache, as a program stream does,
+// and finds them there by its name; the identity words are the entry's, as for a program
+// stream, so they stay the same when the file turns out to be a recording that grows.
+void SessionSteps::OpenUnknownFormat(MarquelOneFile& f, FileHandle file, int32_t bLoad) {
+  TakeFileAttributes(f);
+  f.data_source_ = kSourceNone;
+  CacheEntry entry;
+  if (OpenFromTempCache(f, bLoad, &entry)) {
+    f.identity_[0] = entry.temp.original_size;
+    f.identity_[1] = static_cast<uint64_t>(entry.temp.original_mtime);
+    return;
+  }
+  // A client may name the type of a file that does not exist yet, and its close then
+  // writes that type's cache even when the file never looks like it. Such an entry is
+  // found as long as the file is unchanged since.
+  for (CacheKind kind : {CacheKind::kOther, CacheKind::kAVI, CacheKind::kVR}) {
+    if (LoadFromCacheKind(f, file, kind, bLoad)) return;
+  }
 }
 
 void SessionSteps::OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t bLoad) {

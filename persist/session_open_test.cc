@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 #include <utime.h>
 
+#include <algorithm>
+#include <cstdio>
+
 #include "block_media_test_util.h"
 #include "persist/cache_entry.h"
 #include "persist/result_codes.h"
@@ -62,7 +65,7 @@ TEST(SessionOpen, InFileCheckAnswersNone_PendingInFileData) {
   EXPECT_TRUE(found.programs.empty());
 }
 
-TEST(SessionOpen, UnknownFormatTakesItsAttributesAndLooksForNothing) {
+TEST(SessionOpen, UnknownFormatWithoutAnEntryTakesItsAttributes) {
   std::string path = cachetest::MakeFile("notes.txt", 5000, 1);
   LogCapture log;
   int r = 0;
@@ -73,7 +76,99 @@ TEST(SessionOpen, UnknownFormatTakesItsAttributesAndLooksForNothing) {
   EXPECT_EQ(f->MQStartAddress(), -1);
   EXPECT_EQ(f->DataSource(), 0);
   EXPECT_TRUE(log.Has("[3] open with type MQ_FORMAT_NONE"));
-  EXPECT_FALSE(log.Has("check MQ data"));
+  EXPECT_TRUE(log.Has("[3] check temp cache 0"));
+  EXPECT_FALSE(log.Has("check MQ data")) << "such a file holds no data of its own";
+}
+
+TEST(SessionOpen, UnknownFormatReadsItsTagsBackFromTheTempCache) {
+  std::string path = cachetest::MakeFile("clip.bin", 5000, 1);
+  CacheSamples(path, 4, 7);
+  ASSERT_EQ(ListCacheEntries(CacheKind::kTemp).size(), 1u);
+  LogCapture log;
+  auto f = OpenSession(path);
+  EXPECT_EQ(f->FileType(), 0);
+  EXPECT_EQ(f->m_bMQExisted, 1);
+  EXPECT_EQ(f->DataSource(), 2);
+  EXPECT_EQ(PlainSamples(*f, 0), Expected(4, 7));
+  EXPECT_TRUE(log.Has("[3] check temp cache 1"));
+  // Tags added now are kept with the old ones, in the same entry.
+  InsertSamples(*f, 0, 100, 2);
+  ASSERT_EQ(f->CloseFile(0), MQ_SUCCESS);
+  EXPECT_EQ(ListCacheEntries(CacheKind::kTemp).size(), 1u);
+  EXPECT_EQ(PlainSamples(*OpenSession(path), 0).size(), 9u);
+}
+
+// The client named the type of a file not made yet; the file never looked like it.
+TEST(SessionOpen, UnknownFormatFindsTheCacheOfTheTypeItsClientNamed) {
+  std::string path = test::TestPath("rec.mkv");
+  {
+    auto f = OpenSession(path, 17);
+    InsertSamples(*f, 0, 3, 4);
+    cachetest::WriteAll(path, Bytes(3000, 0));
+    ASSERT_EQ(f->CloseFile(0), MQ_SUCCESS);
+  }
+  ASSERT_EQ(ListCacheEntries(CacheKind::kOther).size(), 1u);
+  auto g = OpenSession(path);
+  EXPECT_EQ(g->FileType(), 0);
+  EXPECT_EQ(g->m_bMQExisted, 1);
+  EXPECT_EQ(PlainSamples(*g, 0), Expected(3, 4));
+}
+
+// An older version had no code for Matroska and kept such a file's tags in the temp
+// cache; they come back, and the next close moves them into the other cache.
+TEST(SessionOpen, NewlyRecognisedFormatFindsItsTempEntryAndMovesIt) {
+  std::string path = cachetest::MakeFile("clip.mkv", 5000, 0);
+  CacheSamples(path, 6, 5);  // format 0 now: the temp cache, as before
+  const std::string old_file = OnlyEntryCacheFile(CacheKind::kTemp);
+  const Bytes matroska = {0x1A, 0x45, 0xDF, 0xA3, 0x84, 0x42, 0x82, 0x81, 'x'};
+  Bytes content = ReadAll(path);
+  std::copy(matroska.begin(), matroska.end(), content.begin());
+  content[8] = 0;  // an empty DocType (not "matroska") ...
+  cachetest::WriteAll(path, content);
+  EXPECT_EQ(OpenSession(path)->FileType(), 0) << "... is not Matroska";
+  content[4] = 0x83;  // no DocType at all: Matroska by default
+  content[5] = 0x42;
+  content[6] = 0x86;
+  content[7] = 0x80;
+  content.resize(6000, 0);
+  cachetest::WriteAll(path, content);
+
+  auto f = OpenSession(path);
+  ASSERT_EQ(f->FileType(), 17);
+  EXPECT_EQ(f->m_bMQExisted, 1);
+  EXPECT_EQ(PlainSamples(*f, 0), Expected(6, 5));
+  EXPECT_EQ(f->OriginalSize(), 6000u) << "the file's own identity, as other formats have";
+  InsertSamples(*f, 0, 50, 1);
+  ASSERT_EQ(f->CloseFile(0), MQ_SUCCESS);
+  EXPECT_TRUE(ListCacheEntries(CacheKind::kTemp).empty()) << "the old entry is gone";
+  EXPECT_FALSE(FileExists(old_file));
+  ASSERT_EQ(ListCacheEntries(CacheKind::kOther).size(), 1u);
+  auto g = OpenSession(path);
+  EXPECT_EQ(g->m_bMQExisted, 1);
+  EXPECT_EQ(PlainSamples(*g, 0).size(), 6u);
+}
+
+TEST(SessionOpen, TempEntryStaysWhenTheOtherCacheCannotBeWritten) {
+  std::string path = cachetest::MakeFile("clip.flv", 5000, 0);
+  CacheSamples(path, 6, 5);
+  const Bytes flv = {'F', 'L', 'V', 1, 5, 0, 0, 0, 9};
+  Bytes content = ReadAll(path);
+  std::copy(flv.begin(), flv.end(), content.begin());
+  cachetest::WriteAll(path, content);
+  auto f = OpenSession(path);
+  ASSERT_EQ(f->FileType(), 19);
+  ASSERT_EQ(f->m_bMQExisted, 1);
+  // The cache folder cannot take a new file: a plain file stands in its place.
+  const std::string folder = CurrentEnv()->AppDataFolder() + "/Halvern/MQInfo";
+  ASSERT_EQ(rename(folder.c_str(), (folder + ".away").c_str()), 0);
+  cachetest::WriteAll(folder, Bytes{0});
+  const int32_t r = f->CloseFile(0);
+  ASSERT_TRUE(RemoveFile(folder));
+  ASSERT_EQ(rename((folder + ".away").c_str(), folder.c_str()), 0);
+  EXPECT_EQ(r, MQ_ERR);
+  EXPECT_TRUE(ListCacheEntries(CacheKind::kOther).empty());
+  ASSERT_EQ(ListCacheEntries(CacheKind::kTemp).size(), 1u) << "the tags are still there";
+  EXPECT_EQ(PlainSamples(*OpenSession(path), 0), Expected(6, 5));
 }
 
 TEST(SessionOpen, UnrecognisedFileIsCachedAndComesBackOnceRecognised) {
@@ -89,7 +184,7 @@ TEST(SessionOpen, UnrecognisedFileIsCachedAndComesBackOnceRecognised) {
     EXPECT_TRUE(log.Has("[3] always write to cache 1"));
   }
   ASSERT_EQ(ListCacheEntries(CacheKind::kTemp).size(), 1u);
-  EXPECT_EQ(OpenSession(path)->m_bMQExisted, 0) << "a file of no format looks for no data";
+  EXPECT_EQ(OpenSession(path)->m_bMQExisted, 1) << "a file of no format finds its entry too";
   // The recording has become an MPEG-1 stream; its original size and time are kept.
   Bytes content = ReadAll(cachetest::MediaSource("mpeg1.mpg"));
   cachetest::WriteAll(path, content);

@@ -35,17 +35,28 @@ class SessionSteps {
   static int32_t WriteProgramCache(MarquelOneFile& f, CacheKind kind);
   // The sum of the block-size queries of every program.
   static int64_t BlockSize(MarquelOneFile& f);
+  // Deletes the temp-cache entry `previousKey` names, when it names one, with its files.
+  static void DropTakenOverTempEntry(const std::string& previousKey);
+  // Whether the media file's path fits a cache record; logs the refusal when not.
+  static bool PathFitsRecords(MarquelOneFile& f);
 
  private:
   static void TakeFileAttributes(MarquelOneFile& f);
   static void OpenFromCache(MarquelOneFile& f, FileHandle file, CacheKind kind, int32_t bLoad);
+  // The temp-cache entry named after the file, as the session's data source (loaded with
+  // bLoad) and its entry key. False when there is none.
+  static bool OpenFromTempCache(MarquelOneFile& f, int32_t bLoad, CacheEntry* entry);
+  // The entry of `kind` that belongs to the file (its own identity words), as the data
+  // source, loaded with bLoad. False when there is none.
+  static bool LoadFromCacheKind(MarquelOneFile& f, FileHandle file, CacheKind kind, int32_t bLoad);
+  static void OpenUnknownFormat(MarquelOneFile& f, FileHandle file, int32_t bLoad);
   static void OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t bLoad);
   static void OpenTransportStream(MarquelOneFile& f, FileHandle file, int32_t bLoad);
   static void LoadTsFromFile(MarquelOneFile& f, FileHandle file, const MQDataInFile& in_file);
   static void LoadTsFromRegistry(MarquelOneFile& f, const CacheEntry& entry);
   static int Finish(MarquelOneFile& f, int32_t bLoad, int32_t bQueryOnly);
-  // The media file's size and time now (the session's identity words when it is gone).
-  static void CurrentIdentity(MarquelOneFile& f, uint64_t identity[2]);
+  // The media file's size and time now; false when the file is gone.
+  static bool CurrentIdentity(MarquelOneFile& f, uint64_t identity[2]);
 };
 
 }  // namespace marquel

@@ -75,4 +75,12 @@ inline bool HasRawSample(MarquelOneFile& f, int32_t program, int32_t seed) {
   return ok;
 }
 
+// No cache kind holds an entry, and the cache folder holds no file.
+inline void ExpectNothingCached() {
+  for (int32_t k = 0; k < kCacheKindCount; ++k) {
+    EXPECT_TRUE(ListCacheEntries(static_cast<CacheKind>(k)).empty()) << k;
+  }
+  EXPECT_TRUE(cachetest::FolderFiles(cachetest::CacheFolder()).empty());
+}
+
 }  // namespace marquel::sessiontest

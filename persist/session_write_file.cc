@@ -4,6 +4,7 @@
 #include "persist/cache_sweep.h"
 #include "persist/cache_writer.h"
 #include "persist/marquel_one_file.h"
+#include "session_steps.h"
 #include "tags/block_program.h"
 #include "tags/block_tempfile.h"
 
@@ -65,6 +66,7 @@ int32_t MarquelOneFile::WriteToFile(int32_t bCache) {
 
   int32_t result = 0;
   if (bCache != 0) {
+    if (!SessionSteps::PathFitsRecords(*this)) return -1;
     if (program->m_ptpHeader == nullptr) {
       program->FlushAllMemoryBlocks();
       WriteProgramBlock(*program);

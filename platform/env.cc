@@ -111,8 +111,9 @@ std::string Env::FileSystemName(const std::string& path) {
 
 bool Env::IsCaseInsensitiveVolume(const std::string& path) {
   const std::string name = FileSystemName(path);
-  static const char* const kInsensitive[] = {"FAT16", "FAT32", "vfat",  "msdos",
-                                             "exfat", "ntfs",  "ntfs3", "fuseblk"};
+  // Only the FAT family folds case. NTFS tells case apart on Linux (ntfs3 and ntfs-3g,
+  // which mounts as fuseblk, by default), and fuseblk may be any FUSE block file system.
+  static const char* const kInsensitive[] = {"FAT16", "FAT32", "vfat", "msdos", "exfat"};
   for (const char* n : kInsensitive) {
     if (name == n) return true;
   }

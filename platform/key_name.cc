@@ -1,4 +1,9 @@
+// Key names of files: readable ones, and hashed ones for paths too long for those.
 #include "platform/key_name.h"
+
+#include "platform/reg_types.h"
+#include "platform/text.h"
+#include "sha256.h"
 
 namespace marquel {
 
@@ -6,7 +11,9 @@ std::string FileKeyName(std::string_view path, bool case_sensitive) {
   std::string out;
   out.reserve(path.size() + 8);
   for (char c : path) {
-    if (c == '%') {
+    if (c == '#' && out.empty()) {
+      out += "%23";
+    } else if (c == '%') {
       out += "%25";
     } else if (c == '\\') {
       out += "%5C";
@@ -23,7 +30,35 @@ std::string FileKeyName(std::string_view path, bool case_sensitive) {
   return out;
 }
 
+std::string HashedFileKeyName(std::string_view path, bool case_sensitive) {
+  std::string folded(path);
+  if (!case_sensitive) {
+    // The store folds A-Z only, and so does a hashed name.
+    for (char& c : folded) {
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+  }
+  static const char kHex[] = "0123456789abcdef";
+  std::string out = "#";
+  for (uint8_t byte : Sha256(folded)) {
+    out.push_back(kHex[byte >> 4]);
+    out.push_back(kHex[byte & 15]);
+  }
+  return out;
+}
+
+std::string FittingFileKeyName(std::string_view path, bool case_sensitive) {
+  std::string readable = FileKeyName(path, case_sensitive);
+  if (Utf16Length(readable) <= kMaxKeyNameChars) return readable;
+  return HashedFileKeyName(path, case_sensitive);
+}
+
+bool IsHashedKeyName(std::string_view keyName) {
+  return !keyName.empty() && keyName[0] == '#';
+}
+
 std::string PathFromKeyName(std::string_view keyName) {
+  if (IsHashedKeyName(keyName)) return std::string();
   std::string out;
   out.reserve(keyName.size());
   for (size_t i = 0; i < keyName.size(); ++i) {
@@ -41,6 +76,7 @@ std::string PathFromKeyName(std::string_view keyName) {
       const char hi = keyName[i + 1];
       const char lo = keyName[i + 2];
       const char decoded = hi != '2' && hi != '5'                  ? 0
+                           : hi == '2' && lo == '3'                ? '#'
                            : hi == '2' && lo == '5'                ? '%'
                            : hi == '5' && (lo == 'C' || lo == 'c') ? '\\'
                            : hi == '5' && (lo == 'E' || lo == 'e') ? '^'

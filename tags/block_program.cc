@@ -144,8 +144,10 @@ int32_t StoreBlockContent(MQOneProgram& program, const BlockContent& content, ui
     tag->SetValid(s.valid);
     if (s.interval_set) tag->SetInterval(s.interval, true);
     if (!s.valid) continue;
-    // The first raw sample fixes the tag's sample size; the store refuses longer ones.
-    int32_t raw_limit = s.raw && !s.empty() ? std::min(s.values[0], kMaxRawSampleBytes) : 0;
+    // Samples of any length are stored, up to the store's limit and to what the tag's
+    // count field carries when the program is written again (a crafted block may give a
+    // wider field than the tag's).
+    int64_t raw_limit = std::min<int64_t>(kMaxRawSampleBytes, RawLengthLimit(id));
     for (size_t i = 0; i < s.size(); ++i) {
       SampleRecord r;
       if (s.raw) {

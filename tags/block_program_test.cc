@@ -164,17 +164,29 @@ TEST(BlockProgram, SizeQueriesPredictTheBlock) {
   EXPECT_EQ(QueryProgramBlockPeriodSize(p, 0, 16), static_cast<int64_t>(Predict(period).Total()));
 }
 
-TEST(BlockProgram, StoreLeavesOutRawSamplesTheTagCannotHold) {
+TEST(BlockProgram, RawSamplesLongerThanTheFirstAreKept) {
   BlockContent c;
   const Bytes small = {1, 2}, big = {1, 2, 3, 4};
   AddRaw(c, 29, 1, small);
-  AddRaw(c, 29, 2, big);  // longer than the first sample: the store refuses it
+  AddRaw(c, 29, 2, big);
   AddRaw(c, 29, 3, small);
   MQOneProgram p(0);
   uint64_t dropped = 0;
   EXPECT_EQ(StoreBlockContent(p, c, &dropped), 1);
+  EXPECT_EQ(dropped, 0u);
+  EXPECT_EQ(Stored(p, 29), (Pairs{{1, 2}, {2, 4}, {3, 2}}));
+}
+
+TEST(BlockProgram, StoreLeavesOutRawSamplesTheTagsCountFieldCannotCarry) {
+  BlockContent c;
+  const Bytes fits(15, 7), tooLong(16, 7);  // tag 31 counts its bytes in 4 bits
+  AddRaw(c, 31, 1, fits);
+  AddRaw(c, 31, 2, tooLong);
+  MQOneProgram p(0);
+  uint64_t dropped = 0;
+  EXPECT_EQ(StoreBlockContent(p, c, &dropped), 1);
   EXPECT_EQ(dropped, 1u);
-  EXPECT_EQ(Stored(p, 29), (Pairs{{1, 2}, {3, 2}}));
+  EXPECT_EQ(Stored(p, 31), (Pairs{{1, 15}}));
 }
 
 TEST(BlockProgram, ManySamplesPassThroughTheMemoryBlocks) {

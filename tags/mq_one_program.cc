@@ -41,16 +41,24 @@ int32_t MQOneProgram::CategoryOf(int32_t tagId) {
   return def ? def->nCategory : -1;
 }
 
-int MQOneProgram::InsertOne(int32_t tagId, const SampleRecord& record) {
-  if (!IsValidTagId(tagId)) return 0;
+bool MQOneProgram::Admits(int32_t tagId, const SampleRecord& record) {
+  if (!IsValidTagId(tagId)) return false;
   if (record.nKind == kRawSample) {
-    if (!AcceptsRawData(tagId)) return 0;
-    if (record.nValue < 0 || record.nValue > kMaxRawSampleBytes) return 0;
-  } else if (record.nKind != kPlainSample) {
-    return 0;
+    // Longer samples than the data block's count field holds would come back cut.
+    return AcceptsRawData(tagId) && record.nValue >= 0 && record.nValue <= kMaxRawSampleBytes &&
+           record.nValue <= RawLengthLimit(tagId);
   }
+  // The data block writes a raw tag's samples as byte counts and bytes: a plain value
+  // there would come back as an empty raw sample.
+  return record.nKind == kPlainSample && !AcceptsRawData(tagId);
+}
+
+int MQOneProgram::InsertOne(int32_t tagId, const SampleRecord& record) {
+  if (!Admits(tagId, record)) return 0;
   TagObject* tag = GetOrCreateTag(tagId);
-  return tag ? tag->Insert(record) : 0;
+  // Every failure is 0: to the table, -1 means a handle without a file, which the client
+  // hears as success; a sample that was not stored must not.
+  return tag != nullptr && tag->Insert(record) == 1 ? 1 : 0;
 }
 
 int32_t MQOneProgram::InsertMany(int32_t tagId, const SampleRecord* records, int32_t count) {

@@ -22,8 +22,33 @@ TEST(MQOneProgramTest, RawSamplesOnlyIntoTypeFiveTags) {
   EXPECT_EQ(p.InsertOne(29, MakeRawSample(1, 2, bytes)), 1);
   EXPECT_EQ(p.InsertOne(29, MakeRawSample(2, -1, bytes)), 0) << "negative length";
   EXPECT_EQ(p.InsertOne(16, MakePlainSample(1, 5)), 1);
-  EXPECT_EQ(p.InsertOne(30, MakePlainSample(1, 5)), 1) << "plain samples go anywhere";
-  EXPECT_EQ(p.HighestTagId(), 30);
+  EXPECT_EQ(p.HighestTagId(), 29);
+}
+
+TEST(MQOneProgramTest, PlainSamplesAreRefusedByRawTags) {
+  MQOneProgram p;
+  EXPECT_EQ(p.InsertOne(30, MakePlainSample(1, 5)), 0) << "it would come back as raw";
+  EXPECT_EQ(p.QueryOneTagSize(30), 0);
+}
+
+TEST(MQOneProgramTest, RawSamplesLongerThanTheirCountFieldAreRefused) {
+  MQOneProgram p;
+  std::vector<uint8_t> bytes(70000, 1);
+  EXPECT_EQ(p.InsertOne(31, MakeRawSample(1, 15, bytes.data())), 1) << "4 bits hold 15";
+  EXPECT_EQ(p.InsertOne(31, MakeRawSample(2, 16, bytes.data())), 0);
+  EXPECT_EQ(p.InsertOne(29, MakeRawSample(1, 65535, bytes.data())), 1) << "16 bits";
+  EXPECT_EQ(p.InsertOne(29, MakeRawSample(2, 65536, bytes.data())), 0);
+  EXPECT_EQ(p.QueryOneTagSize(31), 1);
+  EXPECT_EQ(p.QueryOneTagSize(29), 1);
+}
+
+TEST(MQOneProgramTest, ASampleTheTagDoesNotStoreIsZeroNeverMinusOne) {
+  MQOneProgram p;
+  uint8_t bytes[4] = {};
+  ASSERT_EQ(p.InsertOne(29, MakeRawSample(1, 4, bytes)), 1);
+  EXPECT_EQ(p.InsertOne(29, MakeRawSample(2, 3, nullptr)), 0) << "no bytes, another length";
+  setenv("TMPDIR", "/nonexistent-marquel-folder", 1);
+  EXPECT_EQ(p.InsertOne(30, MakeRawSample(1, 4, bytes)), 0) << "no record file";
 }
 
 TEST(MQOneProgramTest, BadTagIdsAnswerAsMissingTags) {

@@ -35,31 +35,88 @@ bool ScopeCovers(const TagScope& scope, const MQOneProgram& program, int32_t tag
 
 namespace {
 
-// Stretches one chunk and inserts it into the target tag. Stretching keeps the order for a
-// positive ratio and reverses it for a negative one; equal new time codes (a ratio that
-// collapses times) go in one at a time so that the later sample wins, as single inserts do.
-void InsertStretched(MQOneProgram& target, int32_t tagId, std::vector<SampleRecord>& chunk,
-                     int64_t targetStart, int64_t srcStart, int32_t num, int32_t den) {
-  for (SampleRecord& r : chunk) {
-    r.llTimeCode = StretchTimeCode(targetStart, srcStart, r.llTimeCode, num, den);
+// The raw bytes one chunk of a copy from another tag holds at most (and one sample).
+constexpr int64_t kChunkBytes = 64 * 1024 * 1024;
+
+// The source samples a move may delete: runs of consecutive accepted samples, in source
+// order, each deleted as one period once the whole tag is copied.
+class AcceptedRuns {
+ public:
+  void Add(int64_t sourceTime, bool accepted) {
+    if (!accepted) {
+      refused_ = true;
+      open_ = false;
+      return;
+    }
+    if (!open_) runs_.push_back({sourceTime, sourceTime});
+    runs_.back().second = sourceTime;
+    open_ = true;
   }
-  bool descending = chunk.size() > 1 && chunk.front().llTimeCode > chunk.back().llTimeCode;
-  if (descending) {
+  bool AnyRefused() const { return refused_; }
+  // Deletes the runs from `tag`; without a refusal the whole period goes, as a move of
+  // everything deletes its source period.
+  int DeleteFrom(TagObject* tag, int64_t srcStart, int64_t srcEnd) const {
+    if (!refused_) return tag->DeletePeriod(srcStart, srcEnd);
+    for (const auto& [first, last] : runs_) {
+      int64_t end = last == std::numeric_limits<int64_t>::max() ? -1 : last + 1;
+      if (tag->DeletePeriod(first, end) < 0) return -1;
+    }
+    return 1;
+  }
+
+ private:
+  std::vector<std::pair<int64_t, int64_t>> runs_;
+  bool open_ = false;
+  bool refused_ = false;
+};
+
+// Stretches one chunk and inserts it into the target tag, noting in `runs` which source
+// samples the target kept. Stretching keeps the order for a positive ratio and reverses
+// it for a negative one; equal new time codes (a ratio that collapses times) go in one at
+// a time so that the later sample wins, as single inserts do. The target takes what
+// InsertOne would take: a sample its rules refuse is not inserted.
+int InsertStretched(MQOneProgram& target, int32_t tagId, std::vector<SampleRecord>& chunk,
+                    int64_t targetStart, int64_t srcStart, int32_t num, int32_t den,
+                    AcceptedRuns* runs) {
+  std::vector<int64_t> sourceTimes(chunk.size());
+  std::vector<uint8_t> kept(chunk.size(), 0);
+  for (size_t i = 0; i < chunk.size(); ++i) {
+    sourceTimes[i] = chunk[i].llTimeCode;
+    chunk[i].llTimeCode = StretchTimeCode(targetStart, srcStart, chunk[i].llTimeCode, num, den);
+  }
+  bool reversed = false;
+  if (chunk.size() > 1 && chunk.front().llTimeCode > chunk.back().llTimeCode) {
     bool strictly = true;
     for (size_t i = 1; i < chunk.size() && strictly; ++i)
       strictly = chunk[i].llTimeCode < chunk[i - 1].llTimeCode;
     if (strictly) std::reverse(chunk.begin(), chunk.end());
+    reversed = strictly;
   }
-  bool raw = !chunk.empty() && chunk.front().nKind == kRawSample;
-  if (raw && !AcceptsRawData(tagId)) return;
-  TagObject* tag = target.GetOrCreateTag(tagId);
-  if (tag != nullptr) tag->InsertSorted(chunk.data(), static_cast<int64_t>(chunk.size()));
+  // The admitted samples keep their order; the others stay out of the target.
+  std::vector<SampleRecord> admitted;
+  std::vector<size_t> at;
+  for (size_t i = 0; i < chunk.size(); ++i) {
+    if (!MQOneProgram::Admits(tagId, chunk[i])) continue;
+    admitted.push_back(chunk[i]);
+    at.push_back(i);
+  }
+  TagObject* tag = admitted.empty() ? nullptr : target.GetOrCreateTag(tagId);
+  if (tag != nullptr) {
+    std::vector<uint8_t> stored(admitted.size(), 0);
+    tag->InsertSorted(admitted.data(), static_cast<int64_t>(admitted.size()), stored.data());
+    for (size_t k = 0; k < admitted.size(); ++k) kept[at[k]] = stored[k];
+  }
+  if (reversed) std::reverse(kept.begin(), kept.end());
+  for (size_t i = 0; i < chunk.size(); ++i) runs->Add(sourceTimes[i], kept[i] != 0);
+  return runs->AnyRefused() ? -1 : 1;
 }
 
-// Copies the covered period of one tag. A source tag that is also the target is read
-// whole before anything is inserted; otherwise it is read in chunks to bound memory.
+// Copies the covered period of one tag, and with `move` deletes from the source what the
+// target kept. A source tag that is also the target is read whole before anything is
+// inserted; otherwise it is read in chunks to bound memory. Returns 1, or -1 when a buffer
+// cannot be had or the target refused a sample (the rest is still copied).
 int CopyOneTag(TagObject* source, MQOneProgram& target, int32_t tagId, int64_t targetStart,
-               int64_t srcStart, int64_t srcEnd, int32_t num, int32_t den) {
+               int64_t srcStart, int64_t srcEnd, int32_t num, int32_t den, bool move) {
   int64_t total = source->CountInPeriod(srcStart, srcEnd);
   if (total == 0) return 1;
   bool sameTag = target.Tag(tagId) == source;
@@ -70,19 +127,25 @@ int CopyOneTag(TagObject* source, MQOneProgram& target, int32_t tagId, int64_t t
   } catch (const std::bad_alloc&) {
     return -1;
   }
+  AcceptedRuns runs;
+  int result = 1;
   int64_t from = srcStart;
   while (true) {
     chunk.resize(static_cast<size_t>(chunkMax));
-    int64_t got = source->ReadPeriod(from, srcEnd, chunk.data(), chunkMax);
+    // Chunks from another tag are bounded in bytes too; a tag's own period is read whole.
+    int64_t got =
+        source->ReadPeriod(from, srcEnd, chunk.data(), chunkMax, sameTag ? INT64_MAX : kChunkBytes);
     if (got <= 0) break;
     chunk.resize(static_cast<size_t>(got));
     int64_t lastSource = chunk.back().llTimeCode;
-    InsertStretched(target, tagId, chunk, targetStart, srcStart, num, den);
+    if (InsertStretched(target, tagId, chunk, targetStart, srcStart, num, den, &runs) < 0)
+      result = -1;
     FreeSampleBuffers(chunk.data(), got);
-    if (sameTag || got < chunkMax || lastSource == std::numeric_limits<int64_t>::max()) break;
+    if (sameTag || lastSource == std::numeric_limits<int64_t>::max()) break;
     from = lastSource + 1;
   }
-  return 1;
+  if (move && runs.DeleteFrom(source, srcStart, srcEnd) < 0) result = -1;
+  return result;
 }
 
 }  // namespace
@@ -91,15 +154,16 @@ int CopyPeriodBetweenPrograms(MQOneProgram& source, MQOneProgram& target, const 
                               int64_t targetStart, int64_t srcStart, int64_t srcEnd,
                               int32_t numerator, int32_t denominator, bool move) {
   if (denominator == 0) return -1;  // would divide by zero; refused before any change
+  int result = 1;
   for (int32_t id = 0, top = source.HighestTagId(); id <= top; ++id) {
     if (!ScopeCovers(scope, source, id)) continue;
     TagObject* tag = source.Tag(id);
     if (tag == nullptr || tag->CountInPeriod(srcStart, srcEnd) == 0) continue;
-    if (CopyOneTag(tag, target, id, targetStart, srcStart, srcEnd, numerator, denominator) < 0)
-      return -1;
-    if (move) tag->DeletePeriod(srcStart, srcEnd);
+    if (CopyOneTag(tag, target, id, targetStart, srcStart, srcEnd, numerator, denominator, move) <
+        0)
+      result = -1;
   }
-  return 1;
+  return result;
 }
 
 }  // namespace marquel

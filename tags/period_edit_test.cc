@@ -113,6 +113,60 @@ TEST(PeriodTest, RawSamplesAreCopiedWithTheirBytes) {
   EXPECT_EQ(src.QueryOneTagSize(29), 0) << "moved";
 }
 
+TEST(PeriodTest, MoveDeletesFromTheSourceOnlyWhatTheTargetKept) {
+  MQOneProgram src, dst;
+  std::vector<uint8_t> bytes(20, 3);
+  // Tag 31 counts its bytes in 4 bits; a 20-byte sample put in behind the program's back
+  // is one the target refuses.
+  ASSERT_EQ(src.InsertOne(31, MakeRawSample(10, 10, bytes.data())), 1);
+  ASSERT_EQ(src.Tag(31)->Insert(MakeRawSample(20, 20, bytes.data())), 1);
+  ASSERT_EQ(src.InsertOne(31, MakeRawSample(30, 5, bytes.data())), 1);
+  EXPECT_EQ(CopyPeriodBetweenPrograms(src, dst, TagScope::All(), 1000, 0, -1, 1, 1, true), -1);
+  EXPECT_EQ(dst.QueryOneTagSize(31), 2);
+  EXPECT_EQ(src.QueryOneTagSize(31), 1) << "the refused sample stays";
+  SampleRecord r;
+  ASSERT_EQ(src.GetOne(31, 20, &r), 1);
+  EXPECT_EQ(r.nValue, 20);
+  FreeSampleBuffer(r.pBuffer);
+}
+
+TEST(PeriodTest, MoveIntoATagOfTheOtherKindKeepsTheSource) {
+  MQOneProgram src, dst;
+  uint8_t bytes[2] = {1, 2};
+  ASSERT_EQ(src.InsertOne(29, MakeRawSample(10, 2, bytes)), 1);
+  ASSERT_EQ(src.InsertOne(16, MakePlainSample(10, 7)), 1);
+  ASSERT_EQ(dst.GetOrCreateTag(29)->Insert(MakePlainSample(5, 1)), 1);
+  EXPECT_EQ(CopyPeriodBetweenPrograms(src, dst, TagScope::All(), 0, 0, -1, 1, 1, true), -1);
+  EXPECT_EQ(src.QueryOneTagSize(29), 1) << "the target refused it";
+  EXPECT_EQ(src.QueryOneTagSize(16), 0) << "the other tag still moved";
+  EXPECT_EQ(dst.QueryOneTagSize(16), 1);
+}
+
+TEST(PeriodTest, CopyIntoATagThatIsNotValidFails) {
+  MQOneProgram src, dst;
+  ASSERT_EQ(src.InsertOne(16, MakePlainSample(10, 7)), 1);
+  dst.GetOrCreateTag(16)->SetValid(false);
+  EXPECT_EQ(CopyPeriodBetweenPrograms(src, dst, TagScope::All(), 0, 0, -1, 1, 1, true), -1);
+  EXPECT_EQ(src.QueryOneTagSize(16), 1);
+}
+
+TEST(PeriodTest, LongRawSamplesAreCopiedInChunksBoundedInBytes) {
+  MQOneProgram src, dst;
+  std::vector<uint8_t> big(8 * 1024 * 1024);
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i / 4096);
+  for (int i = 0; i < 10; ++i)  // 80 MiB: more than one chunk
+    ASSERT_EQ(
+        src.InsertOne(32, MakeRawSample(i * 10, static_cast<int32_t>(big.size()), big.data())), 1);
+  ASSERT_EQ(CopyPeriodBetweenPrograms(src, dst, TagScope::All(), 0, 0, -1, 1, 1, true), 1);
+  EXPECT_EQ(dst.QueryOneTagSize(32), 10);
+  EXPECT_EQ(src.QueryOneTagSize(32), 0);
+  SampleRecord r;
+  ASSERT_EQ(dst.GetOne(32, 90, &r), 1);
+  ASSERT_EQ(r.nValue, static_cast<int32_t>(big.size()));
+  EXPECT_EQ(std::vector<uint8_t>(r.pBuffer, r.pBuffer + r.nValue), big);
+  FreeSampleBuffer(r.pBuffer);
+}
+
 TEST(PeriodTest, LargeCopyIntoTheMiddleOfAnotherTag) {
   MQOneProgram src, dst;
   std::vector<SampleRecord> many;

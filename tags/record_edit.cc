@@ -25,6 +25,7 @@ int RecordFile::DeleteRange(int64_t start, bool hasEnd, int64_t end) {
     }
     dirty_ = true;
     if (p.first >= start && (!hasEnd || p.last < end)) {  // wholly inside: drop the page
+      if (ForgetApartInPage(i) < 0) return -1;
       if (p.slot >= 0) free_slots_.push_back(p.slot);
       count_ -= p.count;
       continue;
@@ -35,7 +36,10 @@ int RecordFile::DeleteRange(int64_t start, bool hasEnd, int64_t end) {
     for (int32_t r = 0; r < p.count; ++r) {
       const uint8_t* rec = page.data() + bytes * r;
       int64_t key = RecordKey(rec);
-      if (key >= start && (!hasEnd || key < end)) continue;
+      if (key >= start && (!hasEnd || key < end)) {
+        ForgetApart(rec);
+        continue;
+      }
       rest.insert(rest.end(), rec, rec + bytes);
     }
     int32_t n = static_cast<int32_t>(rest.size() / bytes);
@@ -51,7 +55,9 @@ int RecordFile::DeleteRange(int64_t start, bool hasEnd, int64_t end) {
     kept.push_back(p);
   }
   pages_.swap(kept);
-  return RestoreTail();
+  if (RestoreTail() < 0) return -1;
+  MaybeCompactApart();
+  return 1;
 }
 
 // Keeps the rule that the last page is the in-memory tail: after a delete the last page
@@ -110,6 +116,7 @@ void RecordFile::Truncate() {
   slot_count_ = 0;
   count_ = 0;
   dirty_ = true;
+  TruncateApart();
   FileLease lease(&file_);
   if (lease.fd() >= 0) {
     int rc = ::ftruncate(lease.fd(), 0);

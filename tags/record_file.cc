@@ -2,7 +2,6 @@
 // record_merge.cc, deletes and offsets in record_edit.cc.
 #include "record_file.h"
 
-#include <errno.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,38 +9,11 @@
 
 #include "platform/files.h"
 #include "platform/temp_folders.h"
+#include "record_io.h"
 #include "record_layout.h"
 
 namespace marquel {
 namespace {
-
-// Whole-buffer positional reads and writes. The platform's file calls move a shared file
-// position; the pool shares one descriptor between accesses, so these use pread/pwrite.
-bool ReadAt(int fd, uint64_t offset, void* buffer, size_t n) {
-  auto* p = static_cast<uint8_t*>(buffer);
-  while (n > 0) {
-    ssize_t got = ::pread(fd, p, n, static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    p += got;
-    offset += static_cast<uint64_t>(got);
-    n -= static_cast<size_t>(got);
-  }
-  return true;
-}
-
-bool WriteAt(int fd, uint64_t offset, const void* buffer, size_t n) {
-  auto* p = static_cast<const uint8_t*>(buffer);
-  while (n > 0) {
-    ssize_t put = ::pwrite(fd, p, n, static_cast<off_t>(offset));
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    p += put;
-    offset += static_cast<uint64_t>(put);
-    n -= static_cast<size_t>(put);
-  }
-  return true;
-}
 
 // About 16 KiB per page, between 16 and 512 records. Every tag keeps its last page in
 // memory, so the page size bounds what an idle tag costs.
@@ -71,13 +43,15 @@ RecordFile::RecordFile(std::string path) : file_(std::move(path)) {
 
 RecordFile::~RecordFile() {
   ::unlink(file_.path().c_str());
+  if (apart_) ::unlink(apart_->path().c_str());
 }
 
 void RecordFile::SetFormat(int32_t kind, int32_t sampleSize) {
   if (!Empty()) return;
   kind_ = kind;
   sample_size_ = kind == kRawSample ? sampleSize : 0;
-  record_bytes_ = kRecordHeadBytes + sample_size_;
+  room_ = std::min(sample_size_, kMaxInlineRawBytes);
+  record_bytes_ = kRecordHeadBytes + room_;
   page_records_ = PageRecordsFor(record_bytes_);
   overlay_limit_ = OverlayLimitFor(record_bytes_);
   // Slots are sized by the record size: a new format starts the file again.
@@ -173,8 +147,7 @@ int RecordFile::Find(int64_t timeCode, SampleRecord* out, std::vector<uint8_t>* 
   if (hit != overlay_.end()) {
     storage->assign(overlay_bytes_.begin() + hit->second,
                     overlay_bytes_.begin() + hit->second + RecordBytes());
-    *out = DecodeRecord(storage->data());
-    return 1;
+    return ResolveApart(storage->data(), storage, out);
   }
   if (pages_.empty()) return 0;
   size_t page = PageFor(timeCode);
@@ -196,8 +169,7 @@ int RecordFile::Find(int64_t timeCode, SampleRecord* out, std::vector<uint8_t>* 
                                   storage->data(), RecordBytes()))
       return -1;
   }
-  *out = DecodeRecord(storage->data());
-  return 1;
+  return ResolveApart(storage->data(), storage, out);
 }
 
 int64_t RecordFile::Count() {
@@ -219,6 +191,8 @@ int RecordFile::Scan(int64_t from, bool fromInclusive, bool hasEnd, int64_t end,
   if (MergeOverlay() < 0) return -1;
   if (pages_.empty()) return 1;
   std::vector<uint8_t> buffer;
+  std::vector<uint8_t> apart;
+  SampleRecord view;
   for (size_t page = PageFor(from); page < pages_.size(); ++page) {
     if (pages_[page].last < from || (pages_[page].last == from && !fromInclusive)) continue;
     if (hasEnd && pages_[page].first >= end) break;
@@ -228,7 +202,9 @@ int RecordFile::Scan(int64_t from, bool fromInclusive, bool hasEnd, int64_t end,
       int64_t key = RecordKey(rec);
       if (key < from || (key == from && !fromInclusive)) continue;
       if (hasEnd && key >= end) return 1;
-      if (!visit(DecodeRecord(rec))) return 1;
+      apart.clear();  // the previous view's bytes are no longer needed
+      if (ResolveApart(rec, &apart, &view) < 0) return -1;
+      if (!visit(view)) return 1;
     }
   }
   return 1;

@@ -1,13 +1,14 @@
 // The record file of one tag: every sample of the tag, sorted by time code, no two equal.
 //
 // Layout (see docs/tag-store.md): a temporary file of fixed-size pages. Each page holds
-// 1..P records of one fixed size (32, or 32 + the sample size of a raw tag), sorted, and
+// 1..P records of one fixed size (32, or 32 + the inline room of a raw tag), sorted, and
 // a directory in memory lists the pages in time order with their first and last time
 // code, record count and file slot. The last page (the tail) lives in memory, so that
 // appending costs a copy. Single inserts before the tail go to a bounded in-memory
 // overlay that is merged into the pages in one pass when it fills or before any ordered
 // read; a merge rewrites only the pages whose time range it touches. Sorted runs (period
-// copies) merge straight into the pages the same way.
+// copies) merge straight into the pages the same way. Raw bytes longer than the inline
+// room lie apart in a companion file, which is compacted when most of it is dead.
 //
 // Not thread-safe: the owning TagObject serialises all calls under its lock.
 #pragma once
@@ -38,16 +39,22 @@ class RecordFile {
   bool Empty() const { return pages_.empty() && overlay_.empty(); }
   int32_t kind() const { return kind_; }
   int32_t sample_size() const { return sample_size_; }
+  // The bytes a raw record holds inline: the sample size, at most kMaxInlineRawBytes.
+  int32_t inline_room() const { return room_; }
   bool dirty() const { return dirty_; }
   // Fixes the kind and sample size of the records. Only while the file is empty.
   void SetFormat(int32_t kind, int32_t sampleSize);
 
+  // Raw bytes beyond this many lie apart, so that pages, the tail and the overlay stay
+  // small whatever the sample size.
+  static constexpr int32_t kMaxInlineRawBytes = 1024;
+
   // Stores one record (kind as the file's). An equal time code is replaced. Raw rules:
-  // without bytes the length must equal the stored record's (or, for a new time code, the
-  // sample size); with bytes it must be at most the sample size. 1, or -1 (rule, I/O).
+  // with bytes any length is kept; without bytes the length must equal the stored
+  // record's (or, for a new time code, the sample size). 1, or -1 (rule, I/O).
   int Insert(const SampleRecord& record);
-  // Stores records of strictly ascending time code, each raw one with bytes and at most
-  // the sample size long, in one merge. 1, or -1 on I/O failure.
+  // Stores records of strictly ascending time code, each raw one with bytes, in one
+  // merge. 1, or -1 on I/O failure.
   int InsertSortedRun(const SampleRecord* records, int64_t count);
   // Exact lookup: 1 with *out a view into *storage, 0 not found, -1 on I/O failure.
   int Find(int64_t timeCode, SampleRecord* out, std::vector<uint8_t>* storage);
@@ -74,6 +81,11 @@ class RecordFile {
   size_t overlay_limit() const { return overlay_limit_; }
   size_t overlay_size() const { return overlay_.size(); }
   size_t page_count() const { return pages_.size(); }
+  // The companion file of bytes lying apart: its size, the part no record names any
+  // more, and the dead size below which it is never compacted.
+  uint64_t apart_size() const { return apart_size_; }
+  uint64_t apart_dead() const { return apart_dead_; }
+  void set_compact_floor(uint64_t bytes) { compact_floor_ = bytes; }
 
  private:
   struct Page {
@@ -100,15 +112,29 @@ class RecordFile {
 
   // Inserts.
   int CheckRawRule(const SampleRecord& record);
+  int Place(const uint8_t* rec);
   int InsertIntoTail(const uint8_t* rec);
   int MergeOverlay();
   int MergeRun(const uint8_t* run, int64_t count);
   int Abandon(MergeWriter& out);
   int RestoreTail();
 
+  // Bytes lying apart (record_apart.cc).
+  std::string ApartPath() const;
+  int Encode(const SampleRecord& record, uint8_t* dst);
+  int ResolveApart(const uint8_t* rec, std::vector<uint8_t>* bytes, SampleRecord* view);
+  void ForgetApart(const uint8_t* rec);
+  int ForgetApartInPage(size_t page);
+  void MaybeCompactApart();
+  int CompactApart();
+  int CopyPageApart(size_t page, PooledFile* to, uint64_t* size, std::vector<uint8_t>* data,
+                    bool* moved);
+  void TruncateApart();
+
   PooledFile file_;
   int32_t kind_ = kPlainSample;
   int32_t sample_size_ = 0;
+  int32_t room_ = 0;
   int32_t record_bytes_ = 32;
   int32_t page_records_ = 2048;
   size_t overlay_limit_ = 0;
@@ -121,6 +147,10 @@ class RecordFile {
   std::vector<uint8_t> overlay_bytes_;
   std::vector<uint8_t> scratch_;
   bool dirty_ = false;
+  std::unique_ptr<PooledFile> apart_;  // made with the first bytes that lie apart
+  uint64_t apart_size_ = 0;
+  uint64_t apart_dead_ = 0;
+  uint64_t compact_floor_ = 4u << 20;
 };
 
 }  // namespace marquel

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <map>
 #include <random>
 
@@ -150,7 +151,7 @@ TEST(RecordFileTest, RawRecordsKeepTheirLengthRules) {
   uint8_t six[6] = {};
   EXPECT_EQ(f->Insert(MakeRawSample(10, 4, four)), 1);
   EXPECT_EQ(f->Insert(MakeRawSample(20, 2, two)), 1) << "shorter with bytes is kept";
-  EXPECT_EQ(f->Insert(MakeRawSample(30, 6, six)), -1) << "longer than the sample size";
+  EXPECT_EQ(f->Insert(MakeRawSample(30, 6, six)), 1) << "longer with bytes is kept";
   EXPECT_EQ(f->Insert(MakeRawSample(40, 3, nullptr)), -1) << "no bytes, other length";
   EXPECT_EQ(f->Insert(MakeRawSample(20, 4, nullptr)), -1) << "no bytes, other than stored";
   EXPECT_EQ(f->Insert(MakeRawSample(20, 2, nullptr)), 1) << "no bytes, same length: emptied";
@@ -164,7 +165,9 @@ TEST(RecordFileTest, RawRecordsKeepTheirLengthRules) {
   ASSERT_EQ(f->Find(20, &r, &storage), 1);
   EXPECT_EQ(r.nValue, 2);
   EXPECT_EQ(r.pBuffer, nullptr);
-  EXPECT_EQ(f->Count(), 3);
+  ASSERT_EQ(f->Find(30, &r, &storage), 1);
+  EXPECT_EQ(r.nValue, 6);
+  EXPECT_EQ(f->Count(), 4);
 }
 
 TEST(RecordFileTest, ReplacingInsideTheOverlayAndAfterMerges) {
@@ -195,6 +198,128 @@ TEST(RecordFileTest, TruncateEmptiesAndFormatCanChange) {
   for (int i = 0; i < 2000; ++i) ASSERT_EQ(f->Insert(MakeRawSample(i, 100, bytes)), 1);
   EXPECT_EQ(f->Count(), 2000);
   EXPECT_EQ(f->page_records(), 16384 / 132);
+}
+
+// Raw samples of any length against a model of their bytes.
+using RawModel = std::map<int64_t, std::vector<uint8_t>>;
+
+std::vector<uint8_t> Pattern(int64_t t, size_t n) {
+  std::vector<uint8_t> b(n);
+  for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(t * 31 + static_cast<int64_t>(i));
+  return b;
+}
+
+void PutRaw(RecordFile& f, RawModel& model, int64_t t, size_t n) {
+  auto bytes = Pattern(t, n);
+  static const uint8_t kNone = 0;  // a sample of no bytes still has a buffer
+  const uint8_t* at = bytes.empty() ? &kNone : bytes.data();
+  ASSERT_EQ(f.Insert(MakeRawSample(t, static_cast<int32_t>(n), at)), 1);
+  model[t] = bytes;
+}
+
+void ExpectSameBytes(RecordFile& f, const RawModel& model) {
+  ASSERT_EQ(f.Count(), static_cast<int64_t>(model.size()));
+  auto want = model.begin();
+  ASSERT_EQ(f.Scan(INT64_MIN, true, false, 0,
+                   [&](const SampleRecord& r) {
+                     EXPECT_EQ(r.llTimeCode, want->first);
+                     EXPECT_EQ(r.nValue, static_cast<int32_t>(want->second.size()));
+                     bool same = r.nValue == 0 || (r.pBuffer != nullptr &&
+                                                   std::memcmp(r.pBuffer, want->second.data(),
+                                                               want->second.size()) == 0);
+                     EXPECT_TRUE(same) << "bytes of " << r.llTimeCode;
+                     ++want;
+                     return true;
+                   }),
+            1);
+  for (const auto& [t, bytes] : model) {
+    SampleRecord r;
+    std::vector<uint8_t> storage;
+    ASSERT_EQ(f.Find(t, &r, &storage), 1);
+    ASSERT_EQ(r.nValue, static_cast<int32_t>(bytes.size()));
+    if (!bytes.empty()) {
+      EXPECT_EQ(std::memcmp(r.pBuffer, bytes.data(), bytes.size()), 0) << t;
+    }
+  }
+}
+
+TEST(RecordFileTest, RawSamplesOfAnyLengthComeBackWhole) {
+  auto f = RecordFile::Create();
+  f->SetFormat(kRawSample, 4);
+  RawModel model;
+  for (size_t n : {4, 0, 1, 5, 100, 4000, 70000}) PutRaw(*f, model, static_cast<int64_t>(n), n);
+  EXPECT_GT(f->apart_size(), 0u) << "longer samples lie apart";
+  ExpectSameBytes(*f, model);
+  // Replacing swaps lengths both ways.
+  PutRaw(*f, model, 100, 2);
+  PutRaw(*f, model, 1, 3000);
+  ExpectSameBytes(*f, model);
+}
+
+TEST(RecordFileTest, BytesApartFollowMergesDeletesAndShifts) {
+  auto f = RecordFile::Create();
+  f->SetFormat(kRawSample, 8);
+  RawModel model;
+  std::mt19937 rng(7);
+  for (int64_t i = 0; i < 3000; ++i) PutRaw(*f, model, i * 10, rng() % 40);
+  // Inserts before the tail go through the overlay and merge into the middle pages.
+  for (int i = 0; i < 2000; ++i) PutRaw(*f, model, (rng() % 3000) * 10 + rng() % 3, rng() % 300);
+  ExpectSameBytes(*f, model);
+  std::vector<SampleRecord> run;
+  std::vector<std::vector<uint8_t>> keep;
+  for (int64_t t = 5; t < 20000; t += 10) {
+    keep.push_back(Pattern(t, static_cast<size_t>(t % 50)));
+    run.push_back(MakeRawSample(t, static_cast<int32_t>(keep.back().size()), keep.back().data()));
+    model[t] = keep.back();
+  }
+  ASSERT_EQ(f->InsertSortedRun(run.data(), static_cast<int64_t>(run.size())), 1);
+  ExpectSameBytes(*f, model);
+  ASSERT_EQ(f->DeleteRange(1000, true, 9000), 1);
+  model.erase(model.lower_bound(1000), model.lower_bound(9000));
+  ASSERT_EQ(f->MinusOffset(-100), 1);
+  RawModel shifted;
+  for (auto& [t, b] : model) shifted[t + 100] = b;
+  ExpectSameBytes(*f, shifted);
+}
+
+TEST(RecordFileTest, DeadBytesApartAreCompactedAndTheDataStays) {
+  auto f = RecordFile::Create();
+  f->SetFormat(kRawSample, 1);
+  f->set_compact_floor(64 * 1024);
+  RawModel model;
+  for (int64_t t = 0; t < 50; ++t) PutRaw(*f, model, t, 1000);
+  // Replacing the same samples again and again leaves only dead bytes behind.
+  for (int round = 0; round < 40; ++round) {
+    for (int64_t t = 0; t < 50; ++t) PutRaw(*f, model, t, 1000 + round);
+  }
+  EXPECT_LT(f->apart_size(), 200u * 1000) << "the companion file does not grow without end";
+  ExpectSameBytes(*f, model);
+  ASSERT_EQ(f->DeleteRange(0, true, 40), 1);
+  model.erase(model.begin(), model.lower_bound(40));
+  ExpectSameBytes(*f, model);
+}
+
+TEST(RecordFileTest, AHugeFirstSampleKeepsPagesSmall) {
+  auto f = RecordFile::Create();
+  f->SetFormat(kRawSample, kMaxRawSampleBytes);
+  EXPECT_EQ(f->sample_size(), kMaxRawSampleBytes);
+  EXPECT_EQ(f->inline_room(), RecordFile::kMaxInlineRawBytes);
+  EXPECT_LE(static_cast<size_t>(f->page_records()) * (32 + RecordFile::kMaxInlineRawBytes),
+            32u * 1024);
+}
+
+TEST(RecordFileTest, TruncateDropsTheBytesApart) {
+  auto f = RecordFile::Create();
+  f->SetFormat(kRawSample, 2);
+  RawModel model;
+  PutRaw(*f, model, 1, 500);
+  std::string apart = f->path().substr(0, f->path().size() - 4) + "R.tmp";
+  EXPECT_EQ(access(apart.c_str(), F_OK), 0) << apart;
+  f->Truncate();
+  EXPECT_EQ(f->apart_size(), 0u);
+  EXPECT_EQ(f->Count(), 0);
+  f.reset();
+  EXPECT_NE(access(apart.c_str(), F_OK), 0) << "the companion file goes with the record file";
 }
 
 }  // namespace

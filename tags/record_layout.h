@@ -1,9 +1,11 @@
 // The layout of one record in a record file and in its in-memory pages.
 //
-// A record is a 32-byte head followed, for a raw-data tag, by the tag's sample size in
-// bytes: time code (8), kind (4), flags (4: bit 0 = the sample has bytes), value or byte
-// length (4), 12 zero bytes, then the sample bytes zero-padded to the sample size. All
-// fields in host byte order: the file is private to this process and temporary.
+// A record is a 32-byte head followed, for a raw-data tag, by the file's inline room in
+// bytes: time code (8), kind (4), flags (4: bit 0 = the sample has bytes, bit 1 = they lie
+// apart), value or byte length (4), 4 zero bytes, the offset of bytes that lie apart (8),
+// then the sample bytes zero-padded to the inline room. Bytes longer than the room live
+// in the record file's companion file (record_apart.cc) and the head gives their offset.
+// All fields in host byte order: the files are private to this process and temporary.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +17,7 @@ namespace marquel {
 
 constexpr int32_t kRecordHeadBytes = 32;
 constexpr uint32_t kRecordHasBytes = 1;
+constexpr uint32_t kRecordBytesApart = 2;
 
 inline int64_t RecordKey(const uint8_t* rec) {
   int64_t t;
@@ -38,19 +41,37 @@ inline int32_t RecordValue(const uint8_t* rec) {
   return v;
 }
 
-// Writes `r` as a record of 32 + sampleSize bytes. A raw sample's bytes (nValue of them,
-// which the caller has checked to be at most sampleSize) are copied when present.
-inline void EncodeRecord(const SampleRecord& r, int32_t sampleSize, uint8_t* dst) {
-  std::memset(dst, 0, static_cast<size_t>(kRecordHeadBytes + sampleSize));
+inline bool RecordBytesApart(const uint8_t* rec) {
+  return (RecordFlags(rec) & kRecordBytesApart) != 0;
+}
+
+inline uint64_t RecordApartOffset(const uint8_t* rec) {
+  uint64_t at;
+  std::memcpy(&at, rec + 24, sizeof at);
+  return at;
+}
+
+// Writes `r` as a record of 32 + room bytes. A raw sample's bytes (nValue of them) are
+// copied when present and at most `room` long; longer ones are marked as lying apart at
+// `apartOffset`, where the caller has written them.
+inline void EncodeRecord(const SampleRecord& r, int32_t room, uint8_t* dst,
+                         uint64_t apartOffset = 0) {
+  std::memset(dst, 0, static_cast<size_t>(kRecordHeadBytes + room));
   std::memcpy(dst, &r.llTimeCode, 8);
   std::memcpy(dst + 8, &r.nKind, 4);
   uint32_t flags = (r.nKind == kRawSample && r.pBuffer != nullptr) ? kRecordHasBytes : 0;
+  if (flags != 0 && r.nValue > room) flags |= kRecordBytesApart;
   std::memcpy(dst + 12, &flags, 4);
   std::memcpy(dst + 16, &r.nValue, 4);
-  if (flags != 0 && r.nValue > 0) std::memcpy(dst + kRecordHeadBytes, r.pBuffer, r.nValue);
+  if ((flags & kRecordBytesApart) != 0) {
+    std::memcpy(dst + 24, &apartOffset, 8);
+  } else if (flags != 0 && r.nValue > 0) {
+    std::memcpy(dst + kRecordHeadBytes, r.pBuffer, r.nValue);
+  }
 }
 
-// A view of a record: pBuffer points into `src` (not owned) or is null.
+// A view of a record: pBuffer points into `src` (not owned) or is null. Bytes that lie
+// apart are not in `src`: the record file fills them in (RecordFile::ResolveApart).
 inline SampleRecord DecodeRecord(const uint8_t* src) {
   SampleRecord r;
   std::memcpy(&r.llTimeCode, src, 8);

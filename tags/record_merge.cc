@@ -102,7 +102,7 @@ class RecordFile::MergeWriter {
 int RecordFile::CheckRawRule(const SampleRecord& record) {
   if (kind_ != kRawSample) return 1;
   if (record.nValue < 0) return -1;
-  if (record.pBuffer != nullptr) return record.nValue <= sample_size_ ? 1 : -1;
+  if (record.pBuffer != nullptr) return 1;  // bytes of any length are kept
   // No bytes: the length must match the record it replaces, or the sample size.
   SampleRecord existing;
   std::vector<uint8_t> storage;
@@ -115,18 +115,27 @@ int RecordFile::CheckRawRule(const SampleRecord& record) {
 int RecordFile::Insert(const SampleRecord& record) {
   if (CheckRawRule(record) < 0) return -1;
   scratch_.resize(RecordBytes());
-  EncodeRecord(record, sample_size_, scratch_.data());
+  if (Encode(record, scratch_.data()) < 0) return -1;
   dirty_ = true;
-  auto hit = overlay_.find(record.llTimeCode);
+  int rc = Place(scratch_.data());
+  if (rc < 0) ForgetApart(scratch_.data());
+  MaybeCompactApart();
+  return rc;
+}
+
+// Puts one encoded record where its time code belongs: over an equal one in the overlay,
+// into the tail, or into the overlay.
+int RecordFile::Place(const uint8_t* rec) {
+  int64_t key = RecordKey(rec);
+  auto hit = overlay_.find(key);
   if (hit != overlay_.end()) {
-    std::memcpy(overlay_bytes_.data() + hit->second, scratch_.data(), RecordBytes());
+    ForgetApart(overlay_bytes_.data() + hit->second);
+    std::memcpy(overlay_bytes_.data() + hit->second, rec, RecordBytes());
     return 1;
   }
-  if (pages_.empty() || record.llTimeCode >= pages_.back().first) {
-    return InsertIntoTail(scratch_.data());
-  }
-  overlay_.emplace(record.llTimeCode, overlay_bytes_.size());
-  overlay_bytes_.insert(overlay_bytes_.end(), scratch_.begin(), scratch_.end());
+  if (pages_.empty() || key >= pages_.back().first) return InsertIntoTail(rec);
+  overlay_.emplace(key, overlay_bytes_.size());
+  overlay_bytes_.insert(overlay_bytes_.end(), rec, rec + RecordBytes());
   if (overlay_.size() >= overlay_limit_) return MergeOverlay();
   return 1;
 }
@@ -163,6 +172,7 @@ int RecordFile::InsertIntoTail(const uint8_t* rec) {
   }
   uint8_t* at = tail_.data() + bytes * lo;
   if (lo < tail.count && RecordKey(at) == key) {
+    ForgetApart(at);
     std::memcpy(at, rec, bytes);
     return 1;
   }
@@ -201,10 +211,15 @@ int RecordFile::InsertSortedRun(const SampleRecord* records, int64_t count) {
   for (int64_t at = 0; at < count; at += slice) {
     int64_t n = std::min(slice, count - at);
     run.resize(RecordBytes() * static_cast<size_t>(n));
-    for (int64_t i = 0; i < n; ++i)
-      EncodeRecord(records[at + i], sample_size_, run.data() + RecordBytes() * i);
-    if (MergeRun(run.data(), n) < 0) return -1;
+    int64_t encoded = 0;
+    while (encoded < n && Encode(records[at + encoded], run.data() + RecordBytes() * encoded) > 0)
+      ++encoded;
+    if (encoded < n || MergeRun(run.data(), n) < 0) {
+      for (int64_t i = 0; i < encoded; ++i) ForgetApart(run.data() + RecordBytes() * i);
+      return -1;
+    }
   }
+  MaybeCompactApart();
   return 1;
 }
 
@@ -231,6 +246,7 @@ int RecordFile::MergeRun(const uint8_t* run, int64_t count) {
   int64_t before = 0;
   int64_t j = 0;
   std::vector<uint8_t> page;
+  uint64_t dead = 0;  // bytes apart of the records the run replaces
   for (size_t i = first; havePages && i <= last; ++i) {
     if (LoadPage(i, &page) < 0) return Abandon(out);
     before += pages_[i].count;
@@ -241,6 +257,7 @@ int RecordFile::MergeRun(const uint8_t* run, int64_t count) {
         if (out.Emit(run + bytes * j++) < 0) return Abandon(out);
       }
       if (j < count && RecordKey(run + bytes * j) == key) {
+        if (RecordBytesApart(rec)) dead += static_cast<uint64_t>(RecordValue(rec));
         if (out.Emit(run + bytes * j++) < 0) return Abandon(out);
       } else if (out.Emit(rec) < 0) {
         return Abandon(out);
@@ -262,6 +279,7 @@ int RecordFile::MergeRun(const uint8_t* run, int64_t count) {
   pages_.insert(pages_.begin() + static_cast<ptrdiff_t>(first), fresh.begin(), fresh.end());
   if (toTail) tail_.swap(out.tail());
   count_ += out.written() - before;
+  apart_dead_ += dead;
   return 1;
 }
 

@@ -97,56 +97,72 @@ void TagObject::MirrorIntoBlock(const SampleRecord& record) {
       if (record.nValue > 0) std::memcpy(have.pBuffer, record.pBuffer, record.nValue);
       return;
     }
+    block_->bytes -= Block::Held(have);
     FreeSampleBuffer(have.pBuffer);
+    if (block_->bytes + Block::Held(record) > static_cast<size_t>(kMaxBlockBytes)) {
+      // Too many bytes for the block: the record lives in the file only.
+      recs.erase(recs.begin() + static_cast<ptrdiff_t>(pos));
+      return;
+    }
     have = CopyOut(record);
+    block_->bytes += Block::Held(have);
     return;
   }
-  if (static_cast<int64_t>(recs.size()) >= capacity_) return;
+  if (static_cast<int64_t>(recs.size()) >= capacity_ || !block_->Fits(record)) return;
   SampleRecord copy = CopyOut(record);
   try {
     recs.insert(recs.begin() + static_cast<ptrdiff_t>(pos), copy);
+    block_->bytes += Block::Held(copy);
   } catch (const std::bad_alloc&) {
     // The block is only a cache of the file; leaving the record out is safe.
     FreeSampleBuffer(copy.pBuffer);
   }
 }
 
-int64_t TagObject::InsertSorted(const SampleRecord* records, int64_t count) {
+int64_t TagObject::InsertSorted(const SampleRecord* records, int64_t count, uint8_t* stored) {
   if (records == nullptr || count <= 0) return 0;
+  if (stored != nullptr) std::memset(stored, 0, static_cast<size_t>(count));
   std::lock_guard<std::mutex> lock(mu_);
-  if (valid_ == 0) return count;
-  int64_t stored = 0;
+  // A tag that is not valid keeps nothing: none of the records counts as stored.
+  if (valid_ == 0) return 0;
+  int64_t kept = 0;
   int64_t i = 0;
   // One at a time while the interval may still be measured, or for what a batch cannot
-  // take (first samples that fix the format, raw samples without bytes or too long,
-  // samples out of order).
+  // take (first samples that fix the format, raw samples without bytes, samples out of
+  // order).
   auto batchable = [&](int64_t k) {
     const SampleRecord& r = records[k];
     if (file_ == nullptr || file_->Empty() || r.nKind != kind_) return false;
     if (k > 0 && records[k - 1].llTimeCode >= r.llTimeCode) return false;
-    if (r.nKind == kRawSample && (r.pBuffer == nullptr || r.nValue < 0 || r.nValue > raw_size_))
+    if (r.nKind == kRawSample &&
+        (r.pBuffer == nullptr || r.nValue < 0 || r.nValue > kMaxRawSampleBytes))
       return false;
     return interval_set_ != 0 || interval_ != 0;
   };
   while (i < count) {
     if (!batchable(i)) {
       MeasureIntervalLocked();
-      int rc = InsertLocked(records[i++]);
+      int rc = InsertLocked(records[i]);
       if (rc < 0 && !file_) return -1;
-      if (rc == 1) ++stored;
+      if (rc == 1) {
+        ++kept;
+        if (stored != nullptr) stored[i] = 1;
+      }
+      ++i;
       continue;
     }
     int64_t j = i + 1;
     while (j < count && batchable(j)) ++j;
     if (FlushPendingLocked() < 0 || file_->InsertSortedRun(records + i, j - i) < 0) return -1;
-    stored += j - i;
+    if (stored != nullptr) std::memset(stored + i, 1, static_cast<size_t>(j - i));
+    kept += j - i;
     i = j;
     // The block is a cache of the file; after a batch it starts again.
     block_->Clear();
     cursor_ = 0;
     cached_pos_[0] = cached_pos_[1] = -1;
   }
-  return stored;
+  return kept;
 }
 
 int TagObject::Get(int64_t timeCode, SampleRecord* out) {
@@ -178,6 +194,7 @@ int TagObject::Get(int64_t timeCode, SampleRecord* out) {
   block_->Clear();
   cursor_ = 0;
   file_->Scan(timeCode, true, false, 0, [&](const SampleRecord& r) {
+    if (!block_->Fits(r)) return false;
     SampleRecord copy = CopyOut(r);
     try {
       recs.push_back(copy);
@@ -185,6 +202,7 @@ int TagObject::Get(int64_t timeCode, SampleRecord* out) {
       FreeSampleBuffer(copy.pBuffer);
       return false;
     }
+    block_->bytes += Block::Held(copy);
     return static_cast<int64_t>(recs.size()) < capacity_;
   });
   cached_pos_[0] = cached_pos_[1] = -1;

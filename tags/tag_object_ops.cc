@@ -21,14 +21,17 @@ int64_t TagObject::CountInPeriod(int64_t start, int64_t end) {
   return std::max<int64_t>(0, file_->CountRange(start, end >= 0, end));
 }
 
-int64_t TagObject::ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int64_t capacity) {
+int64_t TagObject::ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int64_t capacity,
+                              int64_t maxBytes) {
   if (out == nullptr || capacity <= 0) return 0;
   std::lock_guard<std::mutex> lock(mu_);
   if (!file_ || FlushPendingLocked() < 0) return 0;
   int64_t written = 0;
+  int64_t bytes = 0;
   file_->Scan(start, true, end >= 0, end, [&](const SampleRecord& r) {
     out[written++] = CopyOut(r);
-    return written < capacity;
+    bytes += static_cast<int64_t>(Block::Held(out[written - 1]));
+    return written < capacity && bytes < maxBytes;
   });
   return written;
 }
@@ -227,9 +230,10 @@ int TagObject::BulkAppend(const SampleRecord& record) {
   } else if (record.llTimeCode <= recs.back().llTimeCode) {
     inOrder = false;
   }
-  if (record.nKind != kind_ || (raw && record.nValue > raw_size_)) inOrder = false;
+  if (record.nKind != kind_) inOrder = false;
   if (!inOrder) return InsertLocked(record) == 1 ? 1 : -1;
-  if (static_cast<int64_t>(recs.size()) >= capacity_ && FlushPendingLocked() < 0) return -1;
+  bool full = static_cast<int64_t>(recs.size()) >= capacity_ || !block_->Fits(record);
+  if (full && FlushPendingLocked() < 0) return -1;
   SampleRecord copy = CopyOut(record);
   try {
     recs.push_back(copy);
@@ -237,6 +241,7 @@ int TagObject::BulkAppend(const SampleRecord& record) {
     FreeSampleBuffer(copy.pBuffer);
     return -1;
   }
+  block_->bytes += Block::Held(copy);
   pending_ = true;
   return 1;
 }
@@ -254,9 +259,11 @@ int TagObject::FlushMemoryBlock() {
 }
 
 int64_t TagObject::ReadAfterLocked(int64_t afterTime, bool inclusive, int64_t capacity,
-                                   std::vector<SampleRecord>* out, std::vector<uint8_t>* bytes) {
+                                   std::vector<SampleRecord>* out, std::vector<uint8_t>* bytes,
+                                   bool* full) {
   out->clear();
   bytes->clear();
+  *full = false;
   if (!file_ || FlushPendingLocked() < 0) return 0;
   std::vector<size_t> offsets;
   file_->Scan(afterTime, inclusive, false, 0, [&](const SampleRecord& r) {
@@ -266,7 +273,11 @@ int64_t TagObject::ReadAfterLocked(int64_t afterTime, bool inclusive, int64_t ca
       bytes->insert(bytes->end(), r.pBuffer, r.pBuffer + r.nValue);
     }
     out->push_back(copy);
-    return static_cast<int64_t>(out->size()) < capacity;
+    // A chunk also ends at the block's byte bound, so raw samples of any length cannot
+    // make one chunk hold more than that (and one sample).
+    *full = static_cast<int64_t>(out->size()) >= capacity ||
+            bytes->size() >= static_cast<size_t>(kMaxBlockBytes);
+    return !*full;
   });
   // The bytes have their final home now: point the records at them.
   for (size_t i = 0; i < out->size(); ++i) {
@@ -284,8 +295,9 @@ TagRecordCursor::TagRecordCursor(TagObject* tag, int64_t chunkRecords)
 void TagRecordCursor::Load(int64_t afterTime, bool inclusive) {
   pos_ = 0;
   std::lock_guard<std::mutex> lock(tag_->mu_);
-  tag_->ReadAfterLocked(afterTime, inclusive, chunk_, &records_, &bytes_);
-  exhausted_ = static_cast<int64_t>(records_.size()) < chunk_;
+  bool full = false;
+  tag_->ReadAfterLocked(afterTime, inclusive, chunk_, &records_, &bytes_, &full);
+  exhausted_ = !full;
 }
 
 void TagRecordCursor::Next() {

@@ -59,7 +59,8 @@ std::vector<CacheEntry> EntriesOf(const std::string& file, const std::vector<Cac
   std::vector<CacheEntry> found;
   for (CacheKind kind : kinds) {
     CacheEntry e;
-    if (ReadCacheEntry(kind, CacheSubKeyName(file), &e)) found.push_back(std::move(e));
+    if (FindEntryByPath(kind, file, &e) || ReadCacheEntry(kind, CacheSubKeyName(file), &e))
+      found.push_back(std::move(e));
   }
   return found;
 }

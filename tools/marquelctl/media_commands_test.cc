@@ -102,6 +102,32 @@ TEST(DetectCommand, ProgramStreamsAndNames) {
   EXPECT_EQ(r.out, "0 MQ_FORMAT_NONE\n");
 }
 
+TEST(DetectCommand, NamesTheFormatsKnownByTheirFirstBytes) {
+  struct Case {
+    Bytes head;
+    const char* name;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {{0x1A, 0x45, 0xDF, 0xA3, 0x87, 0x42, 0x82, 0x84, 'w', 'e', 'b', 'm'},
+       "a.webm",
+       "18 MQ_FORMAT_WEBM\n"},
+      {{0x1A, 0x45, 0xDF, 0xA3, 0x80}, "a.mkv", "17 MQ_FORMAT_MKV\n"},
+      {{'F', 'L', 'V', 1, 5, 0, 0, 0, 9}, "a.flv", "19 MQ_FORMAT_FLV\n"},
+      {{0, 0, 0, 16, 'f', 't', 'y', 'p', '3', 'g', 'p', '5'}, "a.3gp", "21 MQ_FORMAT_3GP\n"},
+      {{0, 0, 0, 1, 0x67, 0x42}, "a.264", "23 MQ_FORMAT_H264\n"},
+  };
+  for (const Case& c : cases) {
+    Bytes bytes = c.head;
+    bytes.resize(1000, 0x11);
+    const std::string path = test::TestPath(c.name);
+    ctltest::WriteBytes(path, bytes);
+    Result r = Ctl({"detect", path});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, c.expected);
+  }
+}
+
 TEST(DetectCommand, MissingFileAndUsage) {
   Result r = Ctl({"detect", test::TestPath("missing.ts")});
   EXPECT_EQ(r.status, 1);

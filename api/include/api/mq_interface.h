@@ -56,19 +56,29 @@ class CMQInterface {
 
   // --- Files ---------------------------------------------------------------------------
 
-  // *nFileHandle always receives the table's answer (also -1); E_FAIL for -1. A path
-  // that exists but is not a regular file (a FIFO, a device, a folder) is E_FAIL and -1,
-  // whatever nFileType says; it is never opened in a way that could wait.
+  // *nFileHandle always receives the table's answer (also -1); E_FAIL for -1. bOverwrite
+  // deletes every sample of the file, negative time codes too. nFileType counts only for a
+  // file that does not exist yet: it must then be a format code, 1 to 26
+  // (media/file_type.h); 0 or another number fails, as no cache could keep the tags.
+  // A path that exists but is not a regular file (a FIFO, a device, a folder) is E_FAIL
+  // and -1, whatever nFileType says; it is never opened in a way that could wait.
   HRESULT InitialFile(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
                       int32_t* nFileHandle);
   HRESULT InitialFile2(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
                        int32_t nTags, const int32_t* pnTags, int32_t bReadOnly, int64_t llStartTime,
                        int64_t llEndTime, int32_t* nFileHandle);
-  // tableResult, when given, receives the table's close result (MQ_ERR when nothing was
-  // closed): the bus adaptor uses it to keep its per-client record of opens.
+  // S_OK when the tags were kept: written to the cache (the last close), or the file is
+  // still held by other references. The last close of an MPEG-2, SVCD or TS file without
+  // bWriteToCache also puts the file on the pending list, but only once its cache write
+  // succeeded. E_FAIL when nothing was closed, or the last close could not keep the tags
+  // (cache folder unwritable, disk full, media file gone, path too long for a record):
+  // nothing is then pending. tableResult, when given, receives the table's close result
+  // (MQ_ERR when nothing was closed): the bus adaptor uses it to keep its per-client
+  // record of opens.
   HRESULT CloseFile(int32_t nFileHandle, int32_t bWriteToCache, int32_t* tableResult = nullptr);
   HRESULT CloseVOBFile(int32_t nFileHandle);
   HRESULT CloseVCDORSVCDFile(int32_t nFileHandle);
+  // Deletes every sample of the file, negative time codes too; E_FAIL for a closed handle.
   HRESULT CleanFile(int32_t nFileHandle);
   HRESULT FileRename(int32_t nFileHandle, const std::string& wNewFileName);
 
@@ -101,6 +111,9 @@ class CMQInterface {
 
   // --- Plain samples -------------------------------------------------------------------
 
+  // S_OK when the sample is stored (or, by R2, the handle has no file); E_FAIL when an
+  // open file does not store it: a tag id that takes raw data, a tag of raw samples, or a
+  // record-file failure.
   HRESULT InsertDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                         int64_t llTimeCode, int32_t nData);
   // Inserts nDataCount records of mqTags one by one; S_OK when all were stored.
@@ -123,6 +136,11 @@ class CMQInterface {
   // --- Raw-data samples ----------------------------------------------------------------
 
   // `available` is the number of bytes readable at pData; more than arrived is refused.
+  // Any length is kept (QueryRawDataTagSampleSize keeps the first sample's), up to
+  // 2^width - 1 bytes for the tag's width and 16 MiB; S_OK when stored (or, by R2, the
+  // handle has no file). E_FAIL when an open file does not store it: a longer sample, a
+  // tag id that takes no raw data, a tag of plain samples, no bytes with a length other
+  // than the record's it empties, or a record-file failure.
   HRESULT InsertRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                            int64_t llTimeCode, int32_t nLength, const uint8_t* pData,
                            size_t available);
@@ -177,6 +195,10 @@ class CMQInterface {
                                     int64_t llTimeEnd);
   HRESULT DeleteDataPeriodForOneCategory(int32_t nFileHandle, int32_t nCategory,
                                          int64_t llTimeStart, int64_t llTimeEnd);
+  // Moves and copies (every form below) insert what the target takes, as an insert would;
+  // a move deletes from the source only those samples. E_FAIL for a closed handle, a zero
+  // denominator (nothing changes), or when the target refused a sample (the rest is still
+  // copied or moved, and the refused samples stay in the source).
   HRESULT MoveDataPeriod(int32_t nTargetHandle, int32_t nSourceHandle, int64_t llTargetStartTime,
                          int64_t llSrcStartTime, int64_t llSrcEndTime,
                          int32_t nTimeStretchNumerator, int32_t nTimestretchDenominator);

@@ -49,6 +49,8 @@ class IMQInterface {
  public:
   virtual ~IMQInterface() = default;
 
+  // nFileType counts only for a file that does not exist yet: it must then be a format
+  // code, 1 to 26 (the server's detection codes); 0 or another number gives E_FAIL.
   // E_FAIL (handle -1) for a path that exists but is not a regular file: a FIFO, a device
   // or a folder. The same holds for InitialFile2.
   virtual HRESULT InitialFile(const char* wFileName, int32_t nFileType, int32_t bOverwrite,
@@ -79,11 +81,14 @@ class IMQInterface {
   virtual HRESULT QueryOneFileTagCount(int32_t nFileHandle, int32_t* nTagCount) = 0;
   virtual HRESULT QueryOneFileTagList(int32_t nFileHandle, int32_t m, int32_t* nTagList) = 0;
   virtual HRESULT QueryMQExisted(int32_t nFileHandle, int32_t* bMQExisted) = 0;
+  // Deletes every sample of the file, negative time codes too.
   virtual HRESULT CleanFile(int32_t nFileHandle) = 0;
   // *llStartAddress is written only when the file has a start address above 0.
   virtual HRESULT GetMQDataStartAddress(int32_t nFileHandle, int64_t* llStartAddress) = 0;
   virtual HRESULT GetMQInfo(int32_t dwValue, MarquelVariant* pVariant) = 0;
   virtual HRESULT SetMQInfo(int32_t dwValue, MarquelVariant* pVariant) = 0;
+  // Moves and copies insert what the target takes and a move deletes only that from the
+  // source; E_FAIL when the target refused a sample (the rest still goes).
   virtual HRESULT MoveDataPeriod(int32_t nTargetHandle, int32_t nSourceHandle,
                                  int64_t llTargetStartTime, int64_t llSrcStartTime,
                                  int64_t llSrcEndTime, int32_t nTimeStretchNumerator,
@@ -127,6 +132,8 @@ class IMQInterface {
   // pData has nLength bytes; E_INVALIDARG when the stored sample is longer.
   virtual HRESULT GetRawDataOne(int32_t nFileHandle, int32_t nTagID, int64_t llTimeCode,
                                 int32_t nLength, uint8_t* pData) = 0;
+  // Any length is kept, up to 2^width - 1 bytes for the tag's width (and 16 MiB); E_FAIL
+  // when the open file does not store the sample (too long, a tag of the other kind).
   virtual HRESULT InsertRawDataOne(int32_t nFileHandle, int32_t nTagID, int64_t llTimeCode,
                                    int32_t nLength, const uint8_t* pData) = 0;
   virtual HRESULT QueryOneFileRawDataTagList(int32_t nFileHandle, int32_t m, int32_t* nTagList,

@@ -50,7 +50,8 @@ class MarquelFiles {
   // Opens `name` (UTF-8). A name already open gets its handle and one more reference (the
   // session reopens when the tag selection changed); otherwise the lowest free slot gets
   // a new session, opened with the type, bLoad 1 and the selection. bOverwrite deletes
-  // every sample afterwards. Returns the handle, or -1 (table full, open failed).
+  // every sample afterwards (negative time codes too). Returns the handle, or -1 (table full, open
+  // failed).
   int32_t OpenFile(const std::string& name, int32_t nFileType, int32_t bOverwrite, int32_t nTags,
                    const int32_t* pnTags, int32_t bReadOnly, int64_t llStartTime,
                    int64_t llEndTime);
@@ -61,7 +62,7 @@ class MarquelFiles {
   // the slot. The session's result, or -1.
   int32_t CloseVOBFile(int32_t handle);
   int32_t CloseVCDORSVCDFile(int32_t handle);
-  // Deletes every sample of every tag of every program. 1, or -1.
+  // Deletes every sample of every tag of every program, negative time codes too. 1, or -1.
   int32_t CleanFile(int32_t handle);
 
   // --- Table queries -------------------------------------------------------------------

@@ -66,17 +66,24 @@ bool DeleteCacheEntry(CacheKind kind, const std::string& subKey);
 // True when one was deleted.
 bool EvictCacheId(CacheKind kind, uint32_t id);
 
-// Finds the entry of a media file in the VR, TS, AVI or other cache. By name: the sub-key
-// named after the file, whose record has the same path (A-Z compared without case), the
-// same identity words and whose "CONTENTINFO" is the fingerprint (0 when not taken). Else,
-// when the fingerprint was taken, by content: the first complete entry whose
-// "CONTENTINFO" is the fingerprint and whose identity words are equal. False when neither
-// finds one.
+// The entry of `mediaPath` in `kind` under one of its key names (CacheLookupKeyNames):
+// one whose record names exactly this path, or, while the file's volume ignores case,
+// this path in another spelling. A key name alone proves nothing (a hashed one may be
+// shared, and the store folds case), so the record decides. The entry may lack other
+// values. False when there is none.
+bool FindEntryByPath(CacheKind kind, const std::string& mediaPath, CacheEntry* out);
+
+// Finds the entry of a media file in the VR, TS, AVI or other cache. By name: the file's
+// entry (FindEntryByPath) with the same identity words and whose "CONTENTINFO" is the
+// fingerprint (0 when not taken). Else, when the fingerprint was taken, by content: the
+// first complete entry whose "CONTENTINFO" is the fingerprint, whose identity words are
+// equal and whose own media file is gone (the file was renamed or moved) or is this very
+// file (another name of it). A copy whose original is still there has no entry yet:
+// the two keep an entry each. False when neither finds one.
 bool FindCacheEntry(CacheKind kind, const std::string& mediaPath, const uint64_t identity[2],
                     const ContentSample& sample, CacheEntry* out);
 
-// Finds the temp-cache entry of a media file: the sub-key named after it, with a temp
-// record of the same path. False when there is none.
+// Finds the temp-cache entry of a media file (FindEntryByPath). False when there is none.
 bool FindTempCacheEntry(const std::string& mediaPath, CacheEntry* out);
 
 }  // namespace marquel

@@ -8,15 +8,17 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace marquel {
 
 enum class CacheKind : int32_t {
   kVR = 0,     // DVD video and video-recording files (VOB, VRO)
   kTS = 1,     // transport streams, one cache file per program
-  kOther = 2,  // formats recognised by name (MP4, WMV, MOV ...)
+  kOther = 2,  // formats recognised by name (MP4, WMV, MOV ...) or magic number (MKV ...)
   kAVI = 3,    // AVI and DV
-  kTemp = 4,   // program streams (MPEG-1, MPEG-2, VCD, SVCD): the waypoint before migration
+  kTemp = 4,   // program streams (MPEG-1, MPEG-2, VCD, SVCD): the waypoint before migration;
+               // also files of no known format
 };
 constexpr int32_t kCacheKindCount = 5;
 
@@ -59,12 +61,21 @@ std::string CacheEntryKeyPath(CacheKind kind, const std::string& subKeyName);
 // Splits the full key of a cache entry into its kind and sub-key name; false when the key
 // is not directly below one of the base keys (compared without regard to ASCII case).
 bool SplitCacheEntryKeyPath(const std::string& keyPath, CacheKind* kind, std::string* subKey);
-// The key name of a media file, as its entries are named.
+// The key name a media file's entries are written under (FittingFileKeyName): readable
+// where it fits in a key name, else hashed; capitals marked unless the file's volume
+// ignores case. Asked while the file is there, the volume gives the right answer.
 std::string CacheSubKeyName(const std::string& mediaPath);
+
+// The key names under which a media file's entries may be, in the order to try:
+// CacheSubKeyName, then the name the other answer about case gives (when it differs).
+// The second finds an entry written while the volume answered otherwise: a removable
+// volume that is absent now (its mount point then answers for it), or one judged
+// otherwise by an earlier version. *folds (when given) is the volume's answer now.
+std::vector<std::string> CacheLookupKeyNames(const std::string& mediaPath, bool* folds = nullptr);
 
 // The kind that closing a file of format `format` writes: the temp cache for 0 to 4, the
 // VR cache for 6 and 7, the AVI cache for 8 and 9, the TS cache for 10, the other cache
-// for 5 and 11 to 16. False for any other code.
+// for 5, 11 to 16 and 17 to 26. False for any other code.
 bool CacheKindForFormat(int32_t format, CacheKind* kind);
 
 }  // namespace marquel

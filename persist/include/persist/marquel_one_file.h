@@ -59,8 +59,9 @@ class MarquelOneFile {
   // --- Open and close ------------------------------------------------------------------
 
   // Opens the session. Makes program 0 (PMT PID 0) when missing. A missing media file with
-  // nType 0 gives -1; with another type the session takes nType, start address -1 and
-  // zero identity words, and returns 1. An existing file that cannot be read logs
+  // nType 0, or with a number that is no format code (media/file_type.h), gives -1: no
+  // cache could keep its tags. With a format code the session takes nType, start address
+  // -1 and zero identity words, and returns 1. An existing file that cannot be read logs
   // "[%d] can not read %s" and gives -1; otherwise LoadExisting decides.
   int Open(int32_t nType, int32_t bLoad, int32_t bQueryOnly);
 

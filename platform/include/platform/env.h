@@ -28,8 +28,9 @@ class Env {
   virtual std::string FileSystemName(const std::string& path);
 
   // Whether names on the volume holding `path` compare without regard to case: true for
-  // FAT16, FAT32, vfat, msdos, exfat, ntfs, ntfs3 and fuseblk (the NTFS and exFAT FUSE
-  // drivers). Uses FileSystemName, so a fake volume name is enough to change it.
+  // FAT16, FAT32, vfat, msdos and exfat only (NTFS tells case apart on Linux, and
+  // fuseblk may be any FUSE block file system). Uses FileSystemName, so a fake volume
+  // name is enough to change it.
   virtual bool IsCaseInsensitiveVolume(const std::string& path);
 
   // The application-data folder: $XDG_DATA_HOME, else $HOME/.local/share. Read from the

@@ -49,10 +49,15 @@ class MQOneProgram {
 
   // --- Samples -------------------------------------------------------------------------
 
-  // Inserts one sample into `tagId`. A raw sample needs a tag id of type 5 (else 0), and a
-  // length of 0..kMaxRawSampleBytes (else 0). Creates the tag on first use. Returns 1, 0
-  // (refused) or -1 (record file cannot be made; raw length rules, see TagObject::Insert).
+  // Inserts one sample into `tagId`. A raw sample needs a tag id of type 5 and a length of
+  // 0..min(kMaxRawSampleBytes, RawLengthLimit(tagId)); a plain sample needs a tag id of
+  // another type. Creates the tag on first use. Returns 1 when the sample is stored and 0
+  // when it is not: refused by these rules or by the tag (the other kind than the tag's
+  // samples, the length rule of TagObject::Insert), or lost to a record file failure.
+  // Never -1, which the table keeps for a handle without a file.
   int InsertOne(int32_t tagId, const SampleRecord& record);
+  // Whether InsertOne's own rules (before the tag's) let `record` into `tagId`.
+  static bool Admits(int32_t tagId, const SampleRecord& record);
   // Inserts `count` samples one at a time and returns how many were stored (the sum of
   // the results that are 1). 0 for a null array or a count below 1.
   int32_t InsertMany(int32_t tagId, const SampleRecord* records, int32_t count);

@@ -34,10 +34,13 @@ bool ScopeCovers(const TagScope& scope, const MQOneProgram& program, int32_t tag
 
 // Period copy of the samples of [srcStart, srcEnd) of the covered tags of `source` into
 // the same tag ids of `target`, each at its stretched time code (an equal time code in the
-// target is replaced). With `move` the source period is then deleted from the source tag,
-// after the inserts, so samples that land inside the source period of the same program
-// are deleted again. `source` and `target` may be the same program. Returns 1, or -1 for
-// a zero denominator or when a buffer cannot be had.
+// target is replaced). The target takes a sample as MQOneProgram::InsertOne would. With
+// `move` the samples the target kept are then deleted from the source tag, after the
+// inserts (when it kept all, the whole source period is deleted, so samples that land
+// inside the source period of the same program are deleted again); samples the target
+// refused stay in the source. `source` and `target` may be the same program. Returns 1;
+// -1 for a zero denominator (before any change), when a buffer cannot be had, or when the
+// target refused a sample (every other sample is still copied or moved).
 int CopyPeriodBetweenPrograms(MQOneProgram& source, MQOneProgram& target, const TagScope& scope,
                               int64_t targetStart, int64_t srcStart, int64_t srcEnd,
                               int32_t numerator, int32_t denominator, bool move);

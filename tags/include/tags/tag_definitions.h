@@ -41,4 +41,13 @@ inline bool AcceptsRawData(int32_t tagId) {
   return IsValidTagId(tagId) && kTagDefinitions[tagId].nType == kRawDataTagType;
 }
 
+// The longest raw sample, in bytes, that the data block can carry for `tagId`: its count
+// field is the tag's value width, so 2^width - 1 (tag 31, 4 bits: 15 bytes). 0 for an id
+// that is not a tag id.
+inline int64_t RawLengthLimit(int32_t tagId) {
+  if (!IsValidTagId(tagId)) return 0;
+  int32_t bits = kTagDefinitions[tagId].nBits;
+  return bits >= 62 ? INT64_MAX : (int64_t{1} << bits) - 1;
+}
+
 }  // namespace marquel

@@ -28,6 +28,8 @@ class TagObject {
   // A raw sample of this many bytes or more limits the memory block to kLargeRawBlockCap.
   static constexpr int32_t kLargeRawBytes = 51200;
   static constexpr int32_t kLargeRawBlockCap = 16;
+  // The raw bytes the memory block holds stay within this many (one record may exceed it).
+  static constexpr int32_t kMaxBlockBytes = 16 * 1024 * 1024;
   // The sampling interval measured from the first two records is never below this.
   static constexpr int64_t kMinMeasuredInterval = 150000;
   // Two records further apart than this split a valid interval.
@@ -45,19 +47,21 @@ class TagObject {
   // Inserts one sample. Before the insert, when the interval is neither set nor measured
   // and records 0 and 1 exist, the interval becomes their distance (at least
   // kMinMeasuredInterval). An equal time code replaces the stored sample. Raw length rules:
-  // the first sample of an empty tag fixes kind and sample size; a raw sample with another
-  // length and no bytes is refused with -1, and so is one longer than the sample size;
-  // a shorter one with bytes is kept with its own length. Returns 1; 0 when refused (a
-  // sample of the other kind than the tag's samples, a bad kind or length); -1 when the
-  // record file cannot be made or a length rule refuses it. While the tag is not valid
-  // (SetValid) the insert does nothing and returns 1.
+  // the first sample of an empty tag fixes kind and sample size (RawSampleSize); a later
+  // raw sample with bytes is kept with its own length, whatever it is (up to
+  // kMaxRawSampleBytes); one without bytes must have the length of the record it empties
+  // (or, at a new time code, the sample size) and is refused with -1 otherwise. Returns 1;
+  // 0 when refused (a sample of the other kind than the tag's samples, a bad kind or
+  // length); -1 when the record file cannot be made or written, or the length rule refuses
+  // it. While the tag is not valid (SetValid) the insert does nothing and returns 1.
   int Insert(const SampleRecord& record);
 
   // Inserts records sorted by strictly ascending time code, with the same result for
   // every record as Insert would give one at a time, but merged into the record file in
   // one pass. Returns the number of records stored, or -1 when the record file cannot be
-  // made. Records out of order are inserted one at a time.
-  int64_t InsertSorted(const SampleRecord* records, int64_t count);
+  // made or written. Records out of order are inserted one at a time. When `stored` is
+  // given, stored[i] becomes 1 for each record kept and 0 for each one refused or lost.
+  int64_t InsertSorted(const SampleRecord* records, int64_t count, uint8_t* stored = nullptr);
 
   // Exact lookup. 1 with *out filled (raw bytes: a fresh copy to free), -1 when the tag has
   // no samples, 0 when no record has that time code.
@@ -68,8 +72,10 @@ class TagObject {
   // Number of samples in [start, end); an end below 0 means up to the last sample.
   int64_t CountInPeriod(int64_t start, int64_t end);
   // Copies the samples of [start, end) in order into out[0..capacity) and returns how many
-  // were written (never more than capacity; raw bytes are fresh copies to free).
-  int64_t ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int64_t capacity);
+  // were written (never more than capacity; raw bytes are fresh copies to free). The read
+  // also stops once the copied raw bytes reach maxBytes (after at least one sample).
+  int64_t ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int64_t capacity,
+                     int64_t maxBytes = INT64_MAX);
 
   // --- Period editing ------------------------------------------------------------------
 
@@ -140,7 +146,7 @@ class TagObject {
   void MeasureIntervalLocked();
   void MirrorIntoBlock(const SampleRecord& record);
   int64_t ReadAfterLocked(int64_t afterTime, bool inclusive, int64_t capacity,
-                          std::vector<SampleRecord>* out, std::vector<uint8_t>* bytes);
+                          std::vector<SampleRecord>* out, std::vector<uint8_t>* bytes, bool* full);
   int64_t CountIntervalsLocked(int64_t* starts, int64_t* ends, int64_t capacity);
 
   const int32_t tag_id_;
