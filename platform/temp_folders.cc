@@ -102,26 +102,33 @@ int LockOwnFolder(const std::string& folder) {
   return -1;
 }
 
-// At a normal exit the own folders go, when nothing but the lock is left in them. A
-// folder that still holds files stays for the next clean-up (its lock is gone then).
+// Removes an own folder and drops its lock when nothing but the lock is left in it; a
+// folder that still holds files keeps its lock unless `always` (the process is ending:
+// the next clean-up removes the folder then). Under g_mutex.
+void Release(OwnFolder& own, bool always) {
+  DIR* dir = opendir(own.folder.c_str());
+  bool only_lock = dir != nullptr;
+  while (struct dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
+    const std::string name = e->d_name;
+    if (name != "." && name != ".." && name != kLockName) only_lock = false;
+  }
+  if (dir != nullptr) closedir(dir);
+  if (only_lock) {
+    unlink((own.folder + "/" + kLockName).c_str());
+    rmdir(own.folder.c_str());
+  }
+  if (only_lock || always) {
+    close(own.lock_fd);
+    own.lock_fd = -1;
+  }
+}
+
+// At a normal exit the own folders go, when nothing but the lock is left in them.
 void RemoveOwnFoldersAtExit() {
   std::lock_guard<std::mutex> lock(g_mutex);
   const pid_t self = getpid();
   for (OwnFolder& own : *g_own) {
-    if (own.pid != self || own.lock_fd < 0) continue;
-    DIR* dir = opendir(own.folder.c_str());
-    bool only_lock = dir != nullptr;
-    while (struct dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
-      const std::string name = e->d_name;
-      if (name != "." && name != ".." && name != kLockName) only_lock = false;
-    }
-    if (dir != nullptr) closedir(dir);
-    if (only_lock) {
-      unlink((own.folder + "/" + kLockName).c_str());
-      rmdir(own.folder.c_str());
-    }
-    close(own.lock_fd);
-    own.lock_fd = -1;
+    if (own.pid == self && own.lock_fd >= 0) Release(own, true);
   }
 }
 
@@ -172,6 +179,11 @@ std::string ProcessTempFolder() {
   const std::string folder = root + "/" + std::to_string(self);
   const int fd = LockOwnFolder(folder);
   if (fd < 0) return std::string();
+  // A folder of an earlier temp folder (tests change TMPDIR) goes once it is empty, so
+  // that its lock does not hold a descriptor for the rest of the process.
+  for (OwnFolder& own : *g_own) {
+    if (own.pid == self && own.lock_fd >= 0) Release(own, false);
+  }
   static bool registered = false;
   if (!registered) registered = std::atexit(RemoveOwnFoldersAtExit) == 0;
   g_own->push_back(OwnFolder{self, root, folder, fd});

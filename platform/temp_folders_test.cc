@@ -142,6 +142,24 @@ TEST(ProcessTempFolders, AForkedChildGetsAFolderOfItsOwn) {
             0);
 }
 
+TEST(ProcessTempFolders, AnEmptyFolderOfAnEarlierTempFolderIsLetGo) {
+  const std::string first = ProcessTempFolder();
+  const std::string busy_root = test::TestPath("busy");
+  ASSERT_TRUE(MakeFolder(busy_root));
+  setenv("TMPDIR", busy_root.c_str(), 1);
+  const std::string busy = ProcessTempFolder();
+  std::ofstream(busy + "/MQT4.tmp") << "in use";
+  ASSERT_TRUE(MakeFolder(test::TestPath("later")));
+  setenv("TMPDIR", test::TestPath("later").c_str(), 1);
+  ProcessTempFolder();
+  EXPECT_FALSE(FileExists(first)) << "nothing in it: removed";
+  EXPECT_TRUE(FileExists(busy + "/MQT4.tmp"));
+  int fd = open((busy + "/lock").c_str(), O_RDWR);
+  ASSERT_GE(fd, 0);
+  EXPECT_NE(flock(fd, LOCK_EX | LOCK_NB), 0) << "a folder with files keeps its lock";
+  close(fd);
+}
+
 TEST(ProcessTempFolders, APerUserFolderOpenToOthersIsNotUsed) {
   const std::string root = TempFoldersRoot();
   ASSERT_EQ(mkdir(root.c_str(), 0777), 0);
