@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "block_test_util.h"
+#include "log/log_capture.h"
 #include "platform/crc32.h"
 #include "tags/block_format.h"
 
@@ -93,14 +94,41 @@ TEST(BlockGolden, StepOf999999IsRelativeAnd1000000IsAbsolute) {
   EXPECT_EQ(SamplesOf(back, 2), (Pairs{{5, 0xA1}, {1000004, 0xB2}, {2000004, 0xC3}}));
 }
 
-TEST(BlockGolden, DeltaTagWithFallingValues) {
-  // Tag 254 (8 bits, type 1): values 10, 15, 12, 0 every 10 time units.
-  const Bytes golden = Cat({
+// The header, tag-id and length streams of four samples of tag 254 (8 bits, type 1), one
+// every 10 time units from 10.
+Bytes DeltaTagHeadAndIds() {
+  return Cat({
       {0x01, 0x01, 0xFA, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00,
        0x14, 0x00, 0x00, 0x00, 0x0C, 0x00, 0x00, 0x01, 0x00, 0x54, 0xAB, 0xA4, 0xA9},
       {0x01, 0xFE, 0x01, 0xFE, 0x01, 0xFE, 0x01, 0xFE, 0xE5, 0x69, 0x74, 0x0F},
       // four times 01000, padded: 0100'0010 0001'0000 1000'0000.
       {0x42, 0x10, 0x80, 0x2B, 0x25, 0x11, 0xCD},
+  });
+}
+
+TEST(BlockGolden, DeltaTagCountsPastItsWidth) {
+  // Tag 254 (8 bits, type 1): 100, 300, 500, 700. The steps 100, 200, 200, 200 fit in 8
+  // bits, and the reader's sum is not cut to them.
+  const Bytes golden = Cat({
+      DeltaTagHeadAndIds(),
+      // Each step: 0A 00 00 (10 since the last time entry), then 64 (100 - 0), C8 (200).
+      {0x0A, 0x00, 0x00, 0x64, 0x0A, 0x00, 0x00, 0xC8, 0x0A, 0x00,
+       0x00, 0xC8, 0x0A, 0x00, 0x00, 0xC8, 0x8D, 0xCD, 0x1D, 0xB4},
+  });
+  BlockContent c;
+  AddPlain(c, 254, {{10, 100}, {20, 300}, {30, 500}, {40, 700}});
+  log::LogCapture log;
+  ExpectWrites(c, golden);
+  EXPECT_TRUE(log.Lines().empty());
+  BlockContent back;
+  ASSERT_EQ(Decode(golden, &back), 1);
+  EXPECT_EQ(SamplesOf(back, 254), (Pairs{{10, 100}, {20, 300}, {30, 500}, {40, 700}}));
+}
+
+TEST(BlockGolden, DeltaTagWithFallingValuesIsWrittenCutAndLogged) {
+  // Tag 254 (8 bits, type 1): values 10, 15, 12, 0 every 10 time units.
+  const Bytes golden = Cat({
+      DeltaTagHeadAndIds(),
       // Each step: 0A 00 00 (10 since the last time entry), then the difference:
       // 0A (10 - 0), 05 (15 - 10), FD (12 - 15 = -3), F4 (0 - 12 = -12), in 8 bits.
       {0x0A, 0x00, 0x00, 0x0A, 0x0A, 0x00, 0x00, 0x05, 0x0A, 0x00,
@@ -108,11 +136,13 @@ TEST(BlockGolden, DeltaTagWithFallingValues) {
   });
   BlockContent c;
   AddPlain(c, 254, {{10, 10}, {20, 15}, {30, 12}, {40, 0}});
+  log::LogCapture log;
   ExpectWrites(c, golden);
+  EXPECT_TRUE(log.Has("tag 254 (delta, width 8)"));
   BlockContent back;
   ASSERT_EQ(Decode(golden, &back), 1);
-  // The running sum is kept modulo 2^8: 10, 15, 15 + 253 = 268 -> 12, 12 + 244 -> 0.
-  EXPECT_EQ(SamplesOf(back, 254), (Pairs{{10, 10}, {20, 15}, {30, 12}, {40, 0}}));
+  // The running sum is a plain one: 10, 15, 15 + 253 = 268, 268 + 244 = 512.
+  EXPECT_EQ(SamplesOf(back, 254), (Pairs{{10, 10}, {20, 15}, {30, 268}, {40, 512}}));
 }
 
 TEST(BlockGolden, NarrowFieldsShareBytes) {
