@@ -1,11 +1,9 @@
 // The routers: empty slots, handles out of range, program indexes, and their answers.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-
-#include <csignal>
 
 #include "files/marquel_files.h"
 #include "files_test_util.h"
+#include "testsupport/file_size_limit.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel {
@@ -147,27 +145,6 @@ TEST(RoutesTest, ProgramsAndFacts) {
   EXPECT_EQ(table.FindFile(renamed), h);
 }
 
-// Writes to files fail while it lives (the file size limit is 0, and the signal that
-// would come with it is ignored).
-class NoFileWrites {
- public:
-  NoFileWrites() {
-    getrlimit(RLIMIT_FSIZE, &saved_);
-    old_handler_ = signal(SIGXFSZ, SIG_IGN);
-    rlimit none = saved_;
-    none.rlim_cur = 0;
-    setrlimit(RLIMIT_FSIZE, &none);
-  }
-  ~NoFileWrites() {
-    setrlimit(RLIMIT_FSIZE, &saved_);
-    signal(SIGXFSZ, old_handler_);
-  }
-
- private:
-  rlimit saved_{};
-  sighandler_t old_handler_ = nullptr;
-};
-
 // The delete must rewrite a page of each program and cannot: it fails in program 0 and
 // stops there, as within a program, so program 1 keeps every sample.
 TEST(RoutesTest, TheCategoryDeleteStopsAtTheFirstFailingProgram) {
@@ -181,7 +158,7 @@ TEST(RoutesTest, TheCategoryDeleteStopsAtTheFirstFailingProgram) {
     for (int32_t i = 0; i < kCount; ++i)
       table.InsertOne(h, program, kTag, MakePlainSample(i, i & 0xFF));
   {
-    NoFileWrites no_writes;
+    test::ScopedFileSizeLimit no_writes(0);
     EXPECT_EQ(table.DeleteDataPeriodForOneCategory(h, 0, 0, 10001), -1);
   }
   EXPECT_EQ(table.QueryOneTagSize(h, second, kTag), kCount);
