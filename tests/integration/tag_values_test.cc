@@ -74,6 +74,19 @@ TEST_F(TagValues, ACounterOnTheDeltaTagComesBackPastItsWidth) {
   EXPECT_EQ(Stored(h, kDeltaTag), counter);
 }
 
+TEST_F(TagValues, TagsWhoseSamplesTheCloseCannotWriteRefuseThem) {
+  // Ids 0 and 1 are the data block's time entries and tag 255 has no width: their samples
+  // would be gone after the close, so the insert fails instead of answering S_OK.
+  int32_t h = -1;
+  ASSERT_EQ(client_->InitialFile(Media().c_str(), 0, 0, &h), S_OK);
+  for (int32_t tag : {0, 1, 255}) {
+    EXPECT_EQ(client_->InsertDataOne2(h, 0, tag, 100000, 7), E_FAIL) << tag;
+    EXPECT_TRUE(Stored(h, tag).empty()) << tag;
+  }
+  EXPECT_EQ(client_->InsertDataOne2(h, 0, 2, 100000, 7), S_OK);
+  EXPECT_EQ(client_->CloseFile(h, 1), S_OK);
+}
+
 TEST_F(TagValues, AFallingDeltaValueComesBackOtherwiseAndIsLogged) {
   LogToFile();
   int32_t h = InsertAndReopen(Media(), kDeltaTag, {{100000, 10}, {200000, 15}, {300000, 12}});
