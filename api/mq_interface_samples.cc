@@ -4,7 +4,9 @@
 #include <new>
 
 #include "api/mq_interface.h"
+#include "log/log.h"
 #include "result_rules.h"
+#include "tags/block_format.h"
 
 namespace marquel {
 namespace {
@@ -19,12 +21,39 @@ void FreeBuffers(SampleRecord* records, int64_t count) {
   if (count > 0) FreeSampleBuffers(records, count);
 }
 
+// The width of `tag` when `value` has bits above it, else 0. Such a value is kept whole
+// while the file is open, but the data block holds only its low `width` bits, so it comes
+// back cut after the close. A delta tag's values may be wider: the block holds their
+// steps (and the block writer logs the steps it cannot hold).
+int32_t WidthCutting(int32_t tag, int32_t value) {
+  const TagDefinition* d = FindTagDefinition(tag);
+  if (d == nullptr || d->nType == kTagTypeDelta || d->nBits <= 0 || d->nBits >= 32) return 0;
+  return static_cast<uint32_t>(value) >> d->nBits != 0 ? d->nBits : 0;
+}
+
+void LogValueTooWide(const char* method, int32_t handle, int32_t tag, int32_t value,
+                     int32_t width) {
+  MQ_LOG(
+      "%s: [%d] tag %d is %d bits wide; value %d is kept while the file is open and "
+      "written cut to its low %d bits",
+      method, handle, tag, width, value, width);
+}
+
 }  // namespace
 
+// The result codes stay those of R2; what they do not tell, the log does: a program index
+// the file does not have stores nothing, and a value wider than its tag comes back cut.
 HRESULT CMQInterface::InsertDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                                     int64_t llTimeCode, int32_t nData) {
-  return R2(
-      ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID, MakePlainSample(llTimeCode, nData)));
+  const int32_t result =
+      ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID, MakePlainSample(llTimeCode, nData));
+  if (result == -1 && ctrl_->Session(nFileHandle) != nullptr)
+    MQ_LOG("InsertDataOne: [%d] has no program %d; nothing stored", nFileHandle, nProgramIndex);
+  if (result == 1) {
+    const int32_t width = WidthCutting(nTagID, nData);
+    if (width != 0) LogValueTooWide("InsertDataOne", nFileHandle, nTagID, nData, width);
+  }
+  return R2(result);
 }
 
 HRESULT CMQInterface::InsertDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
@@ -38,6 +67,12 @@ HRESULT CMQInterface::InsertDataPeriod(int32_t nFileHandle, int32_t nProgramInde
     records[i] = MakePlainSample(mqTags[i].llTimeCode, mqTags[i].value);
   int32_t stored = ctrl_->InsertMany(nFileHandle, nProgramIndex, nTagID, records.get(), nDataCount);
   Put(nInserted, stored < 0 ? 0 : stored);
+  for (int32_t i = 0; stored > 0 && i < nDataCount; ++i) {
+    const int32_t width = WidthCutting(nTagID, mqTags[i].value);
+    if (width == 0) continue;
+    LogValueTooWide("InsertDataPeriod", nFileHandle, nTagID, mqTags[i].value, width);
+    break;  // one line a call
+  }
   return R3(stored, nDataCount);
 }
 

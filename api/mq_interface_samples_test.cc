@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "api/mq_interface.h"
+#include "log/log_capture.h"
 #include "mq_interface_test_util.h"
 
 namespace marquel {
@@ -34,6 +35,41 @@ TEST_F(CMQInterfaceSamples, InsertDataOneOnAClosedHandleSucceeds) {
   EXPECT_EQ(mq_.InsertDataOne(5, 0, kPlainTag, 100, 5), S_OK);
   EXPECT_EQ(mq_.InsertDataOne(-1, 0, kPlainTag, 100, 5), S_OK);
   EXPECT_EQ(mq_.InsertDataOne(2147483647, 0, kPlainTag, 100, 5), S_OK);
+}
+
+// R2 keeps S_OK for a program index the file does not have; the log tells that nothing
+// was stored (and says nothing for a handle without a file).
+TEST_F(CMQInterfaceSamples, InsertDataOneIntoAMissingProgramSucceedsStoresNothingAndIsLogged) {
+  log::LogCapture log;
+  EXPECT_EQ(mq_.InsertDataOne(h_, 3, kPlainTag, 100, 5), S_OK);
+  EXPECT_TRUE(log.HasMessage("InsertDataOne: [" + std::to_string(h_) +
+                             "] has no program 3; nothing stored"));
+  int32_t size = 99;
+  EXPECT_EQ(mq_.QueryOneTagSize(h_, 0, kPlainTag, &size), E_FAIL) << "none in program 0";
+  log.Clear();
+  EXPECT_EQ(mq_.InsertDataOne(5, 0, kPlainTag, 100, 5), S_OK);
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+// Tag 50 is 8 bits wide: 104999 is stored and answered S_OK, and the log names the tag and
+// its width, once per call. Values that fit, and a delta tag's counter, log nothing.
+TEST_F(CMQInterfaceSamples, AValueWiderThanItsTagIsKeptAndLogged) {
+  log::LogCapture log;
+  EXPECT_EQ(mq_.InsertDataOne(h_, 0, 50, 100, 104999), S_OK);
+  EXPECT_TRUE(log.Has("tag 50 is 8 bits wide; value 104999"));
+  int32_t value = 0;
+  EXPECT_EQ(mq_.GetDataOne(h_, 0, 50, 100, &value), S_OK);
+  EXPECT_EQ(value, 104999) << "kept whole while the file is open";
+  log.Clear();
+  const MarquelOneTag tags[] = {{200, 300}, {300, -1}};
+  int32_t inserted = 0;
+  EXPECT_EQ(mq_.InsertDataPeriod(h_, 0, 50, tags, 2, &inserted), S_OK);
+  ASSERT_EQ(log.Lines().size(), 1u);
+  EXPECT_TRUE(log.Has("tag 50 is 8 bits wide; value 300"));
+  log.Clear();
+  EXPECT_EQ(mq_.InsertDataOne(h_, 0, 50, 400, 255), S_OK);
+  EXPECT_EQ(mq_.InsertDataOne(h_, 0, 254, 100, 700), S_OK);
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(CMQInterfaceSamples, SizesFollowR5) {

@@ -30,7 +30,7 @@ HRESULT CMQInterface::QueryNowMQDataPeriodSize(int32_t nFileHandle, int64_t llSt
 // A session of its own, outside the table, numbered -5203, made and destroyed here.
 HRESULT CMQInterface::QueryOrgFileSizeAndMTime(const std::string& wFileName,
                                                uint64_t* pullOrgFileSize, uint64_t* pullMTime) {
-  if (log::Enabled()) log::DebugPrint("CMQInterface::QueryOrgFileSizeAndMTime");
+  MQ_LOG("CMQInterface::QueryOrgFileSizeAndMTime");
   if (!IsAbsoluteFileName(wFileName)) return E_INVALIDARG;
   auto session = std::make_unique<MarquelOneFile>();
   session->SetHandle(MarquelOneFile::kDetachedSessionNumber);
@@ -57,7 +57,7 @@ HRESULT CMQInterface::QueryOrgFileSizeAndMTime(const std::string& wFileName,
 // one has nothing to carry over, which is a success.
 HRESULT CMQInterface::CacheRename(const std::string& wOriFileName, const std::string& wNewFileName,
                                   int32_t nFileType) {
-  if (log::Enabled()) log::DebugPrint("CMQInterface::CacheRename");
+  MQ_LOG("CMQInterface::CacheRename");
   if (!IsAbsoluteFileName(wOriFileName) || !IsAbsoluteFileName(wNewFileName)) return E_INVALIDARG;
   return R1(marquel::CacheRename(wOriFileName, wNewFileName, nFileType));
 }
@@ -65,8 +65,7 @@ HRESULT CMQInterface::CacheRename(const std::string& wOriFileName, const std::st
 // The move of cached data belongs to the close policy; until the session offers it, a
 // file has nothing to move, which the move answers with 1.
 HRESULT CMQInterface::MoveCacheDataToOrgFile(const std::string& wOriFileName) {
-  if (log::Enabled())
-    log::DebugPrint("CMQInterface::MoveCacheDataToOrgFile(%s)", wOriFileName.c_str());
+  MQ_LOG("CMQInterface::MoveCacheDataToOrgFile(%s)", wOriFileName.c_str());
   if (!IsAbsoluteFileName(wOriFileName)) return E_INVALIDARG;
   return R1(1);
 }

@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "api/mq_interface.h"
+#include "log/log_capture.h"
 #include "mq_interface_test_util.h"
 
 namespace marquel {
@@ -91,6 +94,29 @@ TEST(CMQInterfaceTool, CacheOperationsWithoutAnEntry_PendingMigration) {
   std::string name = MediaFile("a.mpg");
   EXPECT_EQ(mq.CacheRename(name, test::TestPath("b.mpg"), 0), S_OK);
   EXPECT_EQ(mq.MoveCacheDataToOrgFile(name), S_OK);
+}
+
+// The tool's lines follow the log's switch as every other line does: with "log to file"
+// on, they go into the file and none to the debug output.
+TEST(CMQInterfaceTool, ItsLogLinesGoToTheFileWhenTheLogIsToAFile) {
+  CMQInterface mq;
+  log::LogCapture debug_output;
+  log::Settings settings;
+  settings.enabled = 1;
+  settings.to_file = 1;
+  settings.file_name = test::TestPath("mq.log");
+  log::ApplySettings(settings);
+  std::string name = MediaFile("a.mpg");
+  uint64_t size = 0, mtime = 0;
+  mq.QueryOrgFileSizeAndMTime(name, &size, &mtime);
+  mq.CacheRename(name, test::TestPath("b.mpg"), 0);
+  mq.MoveCacheDataToOrgFile(name);
+  EXPECT_TRUE(debug_output.Lines().empty());
+  std::stringstream file;
+  file << std::ifstream(settings.file_name).rdbuf();
+  for (const char* line : {"CMQInterface::QueryOrgFileSizeAndMTime\n",
+                           "CMQInterface::CacheRename\n", "CMQInterface::MoveCacheDataToOrgFile("})
+    EXPECT_NE(file.str().find(line), std::string::npos) << line;
 }
 
 }  // namespace

@@ -15,7 +15,10 @@ int32_t MarquelFiles::DeleteAll(MarquelOneFile* file, const TagScope& scope, int
         rc = program->DeleteDataPeriod(start, end);
         break;
       case TagScope::kOneCategory:
+        // As within a program, the category form stops at the first tag that fails:
+        // the programs after it keep their samples.
         rc = program->DeleteDataPeriodForOneCategory(scope.value, start, end);
+        if (rc < 0) return -1;
         break;
       case TagScope::kOneTag:
         rc = program->DeleteDataPeriodForOneTag(scope.value, start, end);

@@ -3,6 +3,7 @@
 
 #include "files/marquel_files.h"
 #include "files_test_util.h"
+#include "testsupport/file_size_limit.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel {
@@ -142,6 +143,25 @@ TEST(RoutesTest, ProgramsAndFacts) {
   std::string renamed = test::TestPath("renamed.ts");
   EXPECT_EQ(table.FileRename(h, renamed), 1);
   EXPECT_EQ(table.FindFile(renamed), h);
+}
+
+// The delete must rewrite a page of each program and cannot: it fails in program 0 and
+// stops there, as within a program, so program 1 keeps every sample.
+TEST(RoutesTest, TheCategoryDeleteStopsAtTheFirstFailingProgram) {
+  CountingFiles table;
+  int32_t h = table.OpenFile(test::TestPath("t.ts"), 10, 0, 0, nullptr, 0, 0, -1);
+  int32_t second = -1;
+  ASSERT_EQ(table.InsertNewProgram(h, 4097, &second), 1);
+  constexpr int32_t kTag = 40;  // category 0
+  constexpr int32_t kCount = 200000;
+  for (int32_t program : {0, second})
+    for (int32_t i = 0; i < kCount; ++i)
+      table.InsertOne(h, program, kTag, MakePlainSample(i, i & 0xFF));
+  {
+    test::ScopedFileSizeLimit no_writes(0);
+    EXPECT_EQ(table.DeleteDataPeriodForOneCategory(h, 0, 0, 10001), -1);
+  }
+  EXPECT_EQ(table.QueryOneTagSize(h, second, kTag), kCount);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "persist/cache_entry.h"
 #include "persist/result_codes.h"
 #include "session_test_util.h"
+#include "testsupport/file_size_limit.h"
 
 namespace marquel {
 namespace {
@@ -82,26 +83,7 @@ TEST(CloseFaults, Mpeg1CacheFileThatCannotBeMadeIsLogged) {
   EXPECT_TRUE(log.Has("[3] always write to cache -1"));
 }
 
-// Files of this process cannot grow past `bytes` while alive, as on a full disk; the
-// signal such a write raises is ignored, so the write just fails.
-class ScopedFileSizeLimit {
- public:
-  explicit ScopedFileSizeLimit(rlim_t bytes) {
-    getrlimit(RLIMIT_FSIZE, &saved_);
-    previous_ = signal(SIGXFSZ, SIG_IGN);
-    rlimit limit = saved_;
-    limit.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~ScopedFileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &saved_);
-    signal(SIGXFSZ, previous_);
-  }
-
- private:
-  rlimit saved_{};
-  sighandler_t previous_ = SIG_DFL;
-};
+using test::ScopedFileSizeLimit;
 
 TEST(CloseFaults, FullDiskKeepsEverySampleAlreadyCached) {
   struct Case {

@@ -142,7 +142,7 @@ BlockRejection Decoder::Run(const uint8_t* ids, size_t id_count, WidthQueue& wid
         return BlockRejection::kDataStreamShort;
       r = StateItem(id, item, interval, now);
     } else {
-      ValueEntry(id, width, item, now);
+      ValueEntry(id, item, now);
     }
     if (r != BlockRejection::kNone) return r;
   }

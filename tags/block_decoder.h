@@ -88,7 +88,7 @@ class Decoder {
     int32_t type = 0;
     bool asked = false;
     bool valid = true;
-    uint32_t sum = 0;       // delta tags: the running sum, kept modulo 2^width
+    uint32_t sum = 0;       // delta tags: the running sum, a plain 32-bit one
     bool run_open = false;  // state tags: a run has started and not ended
     int32_t run_state = 0;
     int64_t run_start = 0;
@@ -134,7 +134,7 @@ class Decoder {
 
   // A value or delta entry outside a lane: the first value of a value tag (which then
   // opens the tag's lane), a value of a refused tag, or a delta.
-  void ValueEntry(int32_t id, int width, uint32_t item, int64_t now);
+  void ValueEntry(int32_t id, uint32_t item, int64_t now);
 
   // Where the `count` bytes of a raw sample at `now` go, with the sample counted; null
   // when they are to be skipped.
@@ -191,8 +191,7 @@ class Decoder {
   };
   EventStep DecodeEventStep(EventStep at, const uint8_t* id_end, size_t k, int64_t now,
                             const BitSource& data, WidthQueue& widths);
-  uint64_t StoreSlot(RunSlot& s, size_t k, int width, uint32_t item, uint64_t pos,
-                     const BitSource& data);
+  uint64_t StoreSlot(RunSlot& s, size_t k, uint32_t item, uint64_t pos, const BitSource& data);
   bool PlanRun(const uint8_t* pattern, size_t step_size);
   bool PrepareChunk(size_t steps, int64_t first_time);
   void CommitChunk(size_t steps, size_t partial_slots);

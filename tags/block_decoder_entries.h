@@ -25,11 +25,10 @@ inline int32_t Decoder::Meet(int32_t id) {
 
 // A value or delta entry outside a lane: the first value of a value tag (which then
 // opens the tag's lane), a value of a refused tag, or a delta.
-inline void Decoder::ValueEntry(int32_t id, int width, uint32_t item, int64_t now) {
+inline void Decoder::ValueEntry(int32_t id, uint32_t item, int64_t now) {
   TagState& st = state_[id];
   if (st.type == kTagTypeDelta) {
-    uint32_t mask = width >= 32 ? ~0u : (uint32_t{1} << width) - 1;
-    st.sum = (st.sum + item) & mask;
+    st.sum += item;  // a plain 32-bit sum: a counter grows past its width
     Append(id, st.valid, static_cast<int32_t>(st.sum), now);
     return;
   }

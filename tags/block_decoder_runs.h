@@ -137,15 +137,15 @@ inline void Decoder::CommitChunk(size_t steps, size_t partial_slots) {
   }
 }
 
-// Stores slot s's sample of step k: `item`, read in `width` bits, and for a raw sample
+// Stores slot s's sample of step k: `item`, and for a raw sample
 // its bytes, which follow at bit `pos`. Returns the bits those bytes take (0 for other
 // samples), or kStreamEnds when the stream ends before them.
 constexpr uint64_t kStreamEnds = ~uint64_t{0};
-inline uint64_t Decoder::StoreSlot(RunSlot& s, size_t k, int width, uint32_t item, uint64_t pos,
+inline uint64_t Decoder::StoreSlot(RunSlot& s, size_t k, uint32_t item, uint64_t pos,
                                    const BitSource& data) {
   if (s.kind == kDeltaSlot) {
     uint32_t& sum = state_[s.id].sum;
-    sum = (sum + item) & ((uint32_t{1} << width) - 1);  // width is 1..31 here
+    sum += item;
     if (s.values != nullptr) s.values[k] = static_cast<int32_t>(sum);
     return 0;
   }
@@ -196,7 +196,7 @@ __attribute__((noinline)) inline Decoder::EventStep Decoder::DecodeEventStep(Eve
     at.pos += static_cast<uint64_t>(width);
     ++at.id_next;
     if (slot) {
-      const uint64_t more = StoreSlot(run_slots_[at.slots], k, width, item, at.pos, data);
+      const uint64_t more = StoreSlot(run_slots_[at.slots], k, item, at.pos, data);
       if (more == kStreamEnds) {
         at.reason = BlockRejection::kDataStreamShort;
         return at;
@@ -349,7 +349,7 @@ __attribute__((noinline)) inline Decoder::RunResult Decoder::DecodeRun(Position 
         }
         pos += static_cast<uint64_t>(used);
         used = 0;
-        const uint64_t more = StoreSlot(*s, k, width, item, pos, data);
+        const uint64_t more = StoreSlot(*s, k, item, pos, data);
         if (more == kStreamEnds) {
           reason = BlockRejection::kDataStreamShort;
           break;

@@ -132,7 +132,7 @@ inline void Decoder::TakeShapedValues(size_t from, size_t to, const BitSource& d
     }
     uint32_t sum = state_[s.id].sum;  // a delta tag (its values go nowhere when refused)
     for (size_t k = from; k < to; ++k) {
-      sum = (sum + (static_cast<uint32_t>(words[k] >> shift) & mask)) & mask;
+      sum += static_cast<uint32_t>(words[k] >> shift) & mask;
       if (s.values != nullptr) s.values[k] = static_cast<int32_t>(sum);
     }
     state_[s.id].sum = sum;

@@ -99,7 +99,7 @@ TEST(BlockGoldenState, GapsBeforeSampleThreeDoNotEndARun) {
 TEST(BlockGoldenState, SpecialIds17To254InOneStep) {
   // At 1000000 and 1000001: tag 17 (interval 0 -> I) 0, 0; tag 251 (type 4, interval
   // 150000 = 0x0249F0) 1, 0; tag 252 (interval 1) 1 only; tag 253 (1 bit) 1, 0;
-  // tag 254 (8-bit delta) 200, 100.
+  // tag 254 (8-bit delta) 200, 300.
   const Bytes golden = Cat({
       {0x01, 0x01, 0xFA, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0B, 0x00, 0x00, 0x00,
        0x1F, 0x00, 0x00, 0x00, 0x11, 0x00, 0x00, 0x01, 0x00, 0xD4, 0x34, 0xD0, 0xBC},
@@ -111,10 +111,10 @@ TEST(BlockGoldenState, SpecialIds17To254InOneStep) {
       {0x10, 0x84, 0x20, 0xA0, 0x42, 0x10, 0x50, 0xA1, 0x8E, 0x39, 0x74},
       // 42 40 00 0F 00 00 00 00 (1000000 = 0x0F4240, absolute: 1000000 - 0 is not below
       // 1000000) | 10 15 16 05 | 11 F0 49 02 | 11 01 00 00 | 00 | 1 | C8 |
-      // 01 00 00 | 00 | 10 F0 49 02 | 00 | 0 | 9C (100 - 200 = -100).
+      // 01 00 00 | 00 | 10 F0 49 02 | 00 | 0 | 64 (300 - 200 = 100).
       {0x42, 0x40, 0x00, 0x0F, 0x00, 0x00, 0x00, 0x00, 0x85, 0x45, 0x81,
        0x7F, 0x04, 0x90, 0x2C, 0x04, 0x00, 0x00, 0xE4, 0x00, 0x80, 0x00,
-       0x17, 0x82, 0x48, 0x10, 0x9C, 0x26, 0x95, 0x52, 0xC6},
+       0x17, 0x82, 0x48, 0x10, 0x64, 0x95, 0xF3, 0x28, 0xE8},
   });
   constexpr int64_t t1 = 1000000, t2 = 1000001;
   BlockContent c;
@@ -124,7 +124,7 @@ TEST(BlockGoldenState, SpecialIds17To254InOneStep) {
   AddPlain(c, 252, {{t1, 1}});
   c.tags[252].interval = 1;
   AddPlain(c, 253, {{t1, 1}, {t2, 0}});
-  AddPlain(c, 254, {{t1, 200}, {t2, 100}});
+  AddPlain(c, 254, {{t1, 200}, {t2, 300}});
   EXPECT_EQ(Encode(c), golden);
   BlockContent back;
   ASSERT_EQ(Decode(golden, &back), 1);
@@ -137,7 +137,7 @@ TEST(BlockGoldenState, SpecialIds17To254InOneStep) {
   EXPECT_EQ(SamplesOf(back, 252), (Pairs{{t1, 1}}));
   EXPECT_EQ(back.tags[252].interval, 1);
   EXPECT_EQ(SamplesOf(back, 253), (Pairs{{t1, 1}, {t2, 0}}));
-  EXPECT_EQ(SamplesOf(back, 254), (Pairs{{t1, 200}, {t2, 100}}));
+  EXPECT_EQ(SamplesOf(back, 254), (Pairs{{t1, 200}, {t2, 300}}));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "block_test_util.h"
+#include "log/log_capture.h"
 #include "platform/crc32.h"
 #include "tags/block_format.h"
 
@@ -93,26 +94,47 @@ TEST(BlockGolden, StepOf999999IsRelativeAnd1000000IsAbsolute) {
   EXPECT_EQ(SamplesOf(back, 2), (Pairs{{5, 0xA1}, {1000004, 0xB2}, {2000004, 0xC3}}));
 }
 
-TEST(BlockGolden, DeltaTagWithFallingValues) {
-  // Tag 254 (8 bits, type 1): values 10, 15, 12, 0 every 10 time units.
+// Tag 254 (8 bits, type 1) with four samples, one every 10 time units from 10: the writer
+// must write the block of the data stream `data`, logging the tag only when `logged`, and
+// the reader give back `back`.
+void ExpectDeltaBlock(const std::vector<int32_t>& values, const Bytes& data, bool logged,
+                      const Pairs& back) {
   const Bytes golden = Cat({
       {0x01, 0x01, 0xFA, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00,
        0x14, 0x00, 0x00, 0x00, 0x0C, 0x00, 0x00, 0x01, 0x00, 0x54, 0xAB, 0xA4, 0xA9},
       {0x01, 0xFE, 0x01, 0xFE, 0x01, 0xFE, 0x01, 0xFE, 0xE5, 0x69, 0x74, 0x0F},
       // four times 01000, padded: 0100'0010 0001'0000 1000'0000.
       {0x42, 0x10, 0x80, 0x2B, 0x25, 0x11, 0xCD},
-      // Each step: 0A 00 00 (10 since the last time entry), then the difference:
-      // 0A (10 - 0), 05 (15 - 10), FD (12 - 15 = -3), F4 (0 - 12 = -12), in 8 bits.
-      {0x0A, 0x00, 0x00, 0x0A, 0x0A, 0x00, 0x00, 0x05, 0x0A, 0x00,
-       0x00, 0xFD, 0x0A, 0x00, 0x00, 0xF4, 0x76, 0xFE, 0x64, 0x34},
+      data,
   });
   BlockContent c;
-  AddPlain(c, 254, {{10, 10}, {20, 15}, {30, 12}, {40, 0}});
+  for (size_t i = 0; i < values.size(); ++i)
+    c.tags[254].AddPlain(10 * static_cast<int64_t>(i + 1), values[i]);
+  log::LogCapture log;
   ExpectWrites(c, golden);
-  BlockContent back;
-  ASSERT_EQ(Decode(golden, &back), 1);
-  // The running sum is kept modulo 2^8: 10, 15, 15 + 253 = 268 -> 12, 12 + 244 -> 0.
-  EXPECT_EQ(SamplesOf(back, 254), (Pairs{{10, 10}, {20, 15}, {30, 12}, {40, 0}}));
+  EXPECT_EQ(log.Has("tag 254 (delta, width 8)"), logged);
+  BlockContent read;
+  ASSERT_EQ(Decode(golden, &read), 1);
+  EXPECT_EQ(SamplesOf(read, 254), back);
+}
+
+TEST(BlockGolden, DeltaTagCountsPastItsWidth) {
+  // 100, 300, 500, 700: the steps 100, 200, 200, 200 fit in 8 bits, and the reader's sum
+  // is not cut to them. Each step: 0A 00 00 (10 since the last time entry), then
+  // 64 (100 - 0) or C8 (200).
+  ExpectDeltaBlock({100, 300, 500, 700},
+                   {0x0A, 0x00, 0x00, 0x64, 0x0A, 0x00, 0x00, 0xC8, 0x0A, 0x00,
+                    0x00, 0xC8, 0x0A, 0x00, 0x00, 0xC8, 0x8D, 0xCD, 0x1D, 0xB4},
+                   false, {{10, 100}, {20, 300}, {30, 500}, {40, 700}});
+}
+
+TEST(BlockGolden, DeltaTagWithFallingValuesIsWrittenCutAndLogged) {
+  // 10, 15, 12, 0: the differences 0A (10 - 0), 05 (15 - 10), FD (12 - 15 = -3) and
+  // F4 (0 - 12 = -12) in 8 bits. The running sum is a plain one: 10, 15,
+  // 15 + 253 = 268, 268 + 244 = 512.
+  ExpectDeltaBlock({10, 15, 12, 0}, {0x0A, 0x00, 0x00, 0x0A, 0x0A, 0x00, 0x00, 0x05, 0x0A, 0x00,
+                                     0x00, 0xFD, 0x0A, 0x00, 0x00, 0xF4, 0x76, 0xFE, 0x64, 0x34},
+                   true, {{10, 10}, {20, 15}, {30, 268}, {40, 512}});
 }
 
 TEST(BlockGolden, NarrowFieldsShareBytes) {

@@ -40,7 +40,7 @@ void Fill(MQOneProgram& p, BlockContent* c) {
     p.InsertOne(16, MakePlainSample(t, v));
     c->tags[16].AddPlain(t, v);
   }
-  for (auto [t, v] : Pairs{{10, 100}, {20, 90}}) {
+  for (auto [t, v] : Pairs{{10, 100}, {20, 190}}) {
     p.InsertOne(254, MakePlainSample(t, v));
     c->tags[254].AddPlain(t, v);
   }
@@ -86,7 +86,7 @@ TEST(BlockProgram, LoadGivesBackEveryTagAndItsInterval) {
                          Bytes(src.m_ptpDataLength->bytes), Bytes(src.m_ptpData->bytes));
   ASSERT_EQ(LoadProgramBlock(dst), 1);
   EXPECT_EQ(Stored(dst, 16), (Pairs{{10, 7}, {2000000, 8}}));
-  EXPECT_EQ(Stored(dst, 254), (Pairs{{10, 100}, {20, 90}}));
+  EXPECT_EQ(Stored(dst, 254), (Pairs{{10, 100}, {20, 190}}));
   EXPECT_EQ(Stored(dst, 17), SamplesOf(c, 17));
   EXPECT_EQ(StoredRaw(dst, 29, 25), (Bytes{4, 5, 6}));
   EXPECT_EQ(dst.QueryOneTagSize(5), 0);

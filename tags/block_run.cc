@@ -185,11 +185,14 @@ size_t RunPlan::PackChunk(size_t from, size_t n) {
     const int shift = item.shift;
     if (e.flags & RunEntry::kDelta) {
       uint32_t before = from == 0 ? e.subtract : static_cast<uint32_t>(values[-1]);
+      uint32_t seen = 0;
       for (size_t k = 0; k < n; ++k) {
         const uint32_t value = static_cast<uint32_t>(values[k]);
+        seen |= value - before;
         words[k] |= uint64_t{(value - before) & mask} << shift;
         before = value;
       }
+      e.walk->steps_seen |= seen;
     } else if (e.flags & RunEntry::kRaw) {
       uint32_t* const counts = raw_counts.data() + item.raw * kRunChunk;
       const uint8_t** const bytes = raw_bytes.data() + item.raw * kRunChunk;

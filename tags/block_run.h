@@ -241,6 +241,7 @@ void WriteRunData(Sink& sink, RunPlan& plan, size_t from, size_t n, int64_t& pre
         if (e.flags & RunEntry::kDelta) {
           const uint32_t before = k == 0 ? e.subtract : static_cast<uint32_t>(e.values[k - 1]);
           d.Push((value - before) & e.mask, e.width);
+          e.walk->steps_seen |= value - before;
           continue;
         }
         if (e.flags & RunEntry::kState) {

@@ -9,8 +9,10 @@
 #include <random>
 
 #include "block_lockstep_content.h"
+#include "block_reader_paths.h"
 #include "block_test_util.h"
 #include "block_writer_paths.h"
+#include "log/log_capture.h"
 #include "tags/block_format.h"
 
 namespace marquel {
@@ -70,6 +72,59 @@ TEST(BlockRuns, ALongRunReadsBack) {
   for (size_t i = 0; i < 5000; ++i) EXPECT_EQ(back.tags[254].values[i] & 0xFF, (i * i) & 0xFF);
   ASSERT_EQ(back.tags[32].size(), 5000u);
   for (size_t i = 0; i < 5000; i += 997) EXPECT_EQ(RawOf(back, 32, i), RawOf(c, 32, i));
+}
+
+// Tag 254 (8 bits) counting far past 255 in steps of 0 to 255, beside a state tag whose
+// changes send steps through the run's entry-by-entry writer and reader.
+BlockContent CounterContent() {
+  BlockContent c;
+  uint32_t counter = 0;
+  for (int i = 0; i < 5000; ++i) {
+    const int64_t t = 1000 + int64_t{i} * 3003;
+    counter += static_cast<uint32_t>(i * 37 % 256);
+    c.tags[16].AddPlain(t, i);
+    c.tags[254].AddPlain(t, static_cast<int32_t>(counter));
+    c.tags[252].AddPlain(t, i / 64 % 2);
+  }
+  c.tags[252].interval = 3003;
+  return c;
+}
+
+BlockContent DecodedBy(const Bytes& block, ReaderPaths paths) {
+  BlockContent back;
+  EXPECT_EQ(DecodeBlockBytes(block.data(), block.size(), BlockReadOptions(), &back, nullptr,
+                             nullptr, nullptr, paths),
+            1);
+  return back;
+}
+
+TEST(BlockRuns, ADeltaCounterComesBackPastItsWidthByEveryPath) {
+  BlockContent c = CounterContent();
+  c.tags[254].values.back() = c.tags[254].values[4998] + 255;  // the largest step there is
+  ASSERT_GT(c.tags[254].values.back(), 500000);
+  BlockContentSource source(c);
+  log::LogCapture log;
+  const Bytes runs = Written(source, WriterPaths::kRunsAndSteps);
+  ASSERT_EQ(runs, Written(source, WriterPaths::kStepsOnly));
+  EXPECT_TRUE(log.Lines().empty());
+  for (ReaderPaths paths : {ReaderPaths::kRunsAndEntries, ReaderPaths::kEntriesOnly}) {
+    BlockContent back = DecodedBy(runs, paths);
+    EXPECT_EQ(SamplesOf(back, 254), SamplesOf(c, 254));
+    EXPECT_EQ(SamplesOf(back, 252), SamplesOf(c, 252));
+  }
+}
+
+TEST(BlockRuns, ADeltaStepTooLargeIsLoggedByEveryWriterPath) {
+  // The counter falls at one step inside a run: both paths write its low 8 bits and log.
+  BlockContent c = CounterContent();
+  c.tags[254].values[2500] = 3;
+  BlockContentSource source(c);
+  for (WriterPaths paths : {WriterPaths::kRunsAndSteps, WriterPaths::kStepsOnly}) {
+    log::LogCapture log;
+    Written(source, paths);
+    ASSERT_EQ(log.Lines().size(), 1u);
+    EXPECT_TRUE(log.Has("tag 254 (delta, width 8)"));
+  }
 }
 
 }  // namespace

@@ -33,6 +33,10 @@ struct TagWalk {
   int64_t prev_time = 0;      // state tags: time of the sample before the current one
   uint32_t prev_value = 0;    // delta tags: the previous sample's value (0 before the first)
   int64_t last_written = -1;  // state tags: the last state value written, -1 for none
+  // Delta tags: every step written, or-ed together. A bit above `mask` means a step did
+  // not fit its width (a first value of 2^width or more, a fall, or a larger step), so
+  // the reader's running sum will not give the values back.
+  uint32_t steps_seen = 0;
   std::unique_ptr<BlockTagCursor> cursor;
 
   void Fetch() {

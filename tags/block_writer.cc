@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <limits>
+#include <vector>
 
 #include "block_run.h"
 #include "block_sinks.h"
 #include "block_walk.h"
 #include "block_writer_paths.h"
+#include "log/log.h"
 #include "tags/block_format.h"
 
 namespace marquel {
@@ -54,11 +56,15 @@ struct StepWriter {
       return;
     }
     switch (t.type) {
-      case kTagTypeDelta:
+      case kTagTypeDelta: {
+        // The low bits of the step are all the format holds; the reader adds them up.
+        const uint32_t step = value - t.prev_value;
         Head(t);
-        sink.Data((value - t.prev_value) & t.mask, t.width);
+        sink.Data(step & t.mask, t.width);
+        t.steps_seen |= step;
         t.prev_value = value;
         break;
+      }
       case kTagTypeState:
       case kTagTypeState2:
         StateSample(t);
@@ -160,6 +166,7 @@ class Walker {
         if (t->cur_time == current) {
           step.Sample(*t);
           if (t->done) {
+            if (t->type == kTagTypeDelta && (t->steps_seen & ~t->mask) != 0) cut_.push_back(t->id);
             size_t at = static_cast<size_t>(t - tags_.data());
             tags_.erase(tags_.begin() + static_cast<ptrdiff_t>(at));
             t = tags_.data() + at;
@@ -174,6 +181,9 @@ class Walker {
     }
     sink_ = sink;
   }
+
+  // The delta tags, after Run, with a step their width could not hold.
+  const std::vector<int32_t>& DeltaTagsCut() const { return cut_; }
 
  private:
   // A run this short costs about what it saves: after one, runs are tried again only
@@ -220,8 +230,21 @@ class Walker {
   Sink& sink_;
   const bool runs_;
   std::vector<TagWalk> tags_;
+  std::vector<int32_t> cut_;
   RunPlan plan_;
 };
+
+// A delta tag keeps only the low bits of each step; the reader's sum gives the values
+// back only while the first value fits the width and the values rise by steps that fit.
+void LogDeltaTagsCut(const std::vector<int32_t>& ids) {
+  for (int32_t id : ids) {
+    const int width = kTagDefinitions[id].nBits & 31;
+    MQ_LOG(
+        "Block: tag %d (delta, width %d) has a first value of 2^%d or more, a falling "
+        "value or a step of 2^%d or more; it will read back otherwise",
+        id, width, width, width);
+  }
+}
 
 }  // namespace
 
@@ -254,7 +277,9 @@ int32_t WriteBlock(BlockSampleSource& source, const BlockStreams& out, WriterPat
   BitBuffer* streams[] = {out.tag_ids, out.lengths, out.data};
   for (BitBuffer* b : streams) b->Clear();
   BufferSink sink(out.tag_ids, out.lengths, out.data);
-  Walker<BufferSink>(source, sink, paths).Run();
+  Walker<BufferSink> walker(source, sink, paths);
+  walker.Run();
+  LogDeltaTagsCut(walker.DeltaTagsCut());
   sink.Finish();
   // The CRCs go on in this order: data, tag ids, lengths.
   out.data->AppendCrc();

@@ -42,7 +42,8 @@ int32_t MQOneProgram::CategoryOf(int32_t tagId) {
 }
 
 bool MQOneProgram::Admits(int32_t tagId, const SampleRecord& record) {
-  if (!IsValidTagId(tagId)) return false;
+  // A sample the close could not write would be lost while the client heard success.
+  if (!BlockCarriesTag(tagId)) return false;
   if (record.nKind == kRawSample) {
     // Longer samples than the data block's count field holds would come back cut.
     return AcceptsRawData(tagId) && record.nValue >= 0 && record.nValue <= kMaxRawSampleBytes &&

@@ -31,6 +31,16 @@ TEST(MQOneProgramTest, PlainSamplesAreRefusedByRawTags) {
   EXPECT_EQ(p.QueryOneTagSize(30), 0);
 }
 
+TEST(MQOneProgramTest, TagsTheDataBlockCannotCarryRefuseSamples) {
+  MQOneProgram p;
+  for (int32_t tag : {0, 1, 255}) {
+    EXPECT_EQ(p.InsertOne(tag, MakePlainSample(1, 5)), 0) << tag;
+    EXPECT_EQ(p.Tag(tag), nullptr) << tag;
+  }
+  EXPECT_EQ(p.InsertOne(2, MakePlainSample(1, 5)), 1);
+  EXPECT_EQ(p.InsertOne(254, MakePlainSample(1, 5)), 1);
+}
+
 TEST(MQOneProgramTest, RawSamplesLongerThanTheirCountFieldAreRefused) {
   MQOneProgram p;
   std::vector<uint8_t> bytes(70000, 1);

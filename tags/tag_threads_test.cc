@@ -56,7 +56,7 @@ TEST(TagThreadsTest, TwoTagsFromTwoThreadsAndTagCreation) {
       program.QueryTagCount();
     }
   };
-  std::thread a(work, 0);
+  std::thread a(work, 2);
   std::thread b(work, 100);
   a.join();
   b.join();

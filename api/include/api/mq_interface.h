@@ -111,9 +111,12 @@ class CMQInterface {
 
   // --- Plain samples -------------------------------------------------------------------
 
-  // S_OK when the sample is stored (or, by R2, the handle has no file); E_FAIL when an
+  // S_OK when the sample is stored (or, by R2, the handle has no file or the file has no
+  // program nProgramIndex: nothing is stored then, and the log says so); E_FAIL when an
   // open file does not store it: a tag id that takes raw data, a tag of raw samples, or a
-  // record-file failure.
+  // record-file failure. A value with bits above its tag's width (other than a delta
+  // tag's) is kept whole while the file is open but comes back cut to the width after
+  // the close; the log names the tag and the width.
   HRESULT InsertDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                         int64_t llTimeCode, int32_t nData);
   // Inserts nDataCount records of mqTags one by one; S_OK when all were stored.

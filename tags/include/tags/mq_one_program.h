@@ -49,7 +49,8 @@ class MQOneProgram {
 
   // --- Samples -------------------------------------------------------------------------
 
-  // Inserts one sample into `tagId`. A raw sample needs a tag id of type 5 and a length of
+  // Inserts one sample into `tagId`, which must be a tag the data block carries (2 to
+  // 254: BlockCarriesTag). A raw sample needs a tag id of type 5 and a length of
   // 0..min(kMaxRawSampleBytes, RawLengthLimit(tagId)); a plain sample needs a tag id of
   // another type. Creates the tag on first use. Returns 1 when the sample is stored and 0
   // when it is not: refused by these rules or by the tag (the other kind than the tag's

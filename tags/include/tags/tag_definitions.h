@@ -41,6 +41,13 @@ inline bool AcceptsRawData(int32_t tagId) {
   return IsValidTagId(tagId) && kTagDefinitions[tagId].nType == kRawDataTagType;
 }
 
+// Whether the data block can carry samples of `tagId`: ids 0 and 1 are the time entries
+// id bytes, and a tag of width 0 (255) is written without its value, so samples of those
+// would be gone after the close.
+inline bool BlockCarriesTag(int32_t tagId) {
+  return tagId >= 2 && tagId < kTagIdCount && kTagDefinitions[tagId].nBits > 0;
+}
+
 // The longest raw sample, in bytes, that the data block can carry for `tagId`: its count
 // field is the tag's value width, so 2^width - 1 (tag 31, 4 bits: 15 bytes). 0 for an id
 // that is not a tag id.
