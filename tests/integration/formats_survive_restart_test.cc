@@ -132,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(
       return name;
     });
 
-// The case: a file detection does not know keeps its tags in the temp cache, and
+// A file detection does not know keeps its tags in the temp cache, and
 // the open reads them back.
 TEST_F(TaggedFile, UnknownFormatGetsItsTagsBack) {
   const std::string path = MediaFile("notes.bin", 9000);
