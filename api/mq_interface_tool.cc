@@ -41,8 +41,9 @@ HRESULT CMQInterface::QueryOrgFileSizeAndMTime(const std::string& wFileName,
     size = session->OriginalSize();
     mtime = static_cast<uint64_t>(session->OriginalMTime());
   } else {
+    // A FIFO, a device or a folder has no size or time of a media file.
     FileStatusRecord status;
-    if (FileStatus(wFileName, &status) != 0) return E_FAIL;
+    if (FileStatus(wFileName, &status) != 0 || !IsRegularFile(wFileName)) return E_FAIL;
     size = static_cast<uint64_t>(status.size);
     mtime = static_cast<uint64_t>(status.mtime);
   }

@@ -8,6 +8,7 @@
 #include "command_line.h"
 #include "registration.h"
 #include "single_instance.h"
+#include "startup_cleanup.h"
 
 namespace {
 
@@ -46,6 +47,7 @@ int main(int argc, char** argv) {
   // A second copy never runs, whatever its command line.
   SingleInstanceLock lock;
   std::string lock_error;
+  bool sole_server = false;
   switch (lock.Acquire(&lock_error)) {
     case SingleInstanceLock::Result::kHeldElsewhere:
       return 0;
@@ -54,6 +56,7 @@ int main(int argc, char** argv) {
       fprintf(stderr, "marquel64: %s\n", lock_error.c_str());
       break;
     case SingleInstanceLock::Result::kAcquired:
+      sole_server = true;
       break;
   }
 
@@ -71,6 +74,7 @@ int main(int argc, char** argv) {
 
   bool service = false;
   if (uint32_t error = ReadServiceMode(&service)) return static_cast<int>(error);
+  if (sole_server) RemoveLeftoversOfKilledProcesses();
   ServerOptions options;
   options.service = service;
   options.idle_grace_ms = IdleGraceFromEnvironment();

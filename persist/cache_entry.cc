@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "persist/cache_sweep.h"
+#include "persist/cache_writer.h"
 #include "platform/access_reg.h"
 #include "platform/files.h"
 #include "platform/key_name.h"
@@ -48,6 +50,16 @@ std::vector<std::string> CacheEntry::CacheFiles() const {
   if (has_file_record) add(file.cache_path);
   for (const CacheProgramRecord& p : programs) add(p.cache_path);
   if (has_temp_record) add(temp.cache_path);
+  return files;
+}
+
+std::vector<std::string> CacheEntry::RemovableFiles() const {
+  std::vector<std::string> files;
+  for (const std::string& path : CacheFiles()) {
+    const bool side = kind == CacheKind::kVR && has_file_record && !file.media_path.empty() &&
+                      path == SideFilePath(file.media_path);
+    if (side || IsInCacheFolder(path)) files.push_back(path);
+  }
   return files;
 }
 
@@ -115,13 +127,14 @@ uint32_t ReadNextId(CacheKind kind) {
 }
 
 bool DeleteCacheEntry(CacheKind kind, const std::string& subKey) {
+  CacheWriteLock lock;
   CacheEntry entry;
   if (!ReadCacheEntry(kind, subKey, &entry)) return true;
   // The sub-key goes first: a failure then leaves a stray file, never an entry that
-  // names a file which is gone.
+  // names a file which is gone. A stray file goes at the next sweep.
   AccessReg reg;
   if (!reg.DeleteKey(HKEY_CURRENT_USER, entry.KeyPath().c_str())) return false;
-  for (const std::string& file : entry.CacheFiles()) {
+  for (const std::string& file : entry.RemovableFiles()) {
     if (FileExists(file)) RemoveFile(file);
   }
   return true;

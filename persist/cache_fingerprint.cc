@@ -33,8 +33,7 @@ ContentSample ReadContentSample(FileHandle file) {
 }
 
 ContentSample ReadContentSample(const std::string& path) {
-  FileHandle file = OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                   OPEN_EXISTING, 0, kInvalidFileHandle);
+  FileHandle file = OpenRegularFile(path, GENERIC_READ);
   if (file == kInvalidFileHandle) return ContentSample{};
   ContentSample sample = ReadContentSample(file);
   CloseFileHandle(file);

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "media/file_type.h"
+#include "persist/cache_sweep.h"
 #include "persist/cache_writer.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
@@ -52,7 +53,7 @@ int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string&
     if (ReadCacheEntry(kind, entry.sub_key, &replaced)) {
       AccessReg reg;
       if (!reg.DeleteKey(HKEY_CURRENT_USER, replaced.KeyPath().c_str())) return -1;
-      for (const std::string& f : replaced.CacheFiles()) {
+      for (const std::string& f : replaced.RemovableFiles()) {
         if (std::find(keep.begin(), keep.end(), f) == keep.end() && FileExists(f)) RemoveFile(f);
       }
     }
@@ -76,6 +77,9 @@ int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string&
 int32_t CacheRename(const std::string& oldPath, const std::string& newPath, int32_t format) {
   if (oldPath.empty() || newPath.empty() || !FitsRecordPath(newPath)) return -1;
   if (oldPath == newPath) return 1;
+  // Only a regular file (or a name not taken yet) can be a media file to carry tags.
+  if (FileExists(newPath) && !IsRegularFile(newPath)) return -1;
+  CacheWriteLock lock;
   CacheKind only;
   bool one_kind = format != 0 && CacheKindForFormat(format, &only);
   // A format recognised by its first bytes may still have tags in the temp cache from when

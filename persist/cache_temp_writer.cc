@@ -1,4 +1,5 @@
 // Writing the temp-cache entry of a program-stream media file.
+#include "persist/cache_sweep.h"
 #include "persist/cache_writer.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
@@ -9,7 +10,7 @@ namespace {
 // Removes the cache file of an entry that a new record replaced.
 void RemoveReplacedFile(const CacheEntry& old, bool existed, const std::string& newFile) {
   if (existed && old.has_temp_record && !old.temp.cache_path.empty() &&
-      old.temp.cache_path != newFile && FileExists(old.temp.cache_path)) {
+      old.temp.cache_path != newFile && IsInCacheFolder(old.temp.cache_path)) {
     RemoveFile(old.temp.cache_path);
   }
 }
@@ -52,7 +53,8 @@ int32_t WriteTempCacheEntry(const TempCacheRecord& record, uint32_t contentInfo)
     // so that it names no file the caller may remove.
     reg.Close();
     reg.DeleteKey(HKEY_CURRENT_USER, key_path.c_str());
-    if (had_previous && previous.has_temp_record && previous.temp.cache_path != record.cache_path)
+    if (had_previous && previous.has_temp_record && previous.temp.cache_path != record.cache_path &&
+        IsInCacheFolder(previous.temp.cache_path))
       RemoveFile(previous.temp.cache_path);
     return 0;
   }

@@ -124,4 +124,14 @@ inline CacheWriteRequest Request(CacheKind kind, const std::string& path) {
   return r;
 }
 
+// A VR write request with the side file wanted, for a new DVD file of `size` bytes at
+// disc/VIDEO_TS/VTS_01_1.VOB (its side file: disc/MQINFO/VTS_01_1.VOB.mq).
+inline CacheWriteRequest SideFileRequest(size_t size, uint8_t seed) {
+  MakeFolder(test::TestPath("disc"));
+  MakeFolder(test::TestPath("disc/VIDEO_TS"));
+  CacheWriteRequest r = Request(CacheKind::kVR, MakeFile("disc/VIDEO_TS/VTS_01_1.VOB", size, seed));
+  r.side_file = true;
+  return r;
+}
+
 }  // namespace marquel::cachetest

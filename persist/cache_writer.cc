@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "cache_files.h"
+#include "persist/cache_sweep.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
 
@@ -93,6 +94,7 @@ int32_t WriteCacheEntry(const CacheWriteRequest& request, const CacheBlockWriter
   size_t blocks = request.kind == CacheKind::kTS
                       ? std::min<size_t>(request.pmt_pids.size(), kMaxCachePrograms)
                       : 1;
+  CacheWriteLock lock;  // until the store names the new files
   ContentSample sample = ReadContentSample(request.media_path);
   CacheEntry found;
   bool reused = FindCacheEntry(request.kind, request.media_path, request.identity, sample, &found);
@@ -101,7 +103,7 @@ int32_t WriteCacheEntry(const CacheWriteRequest& request, const CacheBlockWriter
   const std::string sub_key = CacheSubKeyName(request.media_path);
   CacheEntry previous;  // whatever the sub-key of this name holds now
   bool had_previous = ReadCacheEntry(request.kind, sub_key, &previous);
-  std::vector<std::string> old_files = previous.CacheFiles();
+  std::vector<std::string> old_files = previous.RemovableFiles();
   // The file's own entry under its other key name (written while its volume answered
   // otherwise about case) gives way to the one written now.
   CacheEntry elsewhere;
@@ -112,7 +114,7 @@ int32_t WriteCacheEntry(const CacheWriteRequest& request, const CacheBlockWriter
     elsewhere = found;
   }
   if (moved) {
-    for (const std::string& f : elsewhere.CacheFiles())
+    for (const std::string& f : elsewhere.RemovableFiles())
       if (!Contains(old_files, f)) old_files.push_back(f);
   }
 
@@ -144,7 +146,7 @@ int32_t WriteCacheEntry(const CacheWriteRequest& request, const CacheBlockWriter
       // The sub-key is half written: drop it, so that it names no file at all.
       AccessReg reg;
       reg.DeleteKey(HKEY_CURRENT_USER, entry.KeyPath().c_str());
-      if (had_previous) RemoveFiles(previous.CacheFiles(), new_files);
+      if (had_previous) RemoveFiles(previous.RemovableFiles(), new_files);
     }
     RemoveFiles(new_files, old_files);
     return -1;

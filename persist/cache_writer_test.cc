@@ -202,11 +202,8 @@ TEST(CacheWriter, TSEntryHasOneCacheFilePerProgram) {
 }
 
 TEST(CacheWriter, VRSideFileBesideTheDiscStructure) {
-  ASSERT_TRUE(MakeFolder(test::TestPath("disc")));
-  ASSERT_TRUE(MakeFolder(test::TestPath("disc/VIDEO_TS")));
-  std::string media = MakeFile("disc/VIDEO_TS/VTS_01_1.VOB", 10000, 4);
-  CacheWriteRequest r = Request(CacheKind::kVR, media);
-  r.side_file = true;
+  CacheWriteRequest r = cachetest::SideFileRequest(10000, 4);
+  const std::string media = r.media_path;
   CacheEntry e;
   ASSERT_EQ(WriteCacheEntry(r, BytesWriter({{4, 4}}), &e), 1);
   std::string side = test::TestPath("disc/MQINFO/VTS_01_1.VOB.mq");

@@ -71,8 +71,8 @@ int MarquelOneFile::Open(int32_t nType, int32_t bLoad, int32_t bQueryOnly) {
     identity_[0] = identity_[1] = 0;
     return 1;
   }
-  FileHandle h = OpenFileHandle(file_name_, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                nullptr, OPEN_EXISTING, 0, kInvalidFileHandle);
+  // A FIFO, a device or a folder is never a media file; opening one must not wait.
+  FileHandle h = OpenRegularFile(file_name_, GENERIC_READ);
   if (h == kInvalidFileHandle) {
     MQ_LOG("[%d] can not read %s", handle_, file_name_.c_str());
     return -1;

@@ -29,8 +29,7 @@ void SessionSteps::FinalisePrograms(MarquelOneFile& f) {
 }
 
 void SessionSteps::DetectFormat(MarquelOneFile& f) {
-  FileHandle file = OpenFileHandle(f.file_name_, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                   nullptr, OPEN_EXISTING, 0, kInvalidFileHandle);
+  FileHandle file = OpenRegularFile(f.file_name_, GENERIC_READ);
   if (file == kInvalidFileHandle) return;
   TsLayout layout;
   f.file_type_ = static_cast<int32_t>(DetectFileType(&layout, file, f.file_name_));

@@ -16,8 +16,7 @@ namespace {
 class OpenMediaFile {
  public:
   explicit OpenMediaFile(const std::string& path)
-      : handle_(OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                               OPEN_EXISTING, 0, kInvalidFileHandle)) {}
+      : handle_(OpenRegularFile(path, GENERIC_READ)) {}
   ~OpenMediaFile() {
     if (handle_ != kInvalidFileHandle) CloseFileHandle(handle_);
   }
@@ -51,8 +50,8 @@ void SessionSteps::TakeFileAttributes(MarquelOneFile& f) {
 int32_t SessionSteps::LoadCacheFile(MarquelOneFile& f, MQOneProgram& program,
                                     const std::string& path) {
   int32_t result = 0;
-  FileHandle file = OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                   OPEN_EXISTING, 0, kInvalidFileHandle);
+  // The path comes from the store: only a regular file is read.
+  FileHandle file = OpenRegularFile(path, GENERIC_READ);
   if (file != kInvalidFileHandle) {
     result = ReadProgramBlockFromTempFile(program, file) == 1 ? 1 : 0;
     CloseFileHandle(file);

@@ -1,6 +1,7 @@
 // MarquelOneFile::WriteToFile: an MPEG session's data to the temp cache or into the file.
 #include "log/log.h"
 #include "persist/cache_fingerprint.h"
+#include "persist/cache_sweep.h"
 #include "persist/cache_writer.h"
 #include "persist/marquel_one_file.h"
 #include "session_steps.h"
@@ -19,8 +20,7 @@ struct MediaHandle {
 };
 
 FileHandle OpenForReading(const std::string& path) {
-  return OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                        OPEN_EXISTING, 0, kInvalidFileHandle);
+  return OpenRegularFile(path, GENERIC_READ);
 }
 
 }  // namespace
@@ -49,8 +49,7 @@ int32_t MarquelOneFile::WriteToFile(int32_t bCache) {
       return -1;
     }
   } else {
-    media.h = OpenFileHandle(file_name_, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                             OPEN_EXISTING, 0, kInvalidFileHandle);
+    media.h = OpenRegularFile(file_name_, GENERIC_READ | GENERIC_WRITE);
     if (media.h == kInvalidFileHandle) {
       forced_read = true;
       media.h = OpenForReading(file_name_);
@@ -73,6 +72,7 @@ int32_t MarquelOneFile::WriteToFile(int32_t bCache) {
       WriteProgramBlock(*program);
     }
     ContentSample sample = ReadContentSample(media.h);
+    CacheWriteLock lock;  // until the store names the new file
     std::string cache_path;
     bool made = MakeCacheFile(&cache_path);
     MQ_LOG("[%d] create temp file %s (%s)", handle_, made ? "success" : "fail", cache_path.c_str());

@@ -35,6 +35,22 @@ int OpenFlags(uint32_t access, uint32_t disposition) {
   }
 }
 
+// open() that cannot wait on a FIFO or a device: O_NONBLOCK for the open only, so that
+// reads and writes of the handle wait as usual afterwards.
+int OpenWithoutWaiting(const std::string& path, int flags) {
+  int fd;
+  do {
+    fd = open(path.c_str(), flags | O_NONBLOCK | O_NOCTTY, 0666);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return -1;
+  const int status = fcntl(fd, F_GETFL);
+  if (status < 0 || fcntl(fd, F_SETFL, status & ~O_NONBLOCK) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 }  // namespace
 
 int UseWideApi() {
@@ -54,16 +70,31 @@ FileHandle OpenFileHandle(const std::string& path, uint32_t access, uint32_t /*s
     errno = EINVAL;
     return kInvalidFileHandle;
   }
-  int fd;
-  do {
-    fd = open(path.c_str(), flags, 0666);
-  } while (fd < 0 && errno == EINTR);
+  int fd = OpenWithoutWaiting(path, flags);
   if (fd < 0) return kInvalidFileHandle;
   struct stat st;
   if (fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
     // CreateFile does not open folders without a special flag.
     close(fd);
     errno = EISDIR;
+    return kInvalidFileHandle;
+  }
+  return fd;
+}
+
+FileHandle OpenRegularFile(const std::string& path, uint32_t access) {
+  if (path.empty()) {
+    errno = EINVAL;
+    return kInvalidFileHandle;
+  }
+  const int flags = O_CLOEXEC | ((access & GENERIC_WRITE) != 0 ? O_RDWR : O_RDONLY);
+  int fd = OpenWithoutWaiting(path, flags);
+  if (fd < 0) return kInvalidFileHandle;
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    const bool folder = S_ISDIR(st.st_mode);
+    close(fd);
+    errno = folder ? EISDIR : EINVAL;
     return kInvalidFileHandle;
   }
   return fd;

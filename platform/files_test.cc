@@ -202,5 +202,60 @@ TEST(FilesTest, LongPathsAreNeverCut) {
   EXPECT_TRUE(FileExists(name));
 }
 
+// --- Files that are not regular files --------------------------------------------------
+
+TEST(OpenRegularFile, OpensARegularFileForReadingAndForWriting) {
+  const std::string path = test::TestPath("media.ts");
+  CloseFileHandle(Create(path));
+  FileHandle h = OpenRegularFile(path, GENERIC_READ);
+  ASSERT_NE(h, kInvalidFileHandle);
+  uint32_t written = 0;
+  EXPECT_FALSE(WriteFile(h, "x", 1, &written)) << "read only";
+  CloseFileHandle(h);
+  h = OpenRegularFile(path, GENERIC_READ | GENERIC_WRITE);
+  ASSERT_NE(h, kInvalidFileHandle);
+  EXPECT_TRUE(WriteFile(h, "x", 1, &written));
+  CloseFileHandle(h);
+  EXPECT_TRUE(IsRegularFile(path));
+  EXPECT_EQ(OpenRegularFile(test::TestPath("missing.ts"), GENERIC_READ), kInvalidFileHandle);
+}
+
+TEST(OpenRegularFile, RefusesAFifoAtOnceWithoutAWriter) {
+  const std::string fifo = test::TestPath("pipe.ts");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  errno = 0;
+  EXPECT_EQ(OpenRegularFile(fifo, GENERIC_READ), kInvalidFileHandle);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(OpenRegularFile(fifo, GENERIC_READ | GENERIC_WRITE), kInvalidFileHandle);
+  EXPECT_FALSE(IsRegularFile(fifo));
+}
+
+TEST(OpenRegularFile, RefusesDevicesAndFolders) {
+  EXPECT_EQ(OpenRegularFile("/dev/null", GENERIC_READ), kInvalidFileHandle);
+  EXPECT_EQ(OpenRegularFile("/dev/zero", GENERIC_READ), kInvalidFileHandle);
+  errno = 0;
+  EXPECT_EQ(OpenRegularFile(test::TestDir(), GENERIC_READ), kInvalidFileHandle);
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_FALSE(IsRegularFile("/dev/zero"));
+  EXPECT_FALSE(IsRegularFile(test::TestDir()));
+}
+
+TEST(FilesTest, OpeningAFifoNeverWaitsForItsPeer) {
+  const std::string fifo = test::TestPath("pipe");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  FileHandle h =
+      OpenFileHandle(fifo, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, kInvalidFileHandle);
+  ASSERT_NE(h, kInvalidFileHandle) << "reading opens at once";
+  uint32_t got = 1;
+  char c;
+  EXPECT_TRUE(ReadFile(h, &c, 1, &got)) << "no writer: the end at once";
+  EXPECT_EQ(got, 0u);
+  CloseFileHandle(h);
+  errno = 0;
+  EXPECT_EQ(OpenFileHandle(fifo, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, kInvalidFileHandle),
+            kInvalidFileHandle);
+  EXPECT_EQ(errno, ENXIO) << "writing without a reader fails instead of waiting";
+}
+
 }  // namespace
 }  // namespace marquel

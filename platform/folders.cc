@@ -44,6 +44,11 @@ bool FileExists(const std::string& path) {
   return !path.empty() && stat(path.c_str(), &st) == 0;
 }
 
+bool IsRegularFile(const std::string& path) {
+  struct stat st;
+  return !path.empty() && stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 int FileStatus(const std::string& path, FileStatusRecord* status) {
   struct stat st;
   if (status == nullptr || path.empty() || stat(path.c_str(), &st) != 0) return -1;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "platform/files.h"
+#include "platform/temp_folders.h"
 #include "record_io.h"
 #include "record_layout.h"
 
@@ -29,7 +30,10 @@ size_t OverlayLimitFor(int32_t recordBytes) {
 
 std::unique_ptr<RecordFile> RecordFile::Create() {
   std::string name;
-  if (GetTempFolderFileName("MQT", 0, &name) == 0) return nullptr;
+  // In the process's own folder, so that a clean-up can tell the files of a killed
+  // process from those of a live one.
+  const std::string folder = ProcessTempFolder();
+  if (folder.empty() || MakeTempFileName(folder, "MQT", 0, &name) == 0) return nullptr;
   return std::unique_ptr<RecordFile>(new RecordFile(std::move(name)));
 }
 

@@ -27,8 +27,8 @@ namespace marquel {
 
 class RecordFile {
  public:
-  // Makes a new, empty temporary file ("MQT<hex>.tmp" in the temporary folder). Null when
-  // it cannot be made.
+  // Makes a new, empty temporary file ("MQT<hex>.tmp" in the process's own temporary
+  // folder, platform/temp_folders.h). Null when it cannot be made.
   static std::unique_ptr<RecordFile> Create();
   // Deletes the temporary file.
   ~RecordFile();

@@ -4,11 +4,13 @@
 #include "record_file.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <map>
 #include <random>
 
+#include "platform/temp_folders.h"
 #include "record_layout.h"
 
 namespace marquel {
@@ -40,10 +42,13 @@ int64_t ModelCount(const Model& m, int64_t start, bool hasEnd, int64_t end) {
   return n;
 }
 
-TEST(RecordFileTest, CreatedInTheTemporaryFolder) {
+TEST(RecordFileTest, CreatedInTheProcesssOwnTemporaryFolder) {
   auto f = RecordFile::Create();
   ASSERT_TRUE(f);
-  EXPECT_EQ(f->path().rfind(std::string(getenv("TMPDIR")) + "/MQT", 0), 0u) << f->path();
+  const std::string own = std::string(getenv("TMPDIR")) + "/marquel-" + std::to_string(getuid()) +
+                          "/" + std::to_string(getpid());
+  EXPECT_EQ(ProcessTempFolder(), own);
+  EXPECT_EQ(f->path().rfind(own + "/MQT", 0), 0u) << f->path();
   std::string path = f->path();
   f.reset();
   EXPECT_NE(access(path.c_str(), F_OK), 0) << "the temporary file is deleted";

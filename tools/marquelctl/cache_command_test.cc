@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -13,6 +14,7 @@
 
 #include "ctl_test_util.h"
 #include "platform/access_reg.h"
+#include "platform/env.h"
 #include "platform/files.h"
 #include "platform/text.h"
 #include "testsupport/fresh_home.h"
@@ -32,8 +34,11 @@ const Bytes kOneValue = {
     0x80, 0x3F, 0xBA, 0x6C, 0xAD, 0x64, 0x00, 0x00, 0x12, 0x34, 0xF3, 0xD0, 0xA2, 0xF6,
 };
 
+// A cache file of the cache folder, where an entry's own files live.
 std::string WriteCacheFile(const std::string& name, const Bytes& bytes) {
-  std::string path = test::TestPath(name);
+  const std::string folder = CurrentEnv()->AppDataFolder() + "/Halvern/MQInfo";
+  std::filesystem::create_directories(folder);
+  std::string path = folder + "/" + name;
   ctltest::WriteBytes(path, bytes);
   return path;
 }

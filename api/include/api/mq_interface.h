@@ -60,6 +60,8 @@ class CMQInterface {
   // deletes every sample of the file, negative time codes too. nFileType counts only for a
   // file that does not exist yet: it must then be a format code, 1 to 26
   // (media/file_type.h); 0 or another number fails, as no cache could keep the tags.
+  // A path that exists but is not a regular file (a FIFO, a device, a folder) is E_FAIL
+  // and -1, whatever nFileType says; it is never opened in a way that could wait.
   HRESULT InitialFile(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
                       int32_t* nFileHandle);
   HRESULT InitialFile2(const std::string& wFileName, int32_t nFileType, int32_t bOverwrite,
@@ -227,8 +229,10 @@ class CMQInterface {
 
   // --- IMarquelTool --------------------------------------------------------------------
 
+  // E_FAIL for a file that does not exist or is not a regular file.
   HRESULT QueryOrgFileSizeAndMTime(const std::string& wFileName, uint64_t* pullOrgFileSize,
                                    uint64_t* pullMTime);
+  // E_FAIL, and nothing carried over, when wNewFileName exists but is not a regular file.
   HRESULT CacheRename(const std::string& wOriFileName, const std::string& wNewFileName,
                       int32_t nFileType);
   HRESULT MoveCacheDataToOrgFile(const std::string& wOriFileName);

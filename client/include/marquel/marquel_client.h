@@ -51,6 +51,8 @@ class IMQInterface {
 
   // nFileType counts only for a file that does not exist yet: it must then be a format
   // code, 1 to 26 (the server's detection codes); 0 or another number gives E_FAIL.
+  // E_FAIL (handle -1) for a path that exists but is not a regular file: a FIFO, a device
+  // or a folder. The same holds for InitialFile2.
   virtual HRESULT InitialFile(const char* wFileName, int32_t nFileType, int32_t bOverwrite,
                               int32_t* nFileHandle) = 0;
   virtual HRESULT CloseFile(int32_t nFileHandle, int32_t bWriteToCache) = 0;
@@ -219,8 +221,10 @@ class IMQInterface2 : public IMQInterface {
 class IMarquelTool {
  public:
   virtual ~IMarquelTool() = default;
+  // E_FAIL for a file that does not exist or is not a regular file.
   virtual HRESULT QueryOrgFileSizeAndMTime(const char* wFileName, uint64_t* pullOrgFileSize,
                                            uint64_t* pullMTime) = 0;
+  // E_FAIL, nothing carried over, when wNewFileName exists but is not a regular file.
   virtual HRESULT CacheRename(const char* wOriFileName, const char* wNewFileName,
                               int32_t nFileType) = 0;
   virtual HRESULT MoveCacheDataToOrgFile(const char* wOriFileName) = 0;

@@ -37,6 +37,10 @@ struct CacheEntry {
   std::string MediaPath() const;
   // Every cache file the entry names, each once, in program order.
   std::vector<std::string> CacheFiles() const;
+  // The cache files the entry may delete along with itself: those directly in the cache
+  // folder with the cache-file shape, and for a VR entry its media file's side file
+  // exactly (SideFilePath). A record naming any other file never costs that file.
+  std::vector<std::string> RemovableFiles() const;
   // The cache file of program 0 ("" when none).
   std::string FirstCacheFile() const;
   // Whether the values its kind needs are present: the file record (and for TS the
@@ -54,8 +58,8 @@ std::vector<CacheEntry> ListCacheEntries(CacheKind kind);
 // read as 0.
 uint32_t ReadNextId(CacheKind kind);
 
-// Deletes the cache files an entry names, then its sub-key. True when the sub-key is gone
-// afterwards (also when it never existed).
+// Deletes an entry's sub-key, then the cache files it may delete (RemovableFiles). True
+// when the sub-key is gone afterwards (also when it never existed).
 bool DeleteCacheEntry(CacheKind kind, const std::string& subKey);
 
 // Deletes the first entry (in enumeration order) whose "ID" is `id`, with its cache files.

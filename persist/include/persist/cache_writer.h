@@ -61,9 +61,10 @@ int32_t WriteTempCacheEntry(const TempCacheRecord& record, uint32_t contentInfo)
 // kind of `format` when it is a known format code, 1 to 26, and for 17 to 26 the temp
 // cache too, which holds their tags from before they had a code), the entry named after
 // the old path is written under the new name with the record's path changed, and the old
-// sub-key is deleted. An entry already under the new name is replaced (its cache files
-// are deleted). Returns 1 (also when there is nothing to carry over), or -1 when an
-// entry could not be carried over (it then stays under the old name).
+// sub-key is deleted. An entry already under the new name is replaced (the cache files it
+// may delete are deleted). Returns 1 (also when there is nothing to carry over), or -1
+// when an entry could not be carried over (it then stays under the old name) and when
+// the new name exists but is not a regular file (a FIFO, a device, a folder).
 int32_t CacheRename(const std::string& oldPath, const std::string& newPath, int32_t format);
 
 // The side file of a DVD media file: the parent of the file's folder + "/MQINFO/" + the

@@ -46,10 +46,17 @@ int UseWideApi();
 
 // Opens or creates a file. `shareMode`, `security`, `flags` and `templ` are accepted for
 // the callers' sake; Linux does not lock files against other openers. Access 0 opens for
-// reading. Returns the handle, or kInvalidFileHandle.
+// reading. The open itself never waits: a FIFO without a peer opens for reading at once
+// and fails (ENXIO) for writing. Returns the handle, or kInvalidFileHandle.
 FileHandle OpenFileHandle(const std::string& path, uint32_t access, uint32_t shareMode,
                           const void* security, uint32_t disposition, uint32_t flags,
                           FileHandle templ);
+// Opens an existing regular file for reading, or for reading and writing when `access`
+// holds GENERIC_WRITE, without ever waiting: a FIFO, a device, a socket or a folder is
+// refused (errno EINVAL, or EISDIR for a folder) and nothing of it is read. Media files and
+// cache files named by the store are opened this way, so that a path a client or a damaged
+// record gives can never stall the server. Returns the handle, or kInvalidFileHandle.
+FileHandle OpenRegularFile(const std::string& path, uint32_t access);
 // Reads up to n bytes (fewer only at the end of the file); *read receives the count.
 bool ReadFile(FileHandle h, void* buffer, uint32_t n, uint32_t* read);
 // Writes all n bytes; *written receives the count written.
@@ -65,6 +72,8 @@ int64_t GetFileSize64(FileHandle h);
 
 // Whether a file or folder exists.
 bool FileExists(const std::string& path);
+// Whether `path` is a regular file (after following symbolic links).
+bool IsRegularFile(const std::string& path);
 
 struct FileStatusRecord {
   int64_t size = 0;

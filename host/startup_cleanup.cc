@@ -1,0 +1,18 @@
+// What the server removes at its start: the leftovers of processes that were killed.
+#include "startup_cleanup.h"
+
+#include "log/log.h"
+#include "persist/cache_sweep.h"
+#include "platform/temp_folders.h"
+
+namespace marquel::host {
+
+void RemoveLeftoversOfKilledProcesses() {
+  log::LoadSettings();  // the controller reads them again; this start-up is logged too
+  const int folders = RemoveEndedProcessTempFolders();
+  const int files = RemoveOrphanCacheFiles();
+  MQ_LOG("start: %d temporary folder(s) of ended processes removed, cache sweep %d", folders,
+         files);
+}
+
+}  // namespace marquel::host

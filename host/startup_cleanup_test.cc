@@ -1,0 +1,52 @@
+// The start-up clean-up removes what ended processes left and nothing a live one uses.
+#include "startup_cleanup.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "media/mqinfo_temp.h"
+#include "persist/cache_sweep.h"
+#include "platform/files.h"
+#include "platform/temp_folders.h"
+#include "testsupport/fresh_home.h"
+
+namespace marquel::host {
+namespace {
+
+TEST(StartupCleanup, RemovesAnEndedProcesssFolderAndUnnamedCacheFilesOnly) {
+  pid_t child = fork();
+  if (child == 0) {
+    std::ofstream(ProcessTempFolder() + "/MQT1.tmp") << "records";
+    _exit(0);  // as killed: no exit handlers
+  }
+  waitpid(child, nullptr, 0);
+  const std::string ended = TempFoldersRoot() + "/" + std::to_string(child);
+  ASSERT_TRUE(FileExists(ended + "/MQT1.tmp"));
+  const std::string own = ProcessTempFolder();
+  std::ofstream(own + "/MQT2.tmp") << "in use";
+  std::string orphan;
+  ASSERT_NE(GetMQInfoTempFileName("MQ", 0, &orphan), 0u);
+  std::string folder;
+  ASSERT_TRUE(GetMQInfoFolder(&folder));
+  std::ofstream(folder + "/readme.txt") << "not a cache file";
+
+  RemoveLeftoversOfKilledProcesses();
+  EXPECT_FALSE(FileExists(ended));
+  EXPECT_FALSE(FileExists(orphan));
+  EXPECT_TRUE(FileExists(own + "/MQT2.tmp"));
+  EXPECT_TRUE(FileExists(folder + "/readme.txt"));
+}
+
+TEST(StartupCleanup, LeavesAFileBeingWrittenAlone) {
+  std::string being_written;
+  ASSERT_NE(GetMQInfoTempFileName("MQ", 0, &being_written), 0u);
+  CacheWriteLock writing;  // as a close in another process holds it
+  RemoveLeftoversOfKilledProcesses();
+  EXPECT_TRUE(FileExists(being_written));
+}
+
+}  // namespace
+}  // namespace marquel::host
