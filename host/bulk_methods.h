@@ -37,6 +37,8 @@ class BulkMethods {
   void ReadRawData(sdbus::MethodCall& call, const std::string& client);
   void ReadRawDataNext(sdbus::MethodCall& call, const std::string& client);
   void EndTransfer(sdbus::MethodCall& call, const std::string& client);
+  int32_t RunRead(sdbus::MethodCall& call, const std::string& client, bool raw, int32_t* page,
+                  Transfer* t);
 
   CMQInterface& mq_;
   ClientRegistry& registry_;

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,6 +43,14 @@ class CMQInterface {
   static constexpr int32_t kMaxReadSamples = 1 << 24;
   // The largest number of raw sample bytes one read may gather.
   static constexpr int64_t kMaxReadRawBytes = int64_t{1} << 30;
+  // A read takes its samples from the tag store a piece at a time: at most this many
+  // samples, and for raw tags about kReadPieceBytes of sample bytes (at least one sample).
+  static constexpr int64_t kReadPieceSamples = 65536;
+  static constexpr int64_t kReadPieceBytes = int64_t{4} << 20;
+
+  // One piece of a read, in time order. Raw bytes are valid only during the call. An
+  // answer other than S_OK ends the read with that answer.
+  using ReadSink = std::function<HRESULT(const SampleRecord* records, size_t count)>;
 
   // Makes the controller (which loads the log settings) and runs its start-up.
   CMQInterface();
@@ -139,6 +148,16 @@ class CMQInterface {
   HRESULT GetRawDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                            int64_t llStartTime, int64_t llEndTime, int32_t m,
                            MarquelRawDataTag* pTagList);
+  // The read behind the Get*Data* methods, in pieces, so that what a read holds is sized
+  // by the samples that exist and not by m. Checks m as those methods do (m < 1:
+  // E_INVALIDARG; above kMaxReadSamples: E_OUTOFMEMORY), then hands the request's samples
+  // to `sink` in order, at most m in all, and writes their number to *delivered. The
+  // other m - *delivered elements of the answer are zeros (time code 0, value or length
+  // 0). Raw bytes beyond `byte_limit` in all: E_OUTOFMEMORY. No sample (the table's 0):
+  // E_FAIL; a closed handle (-1): S_OK with nothing delivered.
+  HRESULT ReadPieces(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID, bool all,
+                     int64_t llStartTime, int64_t llEndTime, int32_t m, int64_t byte_limit,
+                     const ReadSink& sink, int64_t* delivered);
   HRESULT QueryRawDataTagSampleSize(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                                     int32_t* nSampleSize);
 
