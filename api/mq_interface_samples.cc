@@ -161,9 +161,11 @@ HRESULT CMQInterface::QueryOneTagPeriodSize(int32_t nFileHandle, int32_t nProgra
 HRESULT CMQInterface::InsertRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                                        int64_t llTimeCode, int32_t nLength, const uint8_t* pData,
                                        size_t available) {
-  // A length beyond the bytes that arrived would make the store read past them.
+  // A length beyond the bytes that arrived would make the store read past them; one
+  // beyond the store's ceiling is refused before anything is copied.
   if (nLength > 0 && (pData == nullptr || static_cast<size_t>(nLength) > available))
     return E_INVALIDARG;
+  if (nLength > kMaxRawSampleBytes) return E_INVALIDARG;
   return R2(ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID,
                              MakeRawSample(llTimeCode, nLength, nLength > 0 ? pData : nullptr)));
 }

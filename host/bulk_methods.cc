@@ -92,7 +92,11 @@ void BulkMethods::InsertDataColumns(sdbus::MethodCall& call, const std::string&)
     const auto* t = static_cast<const int64_t*>(times);
     const auto* v = static_cast<const int32_t*>(values);
     hr = InsertInPieces(
-        mq_, h, program, tag, n, [&](size_t i) { return MarquelOneTag{t[i], v[i]}; }, &inserted);
+        mq_, h, program, tag, n,
+        [&](size_t i) {
+          return MarquelOneTag{t[i], v[i]};
+        },
+        &inserted);
   }
   auto reply = call.createReply();
   reply << hr << inserted;

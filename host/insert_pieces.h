@@ -14,8 +14,8 @@ namespace marquel::host {
 // E_INVALIDARG for n below 1, E_OUTOFMEMORY when a piece answers so, else S_OK only when
 // every record was stored. *inserted gets how many were.
 template <typename At>
-int32_t InsertInPieces(CMQInterface& mq, int32_t h, int32_t program, int32_t tag, size_t n,
-                       At at, int32_t* inserted) {
+int32_t InsertInPieces(CMQInterface& mq, int32_t h, int32_t program, int32_t tag, size_t n, At at,
+                       int32_t* inserted) {
   *inserted = 0;
   if (n == 0) return E_INVALIDARG;
   std::vector<MarquelOneTag> piece;
@@ -26,8 +26,8 @@ int32_t InsertInPieces(CMQInterface& mq, int32_t h, int32_t program, int32_t tag
     piece.resize(count);
     for (size_t i = 0; i < count; ++i) piece[i] = at(first + i);
     int32_t done = 0;
-    int32_t hr = mq.InsertDataPeriod(h, program, tag, piece.data(), static_cast<int32_t>(count),
-                                     &done);
+    int32_t hr =
+        mq.InsertDataPeriod(h, program, tag, piece.data(), static_cast<int32_t>(count), &done);
     if (hr == E_OUTOFMEMORY) return hr;
     stored += done;
     first += count;

@@ -58,7 +58,9 @@ int32_t MQAdaptor::InsertPlain(int32_t h, int32_t program, int32_t tag,
   int32_t inserted = 0;
   return InsertInPieces(
       mq_, h, program, tag, static_cast<size_t>(count),
-      [&](size_t i) { return MarquelOneTag{std::get<0>(tags[i]), std::get<1>(tags[i])}; },
+      [&](size_t i) {
+        return MarquelOneTag{std::get<0>(tags[i]), std::get<1>(tags[i])};
+      },
       &inserted);
 }
 
@@ -122,7 +124,8 @@ HrSamples MQAdaptor::ReadPlain(int32_t h, int32_t program, int32_t tag, bool all
   Hr hr = mq_.ReadPieces(
       h, program, tag, all, start, end, m, CMQInterface::kMaxReadRawBytes,
       [&](const SampleRecord* records, size_t count) {
-        for (size_t i = 0; i < count; ++i) reply.emplace_back(records[i].llTimeCode, records[i].nValue);
+        for (size_t i = 0; i < count; ++i)
+          reply.emplace_back(records[i].llTimeCode, records[i].nValue);
         return S_OK;
       },
       nullptr);
@@ -262,7 +265,8 @@ HrRawSamples MQAdaptor::ReadRaw(int32_t h, int32_t program, int32_t tag, bool al
           const SampleRecord& r = records[i];
           size_t length = r.nKind == kRawSample && r.nValue > 0 ? r.nValue : 0;
           std::vector<uint8_t> bytes(length, 0);
-          if (length > 0 && r.pBuffer != nullptr) std::copy(r.pBuffer, r.pBuffer + length, bytes.begin());
+          if (length > 0 && r.pBuffer != nullptr)
+            std::copy(r.pBuffer, r.pBuffer + length, bytes.begin());
           reply.emplace_back(r.llTimeCode, std::move(bytes));
         }
         return S_OK;

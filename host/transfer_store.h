@@ -50,11 +50,11 @@ class SpillFile {
 struct Transfer {
   std::string owner;
   bool raw = false;
-  int64_t total = 0;   // the elements of the answer (m)
-  int64_t stored = 0;  // of them, the samples in the files; the rest are zeros
-  SpillFile heads;     // per stored sample: time code (8 bytes), value or length (4)
-  SpillFile bytes;     // raw: the stored samples' bytes back to back
-  int64_t next = 0;    // the first element not yet handed out
+  int64_t total = 0;       // the elements of the answer (m)
+  int64_t stored = 0;      // of them, the samples in the files; the rest are zeros
+  SpillFile heads;         // per stored sample: time code (8 bytes), value or length (4)
+  SpillFile bytes;         // raw: the stored samples' bytes back to back
+  int64_t next = 0;        // the first element not yet handed out
   uint64_t next_byte = 0;  // raw: where that element's bytes start
   bool Done() const { return next >= total; }
   uint64_t Bytes() const { return heads.size() + bytes.size(); }

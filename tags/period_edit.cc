@@ -57,13 +57,19 @@ void InsertStretched(MQOneProgram& target, int32_t tagId, std::vector<SampleReco
 }
 
 // Copies the covered period of one tag. A source tag that is also the target is read
-// whole before anything is inserted; otherwise it is read in chunks to bound memory.
+// whole before anything is inserted, and refused (-1, nothing changed) when that would
+// hold more than kSameTagCopyBytes; otherwise it is read in chunks of at most 65,536
+// records and kStorePieceBytes.
 int CopyOneTag(TagObject* source, MQOneProgram& target, int32_t tagId, int64_t targetStart,
                int64_t srcStart, int64_t srcEnd, int32_t num, int32_t den) {
   int64_t total = source->CountInPeriod(srcStart, srcEnd);
   if (total == 0) return 1;
   bool sameTag = target.Tag(tagId) == source;
-  const int64_t chunkMax = sameTag ? total : std::min<int64_t>(total, 65536);
+  const int64_t recordBytes = int64_t{32} + source->RawSampleSize();
+  if (sameTag && total > RecordsWithin(kSameTagCopyBytes, recordBytes)) return -1;
+  const int64_t chunkMax =
+      sameTag ? total
+              : std::min<int64_t>({total, 65536, RecordsWithin(kStorePieceBytes, recordBytes)});
   std::vector<SampleRecord> chunk;
   try {
     chunk.resize(static_cast<size_t>(chunkMax));

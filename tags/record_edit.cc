@@ -105,8 +105,7 @@ void RecordFile::Truncate() {
   tail_.clear();
   tail_.shrink_to_fit();
   free_slots_.clear();
-  overlay_.clear();
-  overlay_bytes_.clear();
+  DropOverlay();
   slot_count_ = 0;
   count_ = 0;
   dirty_ = true;

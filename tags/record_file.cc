@@ -42,15 +42,15 @@ bool WriteAt(int fd, uint64_t offset, const void* buffer, size_t n) {
   return true;
 }
 
-// About 16 KiB per page, between 16 and 512 records. Every tag keeps its last page in
-// memory, so the page size bounds what an idle tag costs.
+// About 16 KiB per page, at most 512 records and, for large raw records, one. Every tag
+// keeps its last page in memory, so the page size bounds what an idle tag costs.
 int32_t PageRecordsFor(int32_t recordBytes) {
-  return std::clamp<int32_t>(16384 / recordBytes, 16, 512);
+  return std::clamp<int32_t>(16384 / recordBytes, recordBytes > 1024 ? 1 : 16, 512);
 }
 
-// The overlay holds at most about 4 MiB of records.
+// The overlay holds at most kOverlayBytes of records (with their index), at least one.
 size_t OverlayLimitFor(int32_t recordBytes) {
-  return std::max<size_t>(256, (4u << 20) / (static_cast<size_t>(recordBytes) + 48));
+  return static_cast<size_t>(RecordsWithin(kOverlayBytes, int64_t{recordBytes} + 48));
 }
 
 }  // namespace
@@ -66,6 +66,7 @@ RecordFile::RecordFile(std::string path) : file_(std::move(path)) {
 }
 
 RecordFile::~RecordFile() {
+  DropOverlay();
   ::unlink(file_.path().c_str());
 }
 

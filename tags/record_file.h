@@ -73,6 +73,8 @@ class RecordFile {
   int32_t page_records() const { return page_records_; }
   size_t overlay_limit() const { return overlay_limit_; }
   size_t overlay_size() const { return overlay_.size(); }
+  // The bytes the overlays of all record files hold now.
+  static int64_t AllOverlayBytes();
   size_t page_count() const { return pages_.size(); }
 
  private:
@@ -102,6 +104,7 @@ class RecordFile {
   int CheckRawRule(const SampleRecord& record);
   int InsertIntoTail(const uint8_t* rec);
   int MergeOverlay();
+  void DropOverlay();
   int MergeRun(const uint8_t* run, int64_t count);
   int Abandon(MergeWriter& out);
   int RestoreTail();

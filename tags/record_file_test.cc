@@ -192,5 +192,42 @@ TEST(RecordFileTest, TruncateEmptiesAndFormatCanChange) {
   EXPECT_EQ(f->page_records(), 16384 / 132);
 }
 
+TEST(RecordFileTest, LargeRawRecordsHaveOneRecordPagesAndAnOverlayCountedInBytes) {
+  auto f = RecordFile::Create();
+  const int32_t size = kMaxRawSampleBytes;
+  f->SetFormat(kRawSample, size);
+  EXPECT_EQ(f->page_records(), 1);
+  EXPECT_LE(f->overlay_limit() * static_cast<size_t>(size), static_cast<size_t>(kOverlayBytes));
+  std::vector<uint8_t> bytes(size, 9);
+  Model model;
+  // Each insert before the tail goes to the overlay, which merges before it passes its bytes.
+  for (int64_t t : {100, 200, 300, 50, 40, 30, 20, 10, 150, 250}) {
+    ASSERT_EQ(f->Insert(MakeRawSample(t, size, bytes.data())), 1);
+    model[t] = size;
+    EXPECT_LE(f->overlay_size(), f->overlay_limit());
+  }
+  ExpectSame(*f, model);
+}
+
+TEST(RecordFileTest, TheOverlaysOfAllFilesStayWithinTheirSharedBudget) {
+  // Many files, each with an overlay below its own bound: together they merge once the
+  // shared budget is passed.
+  std::vector<std::unique_ptr<RecordFile>> files;
+  const int32_t size = 16 << 10;
+  std::vector<uint8_t> bytes(size, 3);
+  for (int i = 0; i < 64; ++i) {
+    auto f = RecordFile::Create();
+    ASSERT_NE(f, nullptr);
+    f->SetFormat(kRawSample, size);
+    ASSERT_EQ(f->Insert(MakeRawSample(1000000, size, bytes.data())), 1);
+    for (int64_t t = 0; t < 100; ++t) ASSERT_EQ(f->Insert(MakeRawSample(t, size, bytes.data())), 1);
+    files.push_back(std::move(f));
+    EXPECT_LE(RecordFile::AllOverlayBytes(), kAllOverlaysBytes + size + 32);
+  }
+  for (auto& f : files) EXPECT_EQ(f->Count(), 101);
+  files.clear();
+  EXPECT_EQ(RecordFile::AllOverlayBytes(), 0) << "a file gives back its overlay's bytes";
+}
+
 }  // namespace
 }  // namespace marquel

@@ -1,11 +1,30 @@
 // Record file inserts: the tail, the overlay, and the merge of sorted runs into pages.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "record_file.h"
 #include "record_layout.h"
 
 namespace marquel {
+namespace {
+
+// The overlays of all record files (of every tag, on any thread).
+std::atomic<int64_t> all_overlay_bytes{0};
+
+}  // namespace
+
+int64_t RecordFile::AllOverlayBytes() {
+  return all_overlay_bytes.load(std::memory_order_relaxed);
+}
+
+void RecordFile::DropOverlay() {
+  all_overlay_bytes.fetch_sub(static_cast<int64_t>(overlay_bytes_.size()),
+                              std::memory_order_relaxed);
+  overlay_.clear();
+  overlay_bytes_.clear();
+  overlay_bytes_.shrink_to_fit();
+}
 
 // Collects merged records into pages and writes them out, always into free slots: the
 // pages being merged stay intact until the directory is switched over, so a failed write
@@ -127,7 +146,10 @@ int RecordFile::Insert(const SampleRecord& record) {
   }
   overlay_.emplace(record.llTimeCode, overlay_bytes_.size());
   overlay_bytes_.insert(overlay_bytes_.end(), scratch_.begin(), scratch_.end());
-  if (overlay_.size() >= overlay_limit_) return MergeOverlay();
+  int64_t all =
+      all_overlay_bytes.fetch_add(static_cast<int64_t>(RecordBytes()), std::memory_order_relaxed) +
+      static_cast<int64_t>(RecordBytes());
+  if (overlay_.size() >= overlay_limit_ || all > kAllOverlaysBytes) return MergeOverlay();
   return 1;
 }
 
@@ -184,9 +206,7 @@ int RecordFile::MergeOverlay() {
     run.insert(run.end(), rec, rec + RecordBytes());
   }
   if (MergeRun(run.data(), static_cast<int64_t>(overlay_.size())) < 0) return -1;
-  overlay_.clear();
-  overlay_bytes_.clear();
-  overlay_bytes_.shrink_to_fit();
+  DropOverlay();
   return 1;
 }
 
@@ -196,7 +216,9 @@ int RecordFile::InsertSortedRun(const SampleRecord* records, int64_t count) {
   dirty_ = true;
   // Merge in slices so that memory stays bounded (a period copy hands in 65,536 samples
   // at a time, which one slice takes whole).
-  const int64_t slice = std::max<int64_t>(static_cast<int64_t>(overlay_limit_), 65536);
+  const int64_t slice =
+      std::min<int64_t>(std::max<int64_t>(static_cast<int64_t>(overlay_limit_), 65536),
+                        RecordsWithin(kStorePieceBytes, static_cast<int64_t>(RecordBytes())));
   std::vector<uint8_t> run;
   for (int64_t at = 0; at < count; at += slice) {
     int64_t n = std::min(slice, count - at);

@@ -70,7 +70,7 @@ int TagObject::InsertLocked(const SampleRecord& record) {
     // Refused: a record of the other kind would not fit the tag's fixed record size.
     return 0;
   }
-  if (block_->empty() && raw && record.nValue >= kLargeRawBytes) capacity_ = kLargeRawBlockCap;
+  if (block_->empty() && raw) FitBlockToSample(record.nValue);
   if (file_->Insert(record) < 0) return -1;
   MirrorIntoBlock(record);
   cached_pos_[0] = cached_pos_[1] = -1;

@@ -196,6 +196,12 @@ int32_t TagObject::BlockCapacity() {
   return capacity_;
 }
 
+void TagObject::FitBlockToSample(int32_t sampleBytes) {
+  if (sampleBytes >= kLargeRawBytes) capacity_ = kLargeRawBlockCap;
+  capacity_ = static_cast<int32_t>(
+      std::min<int64_t>(capacity_, RecordsWithin(kTagBlockBytes, int64_t{32} + sampleBytes)));
+}
+
 int TagObject::GrowMemoryBlock() {
   std::lock_guard<std::mutex> lock(mu_);
   try {
@@ -220,7 +226,7 @@ int TagObject::BulkAppend(const SampleRecord& record) {
       kind_ = record.nKind;
       raw_size_ = raw ? record.nValue : 0;
       block_->Clear();
-      if (raw && record.nValue >= kLargeRawBytes) capacity_ = kLargeRawBlockCap;
+      if (raw) FitBlockToSample(record.nValue);
     } else {
       inOrder = false;  // loading into a tag with samples: ordinary inserts
     }
@@ -266,7 +272,8 @@ int64_t TagObject::ReadAfterLocked(int64_t afterTime, bool inclusive, int64_t ca
       bytes->insert(bytes->end(), r.pBuffer, r.pBuffer + r.nValue);
     }
     out->push_back(copy);
-    return static_cast<int64_t>(out->size()) < capacity;
+    return static_cast<int64_t>(out->size()) < capacity &&
+           static_cast<int64_t>(bytes->size()) < kStorePieceBytes;
   });
   // The bytes have their final home now: point the records at them.
   for (size_t i = 0; i < out->size(); ++i) {
@@ -285,7 +292,9 @@ void TagRecordCursor::Load(int64_t afterTime, bool inclusive) {
   pos_ = 0;
   std::lock_guard<std::mutex> lock(tag_->mu_);
   tag_->ReadAfterLocked(afterTime, inclusive, chunk_, &records_, &bytes_);
-  exhausted_ = static_cast<int64_t>(records_.size()) < chunk_;
+  // A chunk also ends at kStorePieceBytes of raw bytes; only a short one ends the tag.
+  exhausted_ = static_cast<int64_t>(records_.size()) < chunk_ &&
+               static_cast<int64_t>(bytes_.size()) < kStorePieceBytes;
 }
 
 void TagRecordCursor::Next() {

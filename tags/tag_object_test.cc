@@ -120,16 +120,25 @@ TEST(TagObjectTest, LargeRawSampleCapsTheBlockAtSixteen) {
   FreeSampleBuffer(r.pBuffer);
 }
 
-TEST(TagObjectTest, RawSampleJustBelowTheLimitKeepsTheBlock) {
+TEST(TagObjectTest, ARawTagsBlockIsCountedInBytes) {
   TagObject tag(29);
-  std::vector<uint8_t> bytes(TagObject::kLargeRawBytes - 1, 1);
-  for (int i = 0; i < 20; ++i)
-    tag.Insert(MakeRawSample(i, TagObject::kLargeRawBytes - 1, bytes.data()));
-  EXPECT_EQ(tag.BlockCapacity(), TagObject::kBlockStep);
+  const int32_t size = TagObject::kLargeRawBytes - 1;
+  std::vector<uint8_t> bytes(size, 1);
+  for (int i = 0; i < 40; ++i) tag.Insert(MakeRawSample(i, size, bytes.data()));
+  EXPECT_LT(tag.BlockCapacity(), TagObject::kBlockStep);
+  EXPECT_LE(int64_t{tag.BlockCapacity()} * (32 + size), kTagBlockBytes);
   SampleRecord first;
   ASSERT_EQ(tag.Get(0, &first), 1);
   FreeSampleBuffer(first.pBuffer);
-  EXPECT_EQ(tag.BlockCount(), 20);
+  EXPECT_EQ(tag.BlockCount(), tag.BlockCapacity()) << "a lookup fills the block to its bytes";
+}
+
+TEST(TagObjectTest, TheLargestRawSampleStillHasABlockOfOne) {
+  TagObject tag(29);
+  std::vector<uint8_t> bytes(kMaxRawSampleBytes, 2);
+  ASSERT_EQ(tag.Insert(MakeRawSample(0, kMaxRawSampleBytes, bytes.data())), 1);
+  EXPECT_EQ(tag.Insert(MakeRawSample(1, kMaxRawSampleBytes + 1, nullptr)), 0);
+  EXPECT_EQ(tag.BlockCapacity(), 1);
 }
 
 TEST(TagObjectTest, IntervalIsMeasuredFromTheFirstTwoRecordsWithAFloor) {
