@@ -67,6 +67,9 @@ RecordFile::RecordFile(std::string path) : file_(std::move(path)) {
 
 RecordFile::~RecordFile() {
   DropOverlay();
+  tail_.clear();
+  tail_.shrink_to_fit();
+  SettleMemory();
   ::unlink(file_.path().c_str());
 }
 
@@ -198,11 +201,13 @@ int RecordFile::Find(int64_t timeCode, SampleRecord* out, std::vector<uint8_t>* 
 }
 
 int64_t RecordFile::Count() {
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   return count_;
 }
 
 int64_t RecordFile::CountRange(int64_t start, bool hasEnd, int64_t end) {
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   if (hasEnd && end <= start) return 0;
   int64_t from = Position(start);
@@ -213,6 +218,7 @@ int64_t RecordFile::CountRange(int64_t start, bool hasEnd, int64_t end) {
 
 int RecordFile::Scan(int64_t from, bool fromInclusive, bool hasEnd, int64_t end,
                      const Visitor& visit) {
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   if (pages_.empty()) return 1;
   std::vector<uint8_t> buffer;

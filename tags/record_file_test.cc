@@ -229,5 +229,32 @@ TEST(RecordFileTest, TheOverlaysOfAllFilesStayWithinTheirSharedBudget) {
   EXPECT_EQ(RecordFile::AllOverlayBytes(), 0) << "a file gives back its overlay's bytes";
 }
 
+TEST(RecordFileTest, TailsPastTheirSharedBudgetGoToDiskAndComeBackOnTheNextInsert) {
+  std::vector<std::unique_ptr<RecordFile>> files;
+  const int32_t size = kMaxRawSampleBytes;
+  std::vector<uint8_t> bytes(size, 4);
+  const int n = static_cast<int>(kAllTailsBytes / size) + 8;
+  for (int i = 0; i < n; ++i) {
+    auto f = RecordFile::Create();
+    ASSERT_NE(f, nullptr);
+    f->SetFormat(kRawSample, size);
+    ASSERT_EQ(f->Insert(MakeRawSample(10, size, bytes.data())), 1);
+    files.push_back(std::move(f));
+    EXPECT_LE(RecordFile::AllTailBytes(), kAllTailsBytes + size + 4096);
+  }
+  EXPECT_FALSE(files.back()->tail_in_memory());
+  // The evicted tail is read back for the next append and reads see every record.
+  RecordFile& f = *files.back();
+  ASSERT_EQ(f.Insert(MakeRawSample(20, size, bytes.data())), 1);
+  ASSERT_EQ(f.Insert(MakeRawSample(5, size, bytes.data())), 1);
+  ExpectSame(f, Model{{5, size}, {10, size}, {20, size}});
+  SampleRecord r;
+  std::vector<uint8_t> storage;
+  ASSERT_EQ(f.Find(10, &r, &storage), 1);
+  EXPECT_EQ(r.pBuffer[size - 1], 4);
+  files.clear();
+  EXPECT_EQ(RecordFile::AllTailBytes(), 0);
+}
+
 }  // namespace
 }  // namespace marquel

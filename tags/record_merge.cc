@@ -18,6 +18,40 @@ int64_t RecordFile::AllOverlayBytes() {
   return all_overlay_bytes.load(std::memory_order_relaxed);
 }
 
+std::atomic<int64_t> all_tail_bytes{0};
+
+int64_t RecordFile::AllTailBytes() {
+  return all_tail_bytes.load(std::memory_order_relaxed);
+}
+
+int RecordFile::EvictTail() {
+  if (pages_.empty() || pages_.back().slot >= 0) return 1;
+  int32_t slot = AllocSlot();
+  if (WritePage(slot, tail_.data(), pages_.back().count) < 0) {
+    free_slots_.push_back(slot);
+    return -1;
+  }
+  pages_.back().slot = slot;
+  tail_.clear();
+  tail_.shrink_to_fit();
+  return 1;
+}
+
+void RecordFile::SettleMemory() {
+  if (scratch_.capacity() > (64u << 10)) {
+    scratch_.clear();
+    scratch_.shrink_to_fit();
+  }
+  auto count = [this] {
+    int64_t now = static_cast<int64_t>(tail_.capacity());
+    all_tail_bytes.fetch_add(now - tail_counted_, std::memory_order_relaxed);
+    tail_counted_ = now;
+  };
+  count();
+  // A tail that cannot be written out stays in memory: it is still the file's data.
+  if (tail_counted_ > 0 && AllTailBytes() > kAllTailsBytes && EvictTail() == 1) count();
+}
+
 void RecordFile::DropOverlay() {
   all_overlay_bytes.fetch_sub(static_cast<int64_t>(overlay_bytes_.size()),
                               std::memory_order_relaxed);
@@ -132,6 +166,7 @@ int RecordFile::CheckRawRule(const SampleRecord& record) {
 }
 
 int RecordFile::Insert(const SampleRecord& record) {
+  Settle settle{this};
   if (CheckRawRule(record) < 0) return -1;
   scratch_.resize(RecordBytes());
   EncodeRecord(record, sample_size_, scratch_.data());
@@ -155,6 +190,7 @@ int RecordFile::Insert(const SampleRecord& record) {
 
 int RecordFile::InsertIntoTail(const uint8_t* rec) {
   int64_t key = RecordKey(rec);
+  if (RestoreTail() < 0) return -1;
   if (pages_.empty()) {
     tail_.assign(rec, rec + RecordBytes());
     pages_.push_back(Page{key, key, 1, -1});
@@ -212,6 +248,7 @@ int RecordFile::MergeOverlay() {
 
 int RecordFile::InsertSortedRun(const SampleRecord* records, int64_t count) {
   if (count <= 0) return 1;
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   dirty_ = true;
   // Merge in slices so that memory stays bounded (a period copy hands in 65,536 samples

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <vector>
 
 #include "tags/tag_object.h"
@@ -11,8 +12,11 @@ namespace marquel {
 // The memory block: records sorted by time code, each raw one owning a copy of its bytes.
 // Its capacity is the tag's capacity_; the vector only grows as records arrive, so an
 // idle tag does not pin 32 KiB.
+// Its bytes (32 per record and the raw bytes) count among those of all tags' blocks, which
+// as a cache stop taking records past kAllBlocksBytes.
 struct TagObject::Block {
   std::vector<SampleRecord> records;
+  int64_t bytes = 0;
 
   ~Block() { Clear(); }
   bool empty() const { return records.empty(); }
@@ -20,6 +24,22 @@ struct TagObject::Block {
   void Clear() {
     FreeSampleBuffers(records.data(), static_cast<int64_t>(records.size()));
     records.clear();
+    Count(-bytes);
+  }
+  static int64_t Cost(const SampleRecord& r) {
+    return 32 + (r.pBuffer != nullptr && r.nValue > 0 ? r.nValue : 0);
+  }
+  void Count(int64_t delta) {
+    bytes += delta;
+    AllBytes().fetch_add(delta, std::memory_order_relaxed);
+  }
+  // Whether the blocks of all tags have room for a cached record.
+  static bool CacheHasRoom() {
+    return AllBytes().load(std::memory_order_relaxed) < kAllBlocksBytes;
+  }
+  static std::atomic<int64_t>& AllBytes() {
+    static std::atomic<int64_t> all{0};
+    return all;
   }
   // The index of the first record whose time code is not below `key`.
   size_t LowerBound(int64_t key) const {

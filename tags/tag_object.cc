@@ -97,14 +97,17 @@ void TagObject::MirrorIntoBlock(const SampleRecord& record) {
       if (record.nValue > 0) std::memcpy(have.pBuffer, record.pBuffer, record.nValue);
       return;
     }
+    block_->Count(-Block::Cost(have));
     FreeSampleBuffer(have.pBuffer);
     have = CopyOut(record);
+    block_->Count(Block::Cost(have));
     return;
   }
-  if (static_cast<int64_t>(recs.size()) >= capacity_) return;
+  if (static_cast<int64_t>(recs.size()) >= capacity_ || !Block::CacheHasRoom()) return;
   SampleRecord copy = CopyOut(record);
   try {
     recs.insert(recs.begin() + static_cast<ptrdiff_t>(pos), copy);
+    block_->Count(Block::Cost(copy));
   } catch (const std::bad_alloc&) {
     // The block is only a cache of the file; leaving the record out is safe.
     FreeSampleBuffer(copy.pBuffer);
@@ -178,14 +181,16 @@ int TagObject::Get(int64_t timeCode, SampleRecord* out) {
   block_->Clear();
   cursor_ = 0;
   file_->Scan(timeCode, true, false, 0, [&](const SampleRecord& r) {
+    if (!Block::CacheHasRoom()) return false;
     SampleRecord copy = CopyOut(r);
     try {
       recs.push_back(copy);
+      block_->Count(Block::Cost(copy));
     } catch (const std::bad_alloc&) {
       FreeSampleBuffer(copy.pBuffer);
       return false;
     }
-    return static_cast<int64_t>(recs.size()) < capacity_;
+    return static_cast<int64_t>(recs.size()) < capacity_ && Block::CacheHasRoom();
   });
   cached_pos_[0] = cached_pos_[1] = -1;
   return 1;

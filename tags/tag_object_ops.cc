@@ -239,6 +239,7 @@ int TagObject::BulkAppend(const SampleRecord& record) {
   SampleRecord copy = CopyOut(record);
   try {
     recs.push_back(copy);
+    block_->Count(Block::Cost(copy));
   } catch (const std::bad_alloc&) {
     FreeSampleBuffer(copy.pBuffer);
     return -1;

@@ -133,6 +133,25 @@ TEST(TagObjectTest, ARawTagsBlockIsCountedInBytes) {
   EXPECT_EQ(tag.BlockCount(), tag.BlockCapacity()) << "a lookup fills the block to its bytes";
 }
 
+TEST(TagObjectTest, TheBlocksOfAllTagsStopCachingPastTheirSharedBudget) {
+  std::vector<std::unique_ptr<TagObject>> tags;
+  std::vector<uint8_t> bytes(kMaxRawSampleBytes, 6);
+  const int n = static_cast<int>(kAllBlocksBytes / kMaxRawSampleBytes) + 8;
+  for (int i = 0; i < n; ++i) {
+    auto tag = std::make_unique<TagObject>(29);
+    ASSERT_EQ(tag->Insert(MakeRawSample(1, kMaxRawSampleBytes, bytes.data())), 1);
+    SampleRecord r;
+    ASSERT_EQ(tag->Get(1, &r), 1);
+    EXPECT_EQ(r.pBuffer[0], 6) << "a lookup answers whether or not the block caches";
+    FreeSampleBuffer(r.pBuffer);
+    tags.push_back(std::move(tag));
+  }
+  int cached = 0;
+  for (auto& tag : tags) cached += tag->BlockCount();
+  EXPECT_LE(int64_t{cached} * kMaxRawSampleBytes, kAllBlocksBytes + kMaxRawSampleBytes);
+  EXPECT_LT(cached, n);
+}
+
 TEST(TagObjectTest, TheLargestRawSampleStillHasABlockOfOne) {
   TagObject tag(29);
   std::vector<uint8_t> bytes(kMaxRawSampleBytes, 2);

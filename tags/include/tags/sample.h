@@ -80,11 +80,16 @@ constexpr int32_t kMaxRawSampleBytes = 1024 * 1024;
 constexpr int64_t kTagBlockBytes = int64_t{1} << 20;
 constexpr int64_t kOverlayBytes = int64_t{4} << 20;
 constexpr int64_t kStorePieceBytes = int64_t{4} << 20;
+// The memory blocks (caches) of all tags together.
+constexpr int64_t kAllBlocksBytes = int64_t{16} << 20;
 // A period copied within one tag is read whole first; at most this much of it.
 constexpr int64_t kSameTagCopyBytes = int64_t{64} << 20;
+// The in-memory last pages (tails) of all record files together; past it a tail goes to
+// disk after each operation on its file.
+constexpr int64_t kAllTailsBytes = int64_t{16} << 20;
 // The overlays of all record files together; past it an insert into an overlay merges that
 // overlay at once.
-constexpr int64_t kAllOverlaysBytes = int64_t{32} << 20;
+constexpr int64_t kAllOverlaysBytes = int64_t{16} << 20;
 
 // How many records of `recordBytes` each fit `budget` bytes, at least one.
 inline int64_t RecordsWithin(int64_t budget, int64_t recordBytes) {
