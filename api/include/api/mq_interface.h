@@ -110,13 +110,16 @@ class CMQInterface {
 
   HRESULT InsertDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                         int64_t llTimeCode, int32_t nData);
-  // Inserts nDataCount records of mqTags one by one; S_OK when all were stored.
+  // Inserts nDataCount records of mqTags one by one (converted 65,536 at a time); S_OK
+  // when all were stored.
   HRESULT InsertDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                            const MarquelOneTag* mqTags, int32_t nDataCount,
                            int32_t* nInserted = nullptr);
   HRESULT GetDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID, int64_t llTimeCode,
                      int32_t* nValue);
-  // Reads the request into m internal samples and hands out exactly m records.
+  // Hands out exactly m records: the samples of the request, then zeros. m above
+  // kMaxReadSamples: E_OUTOFMEMORY. What the read holds is sized by the samples that
+  // exist, not by m (ReadPieces).
   HRESULT GetDataAll(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID, int32_t m,
                      std::vector<MarquelOneTag>* mqTags);
   HRESULT GetDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
@@ -129,14 +132,17 @@ class CMQInterface {
 
   // --- Raw-data samples ----------------------------------------------------------------
 
-  // `available` is the number of bytes readable at pData; more than arrived is refused.
+  // `available` is the number of bytes readable at pData; more than arrived is refused,
+  // and so is nLength above kMaxRawSampleBytes (1 MiB): E_INVALIDARG.
   HRESULT InsertRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                            int64_t llTimeCode, int32_t nLength, const uint8_t* pData,
                            size_t available);
   // pData null is the caller without a buffer; otherwise it receives the sample's bytes.
   HRESULT GetRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                         int64_t llTimeCode, int32_t nLength, std::vector<uint8_t>* pData);
-  // Reads m samples with their bytes; the caller applies the copy rule to its elements.
+  // Reads m samples with their bytes (the samples of the request, then zeros); the caller
+  // applies the copy rule to its elements. m above kMaxReadSamples, or more than
+  // kMaxReadRawBytes of raw bytes: E_OUTOFMEMORY.
   HRESULT GetRawDataAll(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID, int32_t m,
                         RawSampleColumns* pTagList);
   HRESULT GetRawDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
