@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "platform/env.h"
+#include "platform/files.h"
 
 namespace marquel::host {
 namespace {
@@ -27,17 +28,6 @@ int MakeUnlinkedFile() {
   fd = ::mkostemp(name.data(), O_CLOEXEC);
   if (fd >= 0) ::unlink(name.c_str());
   return fd;
-}
-
-bool WriteAll(int fd, const uint8_t* p, size_t n) {
-  while (n > 0) {
-    ssize_t put = ::write(fd, p, n);
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    p += put;
-    n -= static_cast<size_t>(put);
-  }
-  return true;
 }
 
 // Reads `count` heads of stored samples from element `first` on.
@@ -81,7 +71,8 @@ SpillFile& SpillFile::operator=(SpillFile&& other) noexcept {
 bool SpillFile::Flush() {
   if (buffer_.empty()) return true;
   if (fd_ < 0) fd_ = MakeUnlinkedFile();
-  if (fd_ < 0 || !WriteAll(fd_, buffer_.data(), buffer_.size())) return false;
+  if (fd_ < 0 || !WriteAllAt(fd_, size_ - buffer_.size(), buffer_.data(), buffer_.size()))
+    return false;
   buffer_.clear();
   return true;
 }
@@ -102,16 +93,7 @@ bool SpillFile::Append(const void* data, size_t n) {
 bool SpillFile::ReadAt(uint64_t offset, void* data, size_t n) {
   if (n == 0) return true;
   if (offset + n > size_ || !Flush()) return false;
-  auto* p = static_cast<uint8_t*>(data);
-  while (n > 0) {
-    ssize_t got = ::pread(fd_, p, n, static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    p += got;
-    offset += static_cast<uint64_t>(got);
-    n -= static_cast<size_t>(got);
-  }
-  return true;
+  return ReadAllAt(fd_, offset, data, n);
 }
 
 bool Transfer::Keep(int64_t time, int32_t value, const uint8_t* data, size_t length) {

@@ -14,32 +14,14 @@
 namespace marquel {
 namespace {
 
-// Whole-buffer positional reads and writes. The platform's file calls move a shared file
-// position; the pool shares one descriptor between accesses, so these use pread/pwrite.
+// Pages are read and written by position (ReadAllAt, WriteAllAt): the pool shares one
+// descriptor between accesses.
 bool ReadAt(int fd, uint64_t offset, void* buffer, size_t n) {
-  auto* p = static_cast<uint8_t*>(buffer);
-  while (n > 0) {
-    ssize_t got = ::pread(fd, p, n, static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    p += got;
-    offset += static_cast<uint64_t>(got);
-    n -= static_cast<size_t>(got);
-  }
-  return true;
+  return ReadAllAt(fd, offset, buffer, n);
 }
 
 bool WriteAt(int fd, uint64_t offset, const void* buffer, size_t n) {
-  auto* p = static_cast<const uint8_t*>(buffer);
-  while (n > 0) {
-    ssize_t put = ::pwrite(fd, p, n, static_cast<off_t>(offset));
-    if (put < 0 && errno == EINTR) continue;
-    if (put <= 0) return false;
-    p += put;
-    offset += static_cast<uint64_t>(put);
-    n -= static_cast<size_t>(put);
-  }
-  return true;
+  return WriteAllAt(fd, offset, buffer, n);
 }
 
 // About 16 KiB per page, at most 512 records and, for large raw records, one. Every tag
