@@ -1,5 +1,7 @@
 // CMQInterface: inserting and reading plain and raw-data samples.
+#include <algorithm>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 
@@ -61,11 +63,22 @@ HRESULT CMQInterface::InsertDataPeriod(int32_t nFileHandle, int32_t nProgramInde
                                        int32_t* nInserted) {
   Put(nInserted, 0);
   if (mqTags == nullptr || nDataCount <= 0) return E_INVALIDARG;
-  std::unique_ptr<SampleRecord[]> records = TempSamples(nDataCount);
+  // Converted and inserted a piece at a time: the same per-record results, bounded memory.
+  int64_t piece = std::min<int64_t>(nDataCount, kReadPieceSamples);
+  std::unique_ptr<SampleRecord[]> records = TempSamples(piece);
   if (!records) return E_OUTOFMEMORY;
-  for (int32_t i = 0; i < nDataCount; ++i)
-    records[i] = MakePlainSample(mqTags[i].llTimeCode, mqTags[i].value);
-  int32_t stored = ctrl_->InsertMany(nFileHandle, nProgramIndex, nTagID, records.get(), nDataCount);
+  int64_t stored = 0;
+  for (int64_t first = 0; first < nDataCount; first += piece) {
+    int32_t count = static_cast<int32_t>(std::min<int64_t>(piece, nDataCount - first));
+    for (int32_t i = 0; i < count; ++i)
+      records[i] = MakePlainSample(mqTags[first + i].llTimeCode, mqTags[first + i].value);
+    int32_t done = ctrl_->InsertMany(nFileHandle, nProgramIndex, nTagID, records.get(), count);
+    if (done < 0) {  // a closed handle: nothing was stored
+      stored = -1;
+      break;
+    }
+    stored += done;
+  }
   Put(nInserted, stored < 0 ? 0 : stored);
   for (int32_t i = 0; stored > 0 && i < nDataCount; ++i) {
     const int32_t width = WidthCutting(nTagID, mqTags[i].value);
@@ -98,27 +111,69 @@ HRESULT CMQInterface::GetDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, 
   return ReadPlain(nFileHandle, nProgramIndex, nTagID, false, llStartTime, llEndTime, m, mqTags);
 }
 
-// The read fills a temporary array of m samples (never more: the table is given m as the
-// capacity, so a request with more samples than m cannot overrun it), and exactly m
-// records are handed out.
+// Exactly m records are handed out: the samples that exist, then zeros.
 HRESULT CMQInterface::ReadPlain(int32_t h, int32_t program, int32_t tag, bool all, int64_t start,
                                 int64_t end, int32_t m, std::vector<MarquelOneTag>* out) {
-  if (out == nullptr || m <= 0) return E_INVALIDARG;
-  if (m > kMaxReadSamples) return E_OUTOFMEMORY;
-  std::unique_ptr<SampleRecord[]> temp = TempSamples(m);
-  if (!temp) return E_OUTOFMEMORY;
-  int64_t n = all ? ctrl_->GetDataAll(h, program, tag, temp.get(), m)
-                  : ctrl_->GetDataPeriod(h, program, tag, start, end, temp.get(), m);
-  FreeBuffers(temp.get(), Written(n, m));
-  if (n == 0) return E_FAIL;
+  if (out == nullptr) return E_INVALIDARG;
+  std::vector<MarquelOneTag> samples;
+  HRESULT hr = ReadPieces(
+      h, program, tag, all, start, end, m, kMaxReadRawBytes,
+      [&](const SampleRecord* records, size_t count) {
+        for (size_t i = 0; i < count; ++i)
+          samples.push_back(MarquelOneTag{records[i].llTimeCode, records[i].nValue});
+        return S_OK;
+      },
+      nullptr);
+  if (hr != S_OK) return hr;
   try {
-    out->resize(m);
+    samples.resize(static_cast<size_t>(m), MarquelOneTag{0, 0});
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
-  for (int32_t i = 0; i < m; ++i) {
-    (*out)[i].llTimeCode = temp[i].llTimeCode;
-    (*out)[i].value = temp[i].nValue;
+  *out = std::move(samples);
+  return S_OK;
+}
+
+// The samples come from the table a piece at a time into a temporary array of at most a
+// piece (never more than m: the table is given the piece as the capacity). Each piece
+// goes on after the last time code of the one before.
+HRESULT CMQInterface::ReadPieces(int32_t h, int32_t program, int32_t tag, bool all, int64_t start,
+                                 int64_t end, int32_t m, int64_t byte_limit, const ReadSink& sink,
+                                 int64_t* delivered) {
+  Put(delivered, 0);
+  if (!sink || m <= 0) return E_INVALIDARG;
+  if (m > kMaxReadSamples) return E_OUTOFMEMORY;
+  int64_t piece = kReadPieceSamples;
+  int32_t sample_size = 0;
+  if (ctrl_->QueryRawDataTagSampleSize(h, program, tag, &sample_size) == 1 && sample_size > 0)
+    piece = std::clamp<int64_t>(kReadPieceBytes / sample_size, 1, kReadPieceSamples);
+  piece = std::min<int64_t>(piece, m);
+  std::unique_ptr<SampleRecord[]> temp = TempSamples(piece);
+  if (!temp) return E_OUTOFMEMORY;
+  int64_t from = all ? std::numeric_limits<int64_t>::min() : start;
+  int64_t to = all ? -1 : end;
+  int64_t total = 0;
+  int64_t bytes = 0;
+  for (;;) {
+    int64_t want = std::min<int64_t>(piece, m - total);
+    int64_t n = ctrl_->GetDataPeriod(h, program, tag, from, to, temp.get(), want);
+    struct Release {
+      SampleRecord* records;
+      int64_t count;
+      ~Release() { FreeBuffers(records, count); }
+    } release{temp.get(), static_cast<int64_t>(Written(n, want))};
+    if (n == 0 && total == 0) return E_FAIL;
+    if (n <= 0) break;
+    for (int64_t i = 0; i < release.count; ++i)
+      if (temp[i].nKind == kRawSample && temp[i].nValue > 0) bytes += temp[i].nValue;
+    if (bytes > byte_limit) return E_OUTOFMEMORY;
+    HRESULT hr = sink(temp.get(), static_cast<size_t>(release.count));
+    if (hr != S_OK) return hr;
+    total += release.count;
+    Put(delivered, total);
+    int64_t last = temp[release.count - 1].llTimeCode;
+    if (release.count < want || total >= m || last == std::numeric_limits<int64_t>::max()) break;
+    from = last + 1;
   }
   return S_OK;
 }
@@ -141,9 +196,11 @@ HRESULT CMQInterface::QueryOneTagPeriodSize(int32_t nFileHandle, int32_t nProgra
 HRESULT CMQInterface::InsertRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                                        int64_t llTimeCode, int32_t nLength, const uint8_t* pData,
                                        size_t available) {
-  // A length beyond the bytes that arrived would make the store read past them.
+  // A length beyond the bytes that arrived would make the store read past them; one
+  // beyond the store's ceiling is refused before anything is copied.
   if (nLength > 0 && (pData == nullptr || static_cast<size_t>(nLength) > available))
     return E_INVALIDARG;
+  if (nLength > kMaxRawSampleBytes) return E_INVALIDARG;
   // Every length is a sample with bytes, 0 too: a caller on the bus cannot send "no
   // buffer", so a sample of no bytes is stored as one rather than taken for an emptying
   // of the record at that time.
@@ -179,43 +236,36 @@ HRESULT CMQInterface::GetRawDataPeriod(int32_t nFileHandle, int32_t nProgramInde
   return ReadRaw(nFileHandle, nProgramIndex, nTagID, false, llStartTime, llEndTime, m, pTagList);
 }
 
-// The temporary array's allocation is tested here too (an untested one could only end the
-// server), and so is the size of what would be gathered.
+// The samples that exist with their bytes, then zeros up to m elements. A raw sample kept
+// without bytes reads as zeros of its length.
 HRESULT CMQInterface::ReadRaw(int32_t h, int32_t program, int32_t tag, bool all, int64_t start,
                               int64_t end, int32_t m, RawSampleColumns* out) {
-  if (out == nullptr || m < 1) return E_INVALIDARG;
-  if (m > kMaxReadSamples) return E_OUTOFMEMORY;
-  std::unique_ptr<SampleRecord[]> temp = TempSamples(m);
-  if (!temp) return E_OUTOFMEMORY;
-  int64_t n = all ? ctrl_->GetDataAll(h, program, tag, temp.get(), m)
-                  : ctrl_->GetDataPeriod(h, program, tag, start, end, temp.get(), m);
-  struct Release {
-    SampleRecord* records;
-    int64_t count;
-    ~Release() { FreeBuffers(records, count); }
-  } release{temp.get(), static_cast<int64_t>(Written(n, m))};
-  if (n == 0) return E_FAIL;
-  int64_t total = 0;
-  for (int32_t i = 0; i < m; ++i)
-    if (temp[i].nKind == kRawSample && temp[i].nValue > 0) total += temp[i].nValue;
-  if (total > kMaxReadRawBytes) return E_OUTOFMEMORY;
+  if (out == nullptr) return E_INVALIDARG;
+  RawSampleColumns columns;
+  HRESULT hr = ReadPieces(
+      h, program, tag, all, start, end, m, kMaxReadRawBytes,
+      [&](const SampleRecord* records, size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+          const SampleRecord& r = records[i];
+          int32_t length = r.nKind == kRawSample && r.nValue > 0 ? r.nValue : 0;
+          columns.times.push_back(r.llTimeCode);
+          columns.lengths.push_back(length);
+          if (r.pBuffer != nullptr)
+            columns.bytes.insert(columns.bytes.end(), r.pBuffer, r.pBuffer + length);
+          else
+            columns.bytes.resize(columns.bytes.size() + static_cast<size_t>(length), 0);
+        }
+        return S_OK;
+      },
+      nullptr);
+  if (hr != S_OK) return hr;
   try {
-    out->times.resize(m);
-    out->lengths.resize(m);
-    out->bytes.assign(static_cast<size_t>(total), 0);
+    columns.times.resize(static_cast<size_t>(m), 0);
+    columns.lengths.resize(static_cast<size_t>(m), 0);
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   }
-  size_t position = 0;
-  for (int32_t i = 0; i < m; ++i) {
-    const SampleRecord& r = temp[i];
-    int32_t length = r.nKind == kRawSample && r.nValue > 0 ? r.nValue : 0;
-    out->times[i] = r.llTimeCode;
-    out->lengths[i] = length;
-    // A raw sample kept without bytes reads as zeros of its length.
-    if (length > 0 && r.pBuffer) std::memcpy(out->bytes.data() + position, r.pBuffer, length);
-    position += length;
-  }
+  *out = std::move(columns);
   return S_OK;
 }
 

@@ -131,6 +131,54 @@ TEST_F(CMQInterfaceSamples, ReadChecks) {
   EXPECT_EQ(out.size(), 2u);
 }
 
+TEST_F(CMQInterfaceSamples, ARawSampleBeyondTheCeilingIsRefusedAsAnInvalidArgument) {
+  std::vector<uint8_t> big(kMaxRawSampleBytes + 1, 5);
+  EXPECT_EQ(
+      mq_.InsertRawDataOne(h_, 0, kRawTag, 100, kMaxRawSampleBytes + 1, big.data(), big.size()),
+      E_INVALIDARG);
+  // 1 MiB itself is kept where the tag's count field carries it (tag 32: 30 bits); tag 29's
+  // 16-bit field carries 65,535 bytes, the smaller limit, and a longer sample fails.
+  constexpr int32_t kWideRawTag = 32;
+  EXPECT_EQ(
+      mq_.InsertRawDataOne(h_, 0, kWideRawTag, 100, kMaxRawSampleBytes, big.data(), big.size()),
+      S_OK);
+  EXPECT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, 100, kMaxRawSampleBytes, big.data(), big.size()),
+            E_FAIL);
+  EXPECT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, 100, 65535, big.data(), big.size()), S_OK);
+}
+
+TEST_F(CMQInterfaceSamples, AReadInPiecesHandsOverOnlyTheSamplesThatExist) {
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(mq_.InsertDataOne(h_, 0, kPlainTag, i * 10, i), S_OK);
+  int64_t delivered = -1;
+  size_t pieces = 0, seen = 0;
+  EXPECT_EQ(mq_.ReadPieces(
+                h_, 0, kPlainTag, true, 0, -1, CMQInterface::kMaxReadSamples, 0,
+                [&](const SampleRecord* records, size_t count) {
+                  ++pieces;
+                  seen += count;
+                  EXPECT_EQ(records[0].llTimeCode, static_cast<int64_t>(seen - count) * 10);
+                  return S_OK;
+                },
+                &delivered),
+            S_OK);
+  EXPECT_EQ(delivered, 100);
+  EXPECT_EQ(seen, 100u);
+  EXPECT_EQ(pieces, 1u);
+  EXPECT_EQ(mq_.ReadPieces(
+                h_, 0, kPlainTag, true, 0, -1, CMQInterface::kMaxReadSamples + 1, 0,
+                [](const SampleRecord*, size_t) { return S_OK; }, &delivered),
+            E_OUTOFMEMORY);
+}
+
+TEST_F(CMQInterfaceSamples, RawReadsPastTheirByteLimitAnswerOutOfMemory) {
+  std::vector<uint8_t> bytes(1000, 1);
+  for (int i = 0; i < 10; ++i)
+    ASSERT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, i, 1000, bytes.data(), bytes.size()), S_OK);
+  auto sink = [](const SampleRecord*, size_t) { return S_OK; };
+  EXPECT_EQ(mq_.ReadPieces(h_, 0, kRawTag, true, 0, -1, 10, 9999, sink, nullptr), E_OUTOFMEMORY);
+  EXPECT_EQ(mq_.ReadPieces(h_, 0, kRawTag, true, 0, -1, 10, 10000, sink, nullptr), S_OK);
+}
+
 TEST_F(CMQInterfaceSamples, RawSamples) {
   const uint8_t bytes[4] = {1, 2, 3, 4};
   EXPECT_EQ(mq_.InsertRawDataOne(h_, 0, kRawTag, 100, 4, bytes, 4), S_OK);

@@ -1,6 +1,7 @@
 // IMarquelBulk: reads and inserts of many samples in pages of plain columns.
 #include "bulk_methods.h"
 
+#include "insert_pieces.h"
 #include "raw_message.h"
 
 namespace marquel::host {
@@ -87,35 +88,60 @@ void BulkMethods::InsertDataColumns(sdbus::MethodCall& call, const std::string&)
   ReadArray(call, 'i', &values, &value_bytes);
   size_t n = time_bytes / sizeof(int64_t);
   int32_t hr = E_INVALIDARG, inserted = 0;
-  if (n > 0 && n == value_bytes / sizeof(int32_t)) {
-    std::vector<MarquelOneTag> records(n);
+  if (n > 0 && n == value_bytes / sizeof(int32_t) && n <= static_cast<size_t>(kMaxPageSamples)) {
     const auto* t = static_cast<const int64_t*>(times);
     const auto* v = static_cast<const int32_t*>(values);
-    for (size_t i = 0; i < n; ++i) records[i] = MarquelOneTag{t[i], v[i]};
-    hr = mq_.InsertDataPeriod(h, program, tag, records.data(), static_cast<int32_t>(n), &inserted);
+    hr = InsertInPieces(
+        mq_, h, program, tag, n,
+        [&](size_t i) {
+          return MarquelOneTag{t[i], v[i]};
+        },
+        &inserted);
   }
   auto reply = call.createReply();
   reply << hr << inserted;
   reply.send();
 }
 
-void BulkMethods::ReadData(sdbus::MethodCall& call, const std::string& client) {
-  int32_t h = 0, program = 0, tag = 0, all = 0, m = 0, page = 0;
+// Runs the read into a new transfer's files: S_OK, or the read's answer, or
+// E_OUTOFMEMORY when the store is full or the files cannot take what was found.
+int32_t BulkMethods::RunRead(sdbus::MethodCall& call, const std::string& client, bool raw,
+                             int32_t* page, Transfer* t) {
+  int32_t h = 0, program = 0, tag = 0, all = 0, m = 0;
   int64_t start = 0, end = 0;
-  call >> h >> program >> tag >> all >> start >> end >> m >> page;
-  if (page <= 0) return SendPlainPage(call, E_INVALIDARG, uint64_t{0}, {}, {});
+  call >> h >> program >> tag >> all >> start >> end >> m >> *page;
+  if (*page <= 0) return E_INVALIDARG;
+  if (!transfers_.Admits(client)) return E_OUTOFMEMORY;
+  t->owner = client;
+  t->raw = raw;
+  t->total = m;
+  int64_t room = static_cast<int64_t>(TransferStore::kMaxStoredBytes - transfers_.StoredBytes());
+  auto keep = [&](const SampleRecord* records, size_t count) -> HRESULT {
+    for (size_t i = 0; i < count; ++i) {
+      const SampleRecord& r = records[i];
+      size_t length = raw && r.nKind == kRawSample && r.nValue > 0 ? r.nValue : 0;
+      int32_t value = raw ? static_cast<int32_t>(length) : r.nValue;
+      if (!t->Keep(r.llTimeCode, value, r.pBuffer, length)) return E_OUTOFMEMORY;
+    }
+    return static_cast<int64_t>(t->Bytes()) > room ? E_OUTOFMEMORY : S_OK;
+  };
+  return mq_.ReadPieces(h, program, tag, all != 0, start, end, m, CMQInterface::kMaxReadRawBytes,
+                        keep, nullptr);
+}
+
+void BulkMethods::ReadData(sdbus::MethodCall& call, const std::string& client) {
+  int32_t page = 0;
   Transfer t;
-  t.owner = client;
-  int32_t hr = all ? mq_.GetDataAll(h, program, tag, m, &t.plain)
-                   : mq_.GetDataPeriod(h, program, tag, start, end, m, &t.plain);
-  if (hr != S_OK) return SendPlainPage(call, hr, uint64_t{0}, {}, {});
+  int32_t hr = RunRead(call, client, false, &page, &t);
   std::vector<int64_t> times;
   std::vector<int32_t> values;
-  TakePlainPage(t, page, &times, &values);
+  if (hr == S_OK && !TakePlainPage(t, page, &times, &values)) hr = E_FAIL;
+  if (hr != S_OK) return SendPlainPage(call, hr, uint64_t{0}, {}, {});
   uint64_t id = t.Done() ? 0 : transfers_.Add(std::move(t));
   SendPlainPage(call, S_OK, id, times, values);
 }
 
+// A page that cannot be read back from the transfer's files ends the transfer (E_FAIL).
 void BulkMethods::ReadDataNext(sdbus::MethodCall& call, const std::string& client) {
   uint64_t id = 0;
   int32_t page = 0;
@@ -125,27 +151,24 @@ void BulkMethods::ReadDataNext(sdbus::MethodCall& call, const std::string& clien
     return SendPlainPage(call, E_INVALIDARG, int32_t{0}, {}, {});
   std::vector<int64_t> times;
   std::vector<int32_t> values;
-  TakePlainPage(*t, page, &times, &values);
+  if (!TakePlainPage(*t, page, &times, &values)) {
+    transfers_.Erase(id);
+    return SendPlainPage(call, E_FAIL, int32_t{0}, {}, {});
+  }
   int32_t more = t->Done() ? 0 : 1;
   if (!more) transfers_.Erase(id);
   SendPlainPage(call, S_OK, more, times, values);
 }
 
 void BulkMethods::ReadRawData(sdbus::MethodCall& call, const std::string& client) {
-  int32_t h = 0, program = 0, tag = 0, all = 0, m = 0, page = 0;
-  int64_t start = 0, end = 0;
-  call >> h >> program >> tag >> all >> start >> end >> m >> page;
-  if (page <= 0) return SendRawPage(call, E_INVALIDARG, uint64_t{0}, {}, {}, {});
+  int32_t page = 0;
   Transfer t;
-  t.owner = client;
-  t.raw = true;
-  int32_t hr = all ? mq_.GetRawDataAll(h, program, tag, m, &t.columns)
-                   : mq_.GetRawDataPeriod(h, program, tag, start, end, m, &t.columns);
-  if (hr != S_OK) return SendRawPage(call, hr, uint64_t{0}, {}, {}, {});
+  int32_t hr = RunRead(call, client, true, &page, &t);
   std::vector<int64_t> times;
   std::vector<int32_t> lengths;
   std::vector<uint8_t> bytes;
-  TakeRawPage(t, page, &times, &lengths, &bytes);
+  if (hr == S_OK && !TakeRawPage(t, page, &times, &lengths, &bytes)) hr = E_FAIL;
+  if (hr != S_OK) return SendRawPage(call, hr, uint64_t{0}, {}, {}, {});
   uint64_t id = t.Done() ? 0 : transfers_.Add(std::move(t));
   SendRawPage(call, S_OK, id, times, lengths, bytes);
 }
@@ -160,7 +183,10 @@ void BulkMethods::ReadRawDataNext(sdbus::MethodCall& call, const std::string& cl
   std::vector<int64_t> times;
   std::vector<int32_t> lengths;
   std::vector<uint8_t> bytes;
-  TakeRawPage(*t, page, &times, &lengths, &bytes);
+  if (!TakeRawPage(*t, page, &times, &lengths, &bytes)) {
+    transfers_.Erase(id);
+    return SendRawPage(call, E_FAIL, int32_t{0}, {}, {}, {});
+  }
   int32_t more = t->Done() ? 0 : 1;
   if (!more) transfers_.Erase(id);
   SendRawPage(call, S_OK, more, times, lengths, bytes);

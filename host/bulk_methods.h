@@ -7,6 +7,12 @@
 // page and a transfer number when more remains, which ReadDataNext / ReadRawDataNext
 // fetch page by page. A transfer ends with its last page, with EndTransfer, or when its
 // client goes away. No page comes near the bus's 64 MiB array limit.
+//
+// Ceilings (docs/dbus.md): m as the standard reads (above 16,777,216: E_OUTOFMEMORY);
+// InsertDataColumns at most kMaxPageSamples samples (more: E_INVALIDARG); pages cut to
+// kMaxPageSamples samples and kMaxPageBytes bytes; 4 transfers per client (a fifth ends
+// its oldest), 64 and 4 GiB of spill files in all (past them the new read answers
+// E_OUTOFMEMORY). A read keeps what it found in its transfer's files, never in memory.
 #pragma once
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -37,6 +43,8 @@ class BulkMethods {
   void ReadRawData(sdbus::MethodCall& call, const std::string& client);
   void ReadRawDataNext(sdbus::MethodCall& call, const std::string& client);
   void EndTransfer(sdbus::MethodCall& call, const std::string& client);
+  int32_t RunRead(sdbus::MethodCall& call, const std::string& client, bool raw, int32_t* page,
+                  Transfer* t);
 
   CMQInterface& mq_;
   ClientRegistry& registry_;

@@ -1,5 +1,8 @@
 // MQAdaptor: plain and raw-data samples.
+#include <algorithm>
+
 #include "adaptor_guard.h"
+#include "insert_pieces.h"
 #include "mq_adaptor.h"
 
 namespace marquel::host {
@@ -52,12 +55,13 @@ int32_t MQAdaptor::InsertPlain(int32_t h, int32_t program, int32_t tag,
                                const std::vector<Sample>& tags, int32_t count) {
   if (count <= 0) return E_INVALIDARG;
   if (static_cast<size_t>(count) > tags.size()) return E_INVALIDARG;
-  std::vector<MarquelOneTag> records(count);
-  for (int32_t i = 0; i < count; ++i) {
-    records[i].llTimeCode = std::get<0>(tags[i]);
-    records[i].value = std::get<1>(tags[i]);
-  }
-  return mq_.InsertDataPeriod(h, program, tag, records.data(), count);
+  int32_t inserted = 0;
+  return InsertInPieces(
+      mq_, h, program, tag, static_cast<size_t>(count),
+      [&](size_t i) {
+        return MarquelOneTag{std::get<0>(tags[i]), std::get<1>(tags[i])};
+      },
+      &inserted);
 }
 
 HrInt MQAdaptor::GetDataOne(const int32_t& nFileHandle, const int32_t& nTagID,
@@ -110,19 +114,23 @@ HrSamples MQAdaptor::GetDataPeriod2(const int32_t& nFileHandle, const int32_t& n
   });
 }
 
-// A reply of m records must fit the bus; larger reads go through IMarquelBulk.
+// A reply of m records must fit the bus; larger reads go through IMarquelBulk. The reply
+// is built from the samples that exist, then zeros up to m.
 HrSamples MQAdaptor::ReadPlain(int32_t h, int32_t program, int32_t tag, bool all, int64_t start,
                                int64_t end, int32_t m) {
   if (m > 0 && static_cast<size_t>(m) > kMaxReplyArrayBytes / kSampleBytes)
     return HrSamples{E_OUTOFMEMORY, {}};
-  std::vector<MarquelOneTag> samples;
-  Hr hr = all ? mq_.GetDataAll(h, program, tag, m, &samples)
-              : mq_.GetDataPeriod(h, program, tag, start, end, m, &samples);
   std::vector<Sample> reply;
-  if (hr == S_OK) {
-    reply.reserve(samples.size());
-    for (const MarquelOneTag& s : samples) reply.emplace_back(s.llTimeCode, s.value);
-  }
+  Hr hr = mq_.ReadPieces(
+      h, program, tag, all, start, end, m, CMQInterface::kMaxReadRawBytes,
+      [&](const SampleRecord* records, size_t count) {
+        for (size_t i = 0; i < count; ++i)
+          reply.emplace_back(records[i].llTimeCode, records[i].nValue);
+        return S_OK;
+      },
+      nullptr);
+  if (hr != S_OK) return HrSamples{hr, {}};
+  reply.resize(static_cast<size_t>(m), Sample{0, 0});
   return HrSamples{hr, std::move(reply)};
 }
 
@@ -241,26 +249,31 @@ HrRawSamples MQAdaptor::GetRawDataPeriod2(const int32_t& nFileHandle, const int3
 }
 
 // The reply carries every sample's bytes; when they would not fit one reply the answer
-// is E_OUTOFMEMORY and the client reads in pages through IMarquelBulk.
+// is E_OUTOFMEMORY (found while reading, before more is gathered) and the client reads in
+// pages through IMarquelBulk.
 HrRawSamples MQAdaptor::ReadRaw(int32_t h, int32_t program, int32_t tag, bool all, int64_t start,
                                 int64_t end, int32_t m) {
   if (m > 0 && static_cast<size_t>(m) > kMaxReplyArrayBytes / kRawSampleHeadBytes)
     return HrRawSamples{E_OUTOFMEMORY, {}};
-  RawSampleColumns columns;
-  Hr hr = all ? mq_.GetRawDataAll(h, program, tag, m, &columns)
-              : mq_.GetRawDataPeriod(h, program, tag, start, end, m, &columns);
-  if (hr != S_OK) return HrRawSamples{hr, {}};
-  size_t bytes = columns.size() * kRawSampleHeadBytes + columns.bytes.size();
-  if (bytes > kMaxReplyArrayBytes) return HrRawSamples{E_OUTOFMEMORY, {}};
+  int64_t room = static_cast<int64_t>(kMaxReplyArrayBytes) -
+                 static_cast<int64_t>(std::max(m, 0)) * static_cast<int64_t>(kRawSampleHeadBytes);
   std::vector<RawSample> reply;
-  reply.reserve(columns.size());
-  size_t position = 0;
-  for (size_t i = 0; i < columns.size(); ++i) {
-    size_t length = static_cast<size_t>(columns.lengths[i]);
-    const uint8_t* first = columns.bytes.data() + position;
-    reply.emplace_back(columns.times[i], std::vector<uint8_t>(first, first + length));
-    position += length;
-  }
+  Hr hr = mq_.ReadPieces(
+      h, program, tag, all, start, end, m, room,
+      [&](const SampleRecord* records, size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+          const SampleRecord& r = records[i];
+          size_t length = r.nKind == kRawSample && r.nValue > 0 ? r.nValue : 0;
+          std::vector<uint8_t> bytes(length, 0);
+          if (length > 0 && r.pBuffer != nullptr)
+            std::copy(r.pBuffer, r.pBuffer + length, bytes.begin());
+          reply.emplace_back(r.llTimeCode, std::move(bytes));
+        }
+        return S_OK;
+      },
+      nullptr);
+  if (hr != S_OK) return HrRawSamples{hr, {}};
+  reply.resize(static_cast<size_t>(m), RawSample{0, {}});
   return HrRawSamples{hr, std::move(reply)};
 }
 

@@ -143,6 +143,32 @@ bool WriteFile(FileHandle h, const void* buffer, uint32_t n, uint32_t* written) 
   return true;
 }
 
+bool ReadAllAt(FileHandle h, uint64_t offset, void* buffer, size_t n) {
+  auto* p = static_cast<uint8_t*>(buffer);
+  while (n > 0) {
+    ssize_t got = ::pread(h, p, n, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    p += got;
+    offset += static_cast<uint64_t>(got);
+    n -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
+bool WriteAllAt(FileHandle h, uint64_t offset, const void* buffer, size_t n) {
+  auto* p = static_cast<const uint8_t*>(buffer);
+  while (n > 0) {
+    ssize_t put = ::pwrite(h, p, n, static_cast<off_t>(offset));
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    p += put;
+    offset += static_cast<uint64_t>(put);
+    n -= static_cast<size_t>(put);
+  }
+  return true;
+}
+
 bool CloseFileHandle(FileHandle h) {
   if (h < 0) {
     errno = EBADF;

@@ -35,9 +35,6 @@ bool ScopeCovers(const TagScope& scope, const MQOneProgram& program, int32_t tag
 
 namespace {
 
-// The raw bytes one chunk of a copy from another tag holds at most (and one sample).
-constexpr int64_t kChunkBytes = 64 * 1024 * 1024;
-
 // The source samples a move may delete: runs of consecutive accepted samples, in source
 // order, each deleted as one period once the whole tag is copied.
 class AcceptedRuns {
@@ -113,14 +110,20 @@ int InsertStretched(MQOneProgram& target, int32_t tagId, std::vector<SampleRecor
 
 // Copies the covered period of one tag, and with `move` deletes from the source what the
 // target kept. A source tag that is also the target is read whole before anything is
-// inserted; otherwise it is read in chunks to bound memory. Returns 1, or -1 when a buffer
-// cannot be had or the target refused a sample (the rest is still copied).
+// inserted, and refused (-1, nothing changed) when that would hold more than
+// kSameTagCopyBytes; otherwise it is read in chunks of at most 65,536 records and
+// kStorePieceBytes of raw bytes (and one sample). Returns 1, or -1 when a buffer cannot be
+// had or the target refused a sample (the rest is still copied).
 int CopyOneTag(TagObject* source, MQOneProgram& target, int32_t tagId, int64_t targetStart,
                int64_t srcStart, int64_t srcEnd, int32_t num, int32_t den, bool move) {
   int64_t total = source->CountInPeriod(srcStart, srcEnd);
   if (total == 0) return 1;
   bool sameTag = target.Tag(tagId) == source;
-  const int64_t chunkMax = sameTag ? total : std::min<int64_t>(total, 65536);
+  const int64_t recordBytes = int64_t{32} + source->RawSampleSize();
+  if (sameTag && total > RecordsWithin(kSameTagCopyBytes, recordBytes)) return -1;
+  const int64_t chunkMax =
+      sameTag ? total
+              : std::min<int64_t>({total, 65536, RecordsWithin(kStorePieceBytes, recordBytes)});
   std::vector<SampleRecord> chunk;
   try {
     chunk.resize(static_cast<size_t>(chunkMax));
@@ -132,11 +135,16 @@ int CopyOneTag(TagObject* source, MQOneProgram& target, int32_t tagId, int64_t t
   int64_t from = srcStart;
   while (true) {
     chunk.resize(static_cast<size_t>(chunkMax));
-    // Chunks from another tag are bounded in bytes too; a tag's own period is read whole.
-    int64_t got =
-        source->ReadPeriod(from, srcEnd, chunk.data(), chunkMax, sameTag ? INT64_MAX : kChunkBytes);
+    // Samples may be longer than the tag's sample size, so chunks are bounded in bytes too.
+    int64_t got = source->ReadPeriod(from, srcEnd, chunk.data(), chunkMax,
+                                     sameTag ? kSameTagCopyBytes : kStorePieceBytes);
     if (got <= 0) break;
     chunk.resize(static_cast<size_t>(got));
+    if (sameTag && got < total) {
+      // The tag's own period holds more bytes than a copy within it may: nothing changes.
+      FreeSampleBuffers(chunk.data(), got);
+      return -1;
+    }
     int64_t lastSource = chunk.back().llTimeCode;
     if (InsertStretched(target, tagId, chunk, targetStart, srcStart, num, den, &runs) < 0)
       result = -1;

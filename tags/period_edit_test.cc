@@ -152,9 +152,9 @@ TEST(PeriodTest, CopyIntoATagThatIsNotValidFails) {
 
 TEST(PeriodTest, LongRawSamplesAreCopiedInChunksBoundedInBytes) {
   MQOneProgram src, dst;
-  std::vector<uint8_t> big(8 * 1024 * 1024);
+  std::vector<uint8_t> big(kMaxRawSampleBytes);
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i / 4096);
-  for (int i = 0; i < 10; ++i)  // 80 MiB: more than one chunk
+  for (int i = 0; i < 10; ++i)  // 10 MiB: more than one chunk of kStorePieceBytes
     ASSERT_EQ(
         src.InsertOne(32, MakeRawSample(i * 10, static_cast<int32_t>(big.size()), big.data())), 1);
   ASSERT_EQ(CopyPeriodBetweenPrograms(src, dst, TagScope::All(), 0, 0, -1, 1, 1, true), 1);

@@ -13,8 +13,8 @@
 
 #include <cstring>
 
+#include "platform/files.h"
 #include "record_file.h"
-#include "record_io.h"
 #include "record_layout.h"
 
 namespace marquel {
@@ -52,7 +52,7 @@ int RecordFile::Encode(const SampleRecord& record, uint8_t* dst) {
   if (!apart_) return -1;
   FileLease lease(apart_.get());
   if (lease.fd() < 0 ||
-      !WriteAt(lease.fd(), apart_size_, record.pBuffer, static_cast<size_t>(record.nValue)))
+      !WriteAllAt(lease.fd(), apart_size_, record.pBuffer, static_cast<size_t>(record.nValue)))
     return -1;
   EncodeRecord(record, room_, dst, apart_size_);
   apart_size_ += static_cast<uint64_t>(record.nValue);
@@ -69,7 +69,7 @@ int RecordFile::ResolveApart(const uint8_t* rec, std::vector<uint8_t>* bytes, Sa
   size_t start = bytes->size();
   bytes->resize(start + n);
   FileLease lease(apart_.get());
-  if (lease.fd() < 0 || !ReadAt(lease.fd(), at, bytes->data() + start, n)) return -1;
+  if (lease.fd() < 0 || !ReadAllAt(lease.fd(), at, bytes->data() + start, n)) return -1;
   view->pBuffer = bytes->data() + start;
   return 1;
 }
@@ -106,7 +106,7 @@ int RecordFile::CopyPageApart(size_t page, PooledFile* to, uint64_t* size,
     bytes.clear();
     if (ResolveApart(rec, &bytes, &view) < 0) return -1;
     FileLease lease(to);
-    if (lease.fd() < 0 || !WriteAt(lease.fd(), *size, bytes.data(), bytes.size())) return -1;
+    if (lease.fd() < 0 || !WriteAllAt(lease.fd(), *size, bytes.data(), bytes.size())) return -1;
     std::memcpy(rec + 24, size, sizeof *size);
     *size += bytes.size();
     *moved = true;

@@ -9,6 +9,7 @@
 namespace marquel {
 
 int RecordFile::DeleteRange(int64_t start, bool hasEnd, int64_t end) {
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   if (hasEnd && end <= start) return 1;
   const size_t bytes = RecordBytes();
@@ -78,6 +79,7 @@ int RecordFile::RestoreTail() {
 }
 
 int RecordFile::MinusOffset(int64_t offset) {
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   const size_t bytes = RecordBytes();
   std::vector<uint8_t> page;
@@ -107,12 +109,12 @@ int RecordFile::MinusOffset(int64_t offset) {
 }
 
 void RecordFile::Truncate() {
+  Settle settle{this};
   pages_.clear();
   tail_.clear();
   tail_.shrink_to_fit();
   free_slots_.clear();
-  overlay_.clear();
-  overlay_bytes_.clear();
+  DropOverlay();
   slot_count_ = 0;
   count_ = 0;
   dirty_ = true;

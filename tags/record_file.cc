@@ -9,21 +9,21 @@
 
 #include "platform/files.h"
 #include "platform/temp_folders.h"
-#include "record_io.h"
 #include "record_layout.h"
 
 namespace marquel {
 namespace {
 
-// About 16 KiB per page, between 16 and 512 records. Every tag keeps its last page in
-// memory, so the page size bounds what an idle tag costs.
+// At most about 16 KiB and 512 records per page (a record is at most the inline room, so
+// a page holds at least 15). Every tag keeps its last page in memory, so the page size
+// bounds what an idle tag costs.
 int32_t PageRecordsFor(int32_t recordBytes) {
-  return std::clamp<int32_t>(16384 / recordBytes, 16, 512);
+  return std::clamp<int32_t>(16384 / recordBytes, 1, 512);
 }
 
-// The overlay holds at most about 4 MiB of records.
+// The overlay holds at most kOverlayBytes of records (with their index), at least one.
 size_t OverlayLimitFor(int32_t recordBytes) {
-  return std::max<size_t>(256, (4u << 20) / (static_cast<size_t>(recordBytes) + 48));
+  return static_cast<size_t>(RecordsWithin(kOverlayBytes, int64_t{recordBytes} + 48));
 }
 
 }  // namespace
@@ -42,6 +42,10 @@ RecordFile::RecordFile(std::string path) : file_(std::move(path)) {
 }
 
 RecordFile::~RecordFile() {
+  DropOverlay();
+  tail_.clear();
+  tail_.shrink_to_fit();
+  SettleMemory();
   ::unlink(file_.path().c_str());
   if (apart_) ::unlink(apart_->path().c_str());
 }
@@ -74,7 +78,7 @@ int RecordFile::LoadPage(size_t page, std::vector<uint8_t>* buffer) {
   buffer->resize(bytes);
   FileLease lease(&file_);
   if (lease.fd() < 0) return -1;
-  return ReadAt(lease.fd(), static_cast<uint64_t>(p.slot) * PageBytes(), buffer->data(), bytes)
+  return ReadAllAt(lease.fd(), static_cast<uint64_t>(p.slot) * PageBytes(), buffer->data(), bytes)
              ? 1
              : -1;
 }
@@ -82,8 +86,8 @@ int RecordFile::LoadPage(size_t page, std::vector<uint8_t>* buffer) {
 int RecordFile::WritePage(int32_t slot, const uint8_t* data, int32_t count) {
   FileLease lease(&file_);
   if (lease.fd() < 0) return -1;
-  return WriteAt(lease.fd(), static_cast<uint64_t>(slot) * PageBytes(), data,
-                 RecordBytes() * static_cast<size_t>(count))
+  return WriteAllAt(lease.fd(), static_cast<uint64_t>(slot) * PageBytes(), data,
+                    RecordBytes() * static_cast<size_t>(count))
              ? 1
              : -1;
 }
@@ -106,7 +110,7 @@ int RecordFile::ReadKey(size_t page, int32_t index, int64_t* key) {
   }
   FileLease lease(&file_);
   if (lease.fd() < 0) return -1;
-  return ReadAt(lease.fd(), static_cast<uint64_t>(p.slot) * PageBytes() + at, key, sizeof *key)
+  return ReadAllAt(lease.fd(), static_cast<uint64_t>(p.slot) * PageBytes() + at, key, sizeof *key)
              ? 1
              : -1;
 }
@@ -165,19 +169,21 @@ int RecordFile::Find(int64_t timeCode, SampleRecord* out, std::vector<uint8_t>* 
     std::memcpy(storage->data(), tail_.data() + at, RecordBytes());
   } else {
     FileLease lease(&file_);
-    if (lease.fd() < 0 || !ReadAt(lease.fd(), static_cast<uint64_t>(p.slot) * PageBytes() + at,
-                                  storage->data(), RecordBytes()))
+    if (lease.fd() < 0 || !ReadAllAt(lease.fd(), static_cast<uint64_t>(p.slot) * PageBytes() + at,
+                                     storage->data(), RecordBytes()))
       return -1;
   }
   return ResolveApart(storage->data(), storage, out);
 }
 
 int64_t RecordFile::Count() {
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   return count_;
 }
 
 int64_t RecordFile::CountRange(int64_t start, bool hasEnd, int64_t end) {
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   if (hasEnd && end <= start) return 0;
   int64_t from = Position(start);
@@ -188,6 +194,7 @@ int64_t RecordFile::CountRange(int64_t start, bool hasEnd, int64_t end) {
 
 int RecordFile::Scan(int64_t from, bool fromInclusive, bool hasEnd, int64_t end,
                      const Visitor& visit) {
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   if (pages_.empty()) return 1;
   std::vector<uint8_t> buffer;

@@ -6,9 +6,11 @@
 // code, record count and file slot. The last page (the tail) lives in memory, so that
 // appending costs a copy. Single inserts before the tail go to a bounded in-memory
 // overlay that is merged into the pages in one pass when it fills or before any ordered
-// read; a merge rewrites only the pages whose time range it touches. Sorted runs (period
-// copies) merge straight into the pages the same way. Raw bytes longer than the inline
-// room lie apart in a companion file, which is compacted when most of it is dead.
+// read (overlays and tails of all files share budgets in bytes: past them an overlay is
+// merged at once and a tail goes to disk until it is written to again); a merge rewrites
+// only the pages whose time range it touches. Sorted runs (period copies) merge straight
+// into the pages the same way. Raw bytes longer than the inline room lie apart in a
+// companion file, which is compacted when most of it is dead.
 //
 // Not thread-safe: the owning TagObject serialises all calls under its lock.
 #pragma once
@@ -80,6 +82,12 @@ class RecordFile {
   int32_t page_records() const { return page_records_; }
   size_t overlay_limit() const { return overlay_limit_; }
   size_t overlay_size() const { return overlay_.size(); }
+  // The bytes the overlays of all record files hold now.
+  static int64_t AllOverlayBytes();
+  // The bytes the in-memory tails of all record files hold now.
+  static int64_t AllTailBytes();
+  // Whether the last page lives in memory now (tests).
+  bool tail_in_memory() const { return !pages_.empty() && pages_.back().slot < 0; }
   size_t page_count() const { return pages_.size(); }
   // The companion file of bytes lying apart: its size, the part no record names any
   // more, and the dead size below which it is never compacted.
@@ -115,6 +123,16 @@ class RecordFile {
   int Place(const uint8_t* rec);
   int InsertIntoTail(const uint8_t* rec);
   int MergeOverlay();
+  void DropOverlay();
+  // After each operation: counts the tail's bytes among all files' and, past
+  // kAllTailsBytes, writes the tail out to a slot (the next insert reads it back); lets go
+  // of a large scratch record.
+  void SettleMemory();
+  int EvictTail();
+  struct Settle {
+    RecordFile* file;
+    ~Settle() { file->SettleMemory(); }
+  };
   int MergeRun(const uint8_t* run, int64_t count);
   int Abandon(MergeWriter& out);
   int RestoreTail();
@@ -146,6 +164,7 @@ class RecordFile {
   std::map<int64_t, size_t> overlay_;  // time code -> offset in overlay_bytes_
   std::vector<uint8_t> overlay_bytes_;
   std::vector<uint8_t> scratch_;
+  int64_t tail_counted_ = 0;  // this file's share of AllTailBytes()
   bool dirty_ = false;
   std::unique_ptr<PooledFile> apart_;  // made with the first bytes that lie apart
   uint64_t apart_size_ = 0;

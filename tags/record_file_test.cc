@@ -322,5 +322,82 @@ TEST(RecordFileTest, TruncateDropsTheBytesApart) {
   EXPECT_NE(access(apart.c_str(), F_OK), 0) << "the companion file goes with the record file";
 }
 
+TEST(RecordFileTest, LargeRawRecordsKeepPagesAndTheOverlayWithinTheirBytes) {
+  auto f = RecordFile::Create();
+  const int32_t size = kMaxRawSampleBytes;
+  f->SetFormat(kRawSample, size);
+  // The bytes lie apart: a page and the overlay hold only records of the inline room.
+  const size_t recordBytes = 32 + static_cast<size_t>(f->inline_room());
+  EXPECT_LE(static_cast<size_t>(f->page_records()) * recordBytes, 16384u);
+  EXPECT_LE(f->overlay_limit() * recordBytes, static_cast<size_t>(kOverlayBytes));
+  std::vector<uint8_t> bytes(size, 9);
+  Model model;
+  // Each insert before the tail goes to the overlay, which merges before it passes its bytes.
+  for (int64_t t : {100, 200, 300, 50, 40, 30, 20, 10, 150, 250}) {
+    ASSERT_EQ(f->Insert(MakeRawSample(t, size, bytes.data())), 1);
+    model[t] = size;
+    EXPECT_LE(f->overlay_size(), f->overlay_limit());
+  }
+  ExpectSame(*f, model);
+}
+
+TEST(RecordFileTest, TheOverlaysOfAllFilesStayWithinTheirSharedBudget) {
+  // Many files, each with an overlay below its own bound: together they merge once the
+  // shared budget is passed.
+  std::vector<std::unique_ptr<RecordFile>> files;
+  const int32_t size = RecordFile::kMaxInlineRawBytes;  // held inline, in the overlay
+  std::vector<uint8_t> bytes(size, 3);
+  for (int i = 0; i < 64; ++i) {
+    auto f = RecordFile::Create();
+    ASSERT_NE(f, nullptr);
+    f->SetFormat(kRawSample, size);
+    ASSERT_EQ(f->Insert(MakeRawSample(1000000, size, bytes.data())), 1);
+    for (int64_t t = 0; t < 300; ++t) ASSERT_EQ(f->Insert(MakeRawSample(t, size, bytes.data())), 1);
+    files.push_back(std::move(f));
+    EXPECT_LE(RecordFile::AllOverlayBytes(), kAllOverlaysBytes + size + 32);
+  }
+  for (auto& f : files) EXPECT_EQ(f->Count(), 301);
+  files.clear();
+  EXPECT_EQ(RecordFile::AllOverlayBytes(), 0) << "a file gives back its overlay's bytes";
+}
+
+TEST(RecordFileTest, TailsPastTheirSharedBudgetGoToDiskAndComeBackOnTheNextInsert) {
+  std::vector<std::unique_ptr<RecordFile>> files;
+  const int32_t size = RecordFile::kMaxInlineRawBytes;
+  std::vector<uint8_t> bytes(size, 4);
+  int64_t perTail = 0;
+  int n = 1;
+  // Each file's tail is one full page of records held inline.
+  for (int i = 0; i < n; ++i) {
+    auto f = RecordFile::Create();
+    ASSERT_NE(f, nullptr);
+    f->SetFormat(kRawSample, size);
+    if (perTail == 0) {
+      perTail = int64_t{f->page_records()} * (32 + size);
+      n = static_cast<int>(kAllTailsBytes / perTail) + 8;
+    }
+    for (int64_t t = 0; t < f->page_records(); ++t)
+      ASSERT_EQ(f->Insert(MakeRawSample(10 + t, size, bytes.data())), 1);
+    files.push_back(std::move(f));
+    ASSERT_LE(RecordFile::AllTailBytes(), kAllTailsBytes + 2 * perTail);
+  }
+  EXPECT_FALSE(files.back()->tail_in_memory());
+  // The evicted tail is read back for the next insert and reads see every record.
+  RecordFile& f = *files.back();
+  Model model;
+  for (int64_t t = 0; t < f.page_records(); ++t) model[10 + t] = size;
+  ASSERT_EQ(f.Insert(MakeRawSample(5000, size, bytes.data())), 1);
+  ASSERT_EQ(f.Insert(MakeRawSample(5, size, bytes.data())), 1);
+  model[5000] = size;
+  model[5] = size;
+  ExpectSame(f, model);
+  SampleRecord r;
+  std::vector<uint8_t> storage;
+  ASSERT_EQ(f.Find(10, &r, &storage), 1);
+  EXPECT_EQ(r.pBuffer[size - 1], 4);
+  files.clear();
+  EXPECT_EQ(RecordFile::AllTailBytes(), 0);
+}
+
 }  // namespace
 }  // namespace marquel

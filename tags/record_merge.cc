@@ -1,11 +1,64 @@
 // Record file inserts: the tail, the overlay, and the merge of sorted runs into pages.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "record_file.h"
 #include "record_layout.h"
 
 namespace marquel {
+namespace {
+
+// The overlays of all record files (of every tag, on any thread).
+std::atomic<int64_t> all_overlay_bytes{0};
+
+}  // namespace
+
+int64_t RecordFile::AllOverlayBytes() {
+  return all_overlay_bytes.load(std::memory_order_relaxed);
+}
+
+std::atomic<int64_t> all_tail_bytes{0};
+
+int64_t RecordFile::AllTailBytes() {
+  return all_tail_bytes.load(std::memory_order_relaxed);
+}
+
+int RecordFile::EvictTail() {
+  if (pages_.empty() || pages_.back().slot >= 0) return 1;
+  int32_t slot = AllocSlot();
+  if (WritePage(slot, tail_.data(), pages_.back().count) < 0) {
+    free_slots_.push_back(slot);
+    return -1;
+  }
+  pages_.back().slot = slot;
+  tail_.clear();
+  tail_.shrink_to_fit();
+  return 1;
+}
+
+void RecordFile::SettleMemory() {
+  if (scratch_.capacity() > (64u << 10)) {
+    scratch_.clear();
+    scratch_.shrink_to_fit();
+  }
+  auto count = [this] {
+    int64_t now = static_cast<int64_t>(tail_.capacity());
+    all_tail_bytes.fetch_add(now - tail_counted_, std::memory_order_relaxed);
+    tail_counted_ = now;
+  };
+  count();
+  // A tail that cannot be written out stays in memory: it is still the file's data.
+  if (tail_counted_ > 0 && AllTailBytes() > kAllTailsBytes && EvictTail() == 1) count();
+}
+
+void RecordFile::DropOverlay() {
+  all_overlay_bytes.fetch_sub(static_cast<int64_t>(overlay_bytes_.size()),
+                              std::memory_order_relaxed);
+  overlay_.clear();
+  overlay_bytes_.clear();
+  overlay_bytes_.shrink_to_fit();
+}
 
 // Collects merged records into pages and writes them out, always into free slots: the
 // pages being merged stay intact until the directory is switched over, so a failed write
@@ -113,6 +166,7 @@ int RecordFile::CheckRawRule(const SampleRecord& record) {
 }
 
 int RecordFile::Insert(const SampleRecord& record) {
+  Settle settle{this};
   if (CheckRawRule(record) < 0) return -1;
   scratch_.resize(RecordBytes());
   if (Encode(record, scratch_.data()) < 0) return -1;
@@ -136,12 +190,16 @@ int RecordFile::Place(const uint8_t* rec) {
   if (pages_.empty() || key >= pages_.back().first) return InsertIntoTail(rec);
   overlay_.emplace(key, overlay_bytes_.size());
   overlay_bytes_.insert(overlay_bytes_.end(), rec, rec + RecordBytes());
-  if (overlay_.size() >= overlay_limit_) return MergeOverlay();
+  int64_t all =
+      all_overlay_bytes.fetch_add(static_cast<int64_t>(RecordBytes()), std::memory_order_relaxed) +
+      static_cast<int64_t>(RecordBytes());
+  if (overlay_.size() >= overlay_limit_ || all > kAllOverlaysBytes) return MergeOverlay();
   return 1;
 }
 
 int RecordFile::InsertIntoTail(const uint8_t* rec) {
   int64_t key = RecordKey(rec);
+  if (RestoreTail() < 0) return -1;
   if (pages_.empty()) {
     tail_.assign(rec, rec + RecordBytes());
     pages_.push_back(Page{key, key, 1, -1});
@@ -194,19 +252,20 @@ int RecordFile::MergeOverlay() {
     run.insert(run.end(), rec, rec + RecordBytes());
   }
   if (MergeRun(run.data(), static_cast<int64_t>(overlay_.size())) < 0) return -1;
-  overlay_.clear();
-  overlay_bytes_.clear();
-  overlay_bytes_.shrink_to_fit();
+  DropOverlay();
   return 1;
 }
 
 int RecordFile::InsertSortedRun(const SampleRecord* records, int64_t count) {
   if (count <= 0) return 1;
+  Settle settle{this};
   if (MergeOverlay() < 0) return -1;
   dirty_ = true;
   // Merge in slices so that memory stays bounded (a period copy hands in 65,536 samples
   // at a time, which one slice takes whole).
-  const int64_t slice = std::max<int64_t>(static_cast<int64_t>(overlay_limit_), 65536);
+  const int64_t slice =
+      std::min<int64_t>(std::max<int64_t>(static_cast<int64_t>(overlay_limit_), 65536),
+                        RecordsWithin(kStorePieceBytes, static_cast<int64_t>(RecordBytes())));
   std::vector<uint8_t> run;
   for (int64_t at = 0; at < count; at += slice) {
     int64_t n = std::min(slice, count - at);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <vector>
 
 #include "tags/tag_object.h"
@@ -10,11 +11,13 @@ namespace marquel {
 
 // The memory block: records sorted by time code, each raw one owning a copy of its bytes.
 // Its capacity is the tag's capacity_; the vector only grows as records arrive, so an
-// idle tag does not pin 32 KiB. Raw samples may have any length, so the bytes it holds
-// are bounded too (kMaxBlockBytes); `bytes` counts them.
+// idle tag does not pin 32 KiB. Raw samples may have any length, so its bytes (32 per
+// record and the raw bytes) are bounded too: a block holds at most kTagBlockBytes (and
+// always one record), and the blocks of all tags, as a cache, stop taking records past
+// kAllBlocksBytes.
 struct TagObject::Block {
   std::vector<SampleRecord> records;
-  size_t bytes = 0;
+  int64_t bytes = 0;
 
   ~Block() { Clear(); }
   bool empty() const { return records.empty(); }
@@ -22,16 +25,28 @@ struct TagObject::Block {
   void Clear() {
     FreeSampleBuffers(records.data(), static_cast<int64_t>(records.size()));
     records.clear();
-    bytes = 0;
+    Count(-bytes);
   }
-  // The bytes a record of the block holds.
-  static size_t Held(const SampleRecord& r) {
-    return r.pBuffer != nullptr && r.nValue > 0 ? static_cast<size_t>(r.nValue) : 0;
+  // The bytes a record of the block costs.
+  static int64_t Cost(const SampleRecord& r) {
+    return 32 + (r.pBuffer != nullptr && r.nValue > 0 ? r.nValue : 0);
   }
-  // Whether one more record of `record`'s bytes stays within the bound. An empty block
+  void Count(int64_t delta) {
+    bytes += delta;
+    AllBytes().fetch_add(delta, std::memory_order_relaxed);
+  }
+  // Whether one more record like `record` stays within this block's bound. An empty block
   // takes any one record.
   bool Fits(const SampleRecord& record) const {
-    return records.empty() || bytes + Held(record) <= static_cast<size_t>(kMaxBlockBytes);
+    return records.empty() || bytes + Cost(record) <= kTagBlockBytes;
+  }
+  // Whether the blocks of all tags have room for a cached record.
+  static bool CacheHasRoom() {
+    return AllBytes().load(std::memory_order_relaxed) < kAllBlocksBytes;
+  }
+  static std::atomic<int64_t>& AllBytes() {
+    static std::atomic<int64_t> all{0};
+    return all;
   }
   // The index of the first record whose time code is not below `key`.
   size_t LowerBound(int64_t key) const {

@@ -70,7 +70,7 @@ int TagObject::InsertLocked(const SampleRecord& record) {
     // Refused: a record of the other kind would not fit the tag's fixed record size.
     return 0;
   }
-  if (block_->empty() && raw && record.nValue >= kLargeRawBytes) capacity_ = kLargeRawBlockCap;
+  if (block_->empty() && raw) FitBlockToSample(record.nValue);
   if (file_->Insert(record) < 0) return -1;
   MirrorIntoBlock(record);
   cached_pos_[0] = cached_pos_[1] = -1;
@@ -97,22 +97,24 @@ void TagObject::MirrorIntoBlock(const SampleRecord& record) {
       if (record.nValue > 0) std::memcpy(have.pBuffer, record.pBuffer, record.nValue);
       return;
     }
-    block_->bytes -= Block::Held(have);
+    block_->Count(-Block::Cost(have));
     FreeSampleBuffer(have.pBuffer);
-    if (block_->bytes + Block::Held(record) > static_cast<size_t>(kMaxBlockBytes)) {
+    if (!block_->Fits(record) || !Block::CacheHasRoom()) {
       // Too many bytes for the block: the record lives in the file only.
       recs.erase(recs.begin() + static_cast<ptrdiff_t>(pos));
       return;
     }
     have = CopyOut(record);
-    block_->bytes += Block::Held(have);
+    block_->Count(Block::Cost(have));
     return;
   }
-  if (static_cast<int64_t>(recs.size()) >= capacity_ || !block_->Fits(record)) return;
+  if (static_cast<int64_t>(recs.size()) >= capacity_ || !block_->Fits(record) ||
+      !Block::CacheHasRoom())
+    return;
   SampleRecord copy = CopyOut(record);
   try {
     recs.insert(recs.begin() + static_cast<ptrdiff_t>(pos), copy);
-    block_->bytes += Block::Held(copy);
+    block_->Count(Block::Cost(copy));
   } catch (const std::bad_alloc&) {
     // The block is only a cache of the file; leaving the record out is safe.
     FreeSampleBuffer(copy.pBuffer);
@@ -194,16 +196,16 @@ int TagObject::Get(int64_t timeCode, SampleRecord* out) {
   block_->Clear();
   cursor_ = 0;
   file_->Scan(timeCode, true, false, 0, [&](const SampleRecord& r) {
-    if (!block_->Fits(r)) return false;
+    if (!block_->Fits(r) || !Block::CacheHasRoom()) return false;
     SampleRecord copy = CopyOut(r);
     try {
       recs.push_back(copy);
+      block_->Count(Block::Cost(copy));
     } catch (const std::bad_alloc&) {
       FreeSampleBuffer(copy.pBuffer);
       return false;
     }
-    block_->bytes += Block::Held(copy);
-    return static_cast<int64_t>(recs.size()) < capacity_;
+    return static_cast<int64_t>(recs.size()) < capacity_ && Block::CacheHasRoom();
   });
   cached_pos_[0] = cached_pos_[1] = -1;
   return 1;

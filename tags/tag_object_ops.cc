@@ -30,7 +30,7 @@ int64_t TagObject::ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int
   int64_t bytes = 0;
   file_->Scan(start, true, end >= 0, end, [&](const SampleRecord& r) {
     out[written++] = CopyOut(r);
-    bytes += static_cast<int64_t>(Block::Held(out[written - 1]));
+    bytes += Block::Cost(out[written - 1]) - 32;
     return written < capacity && bytes < maxBytes;
   });
   return written;
@@ -199,6 +199,12 @@ int32_t TagObject::BlockCapacity() {
   return capacity_;
 }
 
+void TagObject::FitBlockToSample(int32_t sampleBytes) {
+  if (sampleBytes >= kLargeRawBytes) capacity_ = kLargeRawBlockCap;
+  capacity_ = static_cast<int32_t>(
+      std::min<int64_t>(capacity_, RecordsWithin(kTagBlockBytes, int64_t{32} + sampleBytes)));
+}
+
 int TagObject::GrowMemoryBlock() {
   std::lock_guard<std::mutex> lock(mu_);
   try {
@@ -223,7 +229,7 @@ int TagObject::BulkAppend(const SampleRecord& record) {
       kind_ = record.nKind;
       raw_size_ = raw ? record.nValue : 0;
       block_->Clear();
-      if (raw && record.nValue >= kLargeRawBytes) capacity_ = kLargeRawBlockCap;
+      if (raw) FitBlockToSample(record.nValue);
     } else {
       inOrder = false;  // loading into a tag with samples: ordinary inserts
     }
@@ -237,11 +243,11 @@ int TagObject::BulkAppend(const SampleRecord& record) {
   SampleRecord copy = CopyOut(record);
   try {
     recs.push_back(copy);
+    block_->Count(Block::Cost(copy));
   } catch (const std::bad_alloc&) {
     FreeSampleBuffer(copy.pBuffer);
     return -1;
   }
-  block_->bytes += Block::Held(copy);
   pending_ = true;
   return 1;
 }
@@ -273,10 +279,10 @@ int64_t TagObject::ReadAfterLocked(int64_t afterTime, bool inclusive, int64_t ca
       bytes->insert(bytes->end(), r.pBuffer, r.pBuffer + r.nValue);
     }
     out->push_back(copy);
-    // A chunk also ends at the block's byte bound, so raw samples of any length cannot
-    // make one chunk hold more than that (and one sample).
+    // A chunk also ends at kStorePieceBytes of raw bytes, so raw samples of any length
+    // cannot make one chunk hold more than that (and one sample).
     *full = static_cast<int64_t>(out->size()) >= capacity ||
-            bytes->size() >= static_cast<size_t>(kMaxBlockBytes);
+            static_cast<int64_t>(bytes->size()) >= kStorePieceBytes;
     return !*full;
   });
   // The bytes have their final home now: point the records at them.
@@ -297,6 +303,7 @@ void TagRecordCursor::Load(int64_t afterTime, bool inclusive) {
   std::lock_guard<std::mutex> lock(tag_->mu_);
   bool full = false;
   tag_->ReadAfterLocked(afterTime, inclusive, chunk_, &records_, &bytes_, &full);
+  // Only a chunk that ended short of both bounds ends the tag.
   exhausted_ = !full;
 }
 

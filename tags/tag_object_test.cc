@@ -112,14 +112,14 @@ TEST(TagObjectTest, RawSamplesLongerThanTheFirstAreKeptWhole) {
 TEST(TagObjectTest, TheMemoryBlockHoldsABoundedNumberOfBytes) {
   TagObject tag(29);
   uint8_t first[1] = {1};
-  std::vector<uint8_t> big(4 * 1024 * 1024, 0x33);
+  std::vector<uint8_t> big(256 * 1024, 0x33);
   ASSERT_EQ(tag.Insert(MakeRawSample(0, 1, first)), 1);
   for (int i = 1; i <= 8; ++i)
     ASSERT_EQ(tag.Insert(MakeRawSample(i, static_cast<int32_t>(big.size()), big.data())), 1);
   SampleRecord r;
   ASSERT_EQ(tag.Get(0, &r), 1);
   FreeSampleBuffer(r.pBuffer);
-  EXPECT_LE(tag.BlockCount(), 1 + TagObject::kMaxBlockBytes / static_cast<int32_t>(big.size()))
+  EXPECT_LE(tag.BlockCount(), 1 + kTagBlockBytes / static_cast<int64_t>(32 + big.size()))
       << "a lookup reloads records only up to the byte bound";
   ASSERT_EQ(tag.Get(8, &r), 1);
   EXPECT_EQ(r.nValue, static_cast<int32_t>(big.size()));
@@ -129,22 +129,23 @@ TEST(TagObjectTest, TheMemoryBlockHoldsABoundedNumberOfBytes) {
 
 TEST(TagObjectTest, ReadsOfLongSamplesStopAtTheirByteBound) {
   TagObject tag(32);
-  std::vector<uint8_t> big(10 * 1024 * 1024, 0x44);
-  for (int i = 0; i < 3; ++i)
+  std::vector<uint8_t> big(kMaxRawSampleBytes, 0x44);
+  for (int i = 0; i < 6; ++i)
     ASSERT_EQ(tag.Insert(MakeRawSample(i, static_cast<int32_t>(big.size()), big.data())), 1);
   SampleRecord out[3];
-  EXPECT_EQ(tag.ReadPeriod(0, -1, out, 3, 15 * 1024 * 1024), 2) << "stops once 15 MiB are in";
+  EXPECT_EQ(tag.ReadPeriod(0, -1, out, 3, 3 * kMaxRawSampleBytes / 2), 2)
+      << "stops once 1.5 MiB are in";
   FreeSampleBuffers(out, 2);
   EXPECT_EQ(tag.ReadPeriod(0, -1, out, 3, 1), 1) << "at least one sample";
   FreeSampleBuffers(out, 1);
-  // The serialiser's cursor reads chunks of at most kMaxBlockBytes and still sees all.
+  // The serialiser's cursor reads chunks of at most kStorePieceBytes and still sees all.
   int64_t seen = 0;
   for (TagRecordCursor c(&tag); c.Valid(); c.Next()) {
     EXPECT_EQ(c.Current().llTimeCode, seen);
     EXPECT_EQ(c.Current().pBuffer[big.size() - 1], 0x44);
     ++seen;
   }
-  EXPECT_EQ(seen, 3);
+  EXPECT_EQ(seen, 6);
 }
 
 TEST(TagObjectTest, InsertSortedTellsWhichRecordsItKept) {
@@ -202,16 +203,44 @@ TEST(TagObjectTest, LargeRawSampleCapsTheBlockAtSixteen) {
   FreeSampleBuffer(r.pBuffer);
 }
 
-TEST(TagObjectTest, RawSampleJustBelowTheLimitKeepsTheBlock) {
+TEST(TagObjectTest, ARawTagsBlockIsCountedInBytes) {
   TagObject tag(29);
-  std::vector<uint8_t> bytes(TagObject::kLargeRawBytes - 1, 1);
-  for (int i = 0; i < 20; ++i)
-    tag.Insert(MakeRawSample(i, TagObject::kLargeRawBytes - 1, bytes.data()));
-  EXPECT_EQ(tag.BlockCapacity(), TagObject::kBlockStep);
+  const int32_t size = TagObject::kLargeRawBytes - 1;
+  std::vector<uint8_t> bytes(size, 1);
+  for (int i = 0; i < 40; ++i) tag.Insert(MakeRawSample(i, size, bytes.data()));
+  EXPECT_LT(tag.BlockCapacity(), TagObject::kBlockStep);
+  EXPECT_LE(int64_t{tag.BlockCapacity()} * (32 + size), kTagBlockBytes);
   SampleRecord first;
   ASSERT_EQ(tag.Get(0, &first), 1);
   FreeSampleBuffer(first.pBuffer);
-  EXPECT_EQ(tag.BlockCount(), 20);
+  EXPECT_EQ(tag.BlockCount(), tag.BlockCapacity()) << "a lookup fills the block to its bytes";
+}
+
+TEST(TagObjectTest, TheBlocksOfAllTagsStopCachingPastTheirSharedBudget) {
+  std::vector<std::unique_ptr<TagObject>> tags;
+  std::vector<uint8_t> bytes(kMaxRawSampleBytes, 6);
+  const int n = static_cast<int>(kAllBlocksBytes / kMaxRawSampleBytes) + 8;
+  for (int i = 0; i < n; ++i) {
+    auto tag = std::make_unique<TagObject>(29);
+    ASSERT_EQ(tag->Insert(MakeRawSample(1, kMaxRawSampleBytes, bytes.data())), 1);
+    SampleRecord r;
+    ASSERT_EQ(tag->Get(1, &r), 1);
+    EXPECT_EQ(r.pBuffer[0], 6) << "a lookup answers whether or not the block caches";
+    FreeSampleBuffer(r.pBuffer);
+    tags.push_back(std::move(tag));
+  }
+  int cached = 0;
+  for (auto& tag : tags) cached += tag->BlockCount();
+  EXPECT_LE(int64_t{cached} * kMaxRawSampleBytes, kAllBlocksBytes + kMaxRawSampleBytes);
+  EXPECT_LT(cached, n);
+}
+
+TEST(TagObjectTest, TheLargestRawSampleStillHasABlockOfOne) {
+  TagObject tag(29);
+  std::vector<uint8_t> bytes(kMaxRawSampleBytes, 2);
+  ASSERT_EQ(tag.Insert(MakeRawSample(0, kMaxRawSampleBytes, bytes.data())), 1);
+  EXPECT_EQ(tag.Insert(MakeRawSample(1, kMaxRawSampleBytes + 1, nullptr)), 0);
+  EXPECT_EQ(tag.BlockCapacity(), 1);
 }
 
 TEST(TagObjectTest, IntervalIsMeasuredFromTheFirstTwoRecordsWithAFloor) {

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,6 +43,14 @@ class CMQInterface {
   static constexpr int32_t kMaxReadSamples = 1 << 24;
   // The largest number of raw sample bytes one read may gather.
   static constexpr int64_t kMaxReadRawBytes = int64_t{1} << 30;
+  // A read takes its samples from the tag store a piece at a time: at most this many
+  // samples, and for raw tags about kReadPieceBytes of sample bytes (at least one sample).
+  static constexpr int64_t kReadPieceSamples = 65536;
+  static constexpr int64_t kReadPieceBytes = int64_t{4} << 20;
+
+  // One piece of a read, in time order. Raw bytes are valid only during the call. An
+  // answer other than S_OK ends the read with that answer.
+  using ReadSink = std::function<HRESULT(const SampleRecord* records, size_t count)>;
 
   // Makes the controller (which loads the log settings) and runs its start-up.
   CMQInterface();
@@ -119,13 +128,16 @@ class CMQInterface {
   // the close; the log names the tag and the width.
   HRESULT InsertDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                         int64_t llTimeCode, int32_t nData);
-  // Inserts nDataCount records of mqTags one by one; S_OK when all were stored.
+  // Inserts nDataCount records of mqTags one by one (converted 65,536 at a time); S_OK
+  // when all were stored.
   HRESULT InsertDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                            const MarquelOneTag* mqTags, int32_t nDataCount,
                            int32_t* nInserted = nullptr);
   HRESULT GetDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID, int64_t llTimeCode,
                      int32_t* nValue);
-  // Reads the request into m internal samples and hands out exactly m records.
+  // Hands out exactly m records: the samples of the request, then zeros. m above
+  // kMaxReadSamples: E_OUTOFMEMORY. What the read holds is sized by the samples that
+  // exist, not by m (ReadPieces).
   HRESULT GetDataAll(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID, int32_t m,
                      std::vector<MarquelOneTag>* mqTags);
   HRESULT GetDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
@@ -138,19 +150,23 @@ class CMQInterface {
 
   // --- Raw-data samples ----------------------------------------------------------------
 
-  // `available` is the number of bytes readable at pData; more than arrived is refused.
-  // Any length is kept (QueryRawDataTagSampleSize keeps the first sample's), up to
-  // 2^width - 1 bytes for the tag's width and 16 MiB; S_OK when stored (or, by R2, the
-  // handle has no file). E_FAIL when an open file does not store it: a longer sample, a
-  // tag id that takes no raw data, a tag of plain samples, no bytes with a length other
-  // than the record's it empties, or a record-file failure.
+  // `available` is the number of bytes readable at pData; more than arrived is refused,
+  // and so is nLength above kMaxRawSampleBytes (1 MiB): E_INVALIDARG. Any length up to
+  // that is kept (QueryRawDataTagSampleSize keeps the first sample's) if the tag's count
+  // field carries it (2^width - 1 bytes for the tag's width); S_OK when stored (or, by
+  // R2, the handle has no file). E_FAIL when an open file does not store it: a sample
+  // longer than the count field carries, a tag id that takes no raw data, a tag of plain
+  // samples, no bytes with a length other than the record's it empties, or a record-file
+  // failure.
   HRESULT InsertRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                            int64_t llTimeCode, int32_t nLength, const uint8_t* pData,
                            size_t available);
   // pData null is the caller without a buffer; otherwise it receives the sample's bytes.
   HRESULT GetRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                         int64_t llTimeCode, int32_t nLength, std::vector<uint8_t>* pData);
-  // Reads m samples with their bytes; the caller applies the copy rule to its elements.
+  // Reads m samples with their bytes (the samples of the request, then zeros); the caller
+  // applies the copy rule to its elements. m above kMaxReadSamples, or more than
+  // kMaxReadRawBytes of raw bytes: E_OUTOFMEMORY.
   HRESULT GetRawDataAll(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID, int32_t m,
                         RawSampleColumns* pTagList);
   HRESULT GetRawDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
@@ -162,6 +178,16 @@ class CMQInterface {
   HRESULT GetRawDataPeriod(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                            int64_t llStartTime, int64_t llEndTime, int32_t m,
                            MarquelRawDataTag* pTagList);
+  // The read behind the Get*Data* methods, in pieces, so that what a read holds is sized
+  // by the samples that exist and not by m. Checks m as those methods do (m < 1:
+  // E_INVALIDARG; above kMaxReadSamples: E_OUTOFMEMORY), then hands the request's samples
+  // to `sink` in order, at most m in all, and writes their number to *delivered. The
+  // other m - *delivered elements of the answer are zeros (time code 0, value or length
+  // 0). Raw bytes beyond `byte_limit` in all: E_OUTOFMEMORY. No sample (the table's 0):
+  // E_FAIL; a closed handle (-1): S_OK with nothing delivered.
+  HRESULT ReadPieces(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID, bool all,
+                     int64_t llStartTime, int64_t llEndTime, int32_t m, int64_t byte_limit,
+                     const ReadSink& sink, int64_t* delivered);
   HRESULT QueryRawDataTagSampleSize(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                                     int32_t* nSampleSize);
 

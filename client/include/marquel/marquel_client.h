@@ -132,8 +132,9 @@ class IMQInterface {
   // pData has nLength bytes; E_INVALIDARG when the stored sample is longer.
   virtual HRESULT GetRawDataOne(int32_t nFileHandle, int32_t nTagID, int64_t llTimeCode,
                                 int32_t nLength, uint8_t* pData) = 0;
-  // Any length is kept, up to 2^width - 1 bytes for the tag's width (and 16 MiB); E_FAIL
-  // when the open file does not store the sample (too long, a tag of the other kind).
+  // Any length is kept, up to 2^width - 1 bytes for the tag's width and 1 MiB; E_FAIL
+  // when the open file does not store the sample (too long for the tag's count field, a
+  // tag of the other kind), E_INVALIDARG past 1 MiB.
   virtual HRESULT InsertRawDataOne(int32_t nFileHandle, int32_t nTagID, int64_t llTimeCode,
                                    int32_t nLength, const uint8_t* pData) = 0;
   virtual HRESULT QueryOneFileRawDataTagList(int32_t nFileHandle, int32_t m, int32_t* nTagList,

@@ -6,6 +6,7 @@
 // errno tells the reason of a failure where a caller wants it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -62,6 +63,11 @@ bool ReadFile(FileHandle h, void* buffer, uint32_t n, uint32_t* read);
 // Writes all n bytes; *written receives the count written.
 bool WriteFile(FileHandle h, const void* buffer, uint32_t n, uint32_t* written);
 bool CloseFileHandle(FileHandle h);
+// Reads or writes exactly n bytes at `offset` without moving the file position (so that
+// several users of one descriptor do not disturb each other); false on an error or a
+// short read.
+bool ReadAllAt(FileHandle h, uint64_t offset, void* buffer, size_t n);
+bool WriteAllAt(FileHandle h, uint64_t offset, const void* buffer, size_t n);
 // Moves the file position by a 64-bit offset from the start, the current position or the
 // end (FILE_BEGIN, FILE_CURRENT, FILE_END) and returns the new position, or -1.
 int64_t SeekFile(FileHandle h, int64_t offset, int method);

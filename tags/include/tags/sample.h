@@ -69,7 +69,31 @@ void FreeSampleBuffer(uint8_t* buffer);
 // Frees the buffers of `count` records filled by a read and nulls their pointers.
 void FreeSampleBuffers(SampleRecord* records, int64_t count);
 
-// The largest raw sample the store accepts, in bytes. Bigger ones are refused.
-constexpr int32_t kMaxRawSampleBytes = 16 * 1024 * 1024;
+// The largest raw sample the store accepts, in bytes. Bigger ones are refused. Every
+// in-memory structure of the store holds at least one sample, so this bounds what one
+// sample can make the server hold.
+constexpr int32_t kMaxRawSampleBytes = 1024 * 1024;
+
+// What the store's in-memory pieces hold at most, in bytes (each at least one record): a
+// tag's memory block, a record file's overlay, one merge slice, one chunk of a period copy
+// or of the serialiser's reading.
+constexpr int64_t kTagBlockBytes = int64_t{1} << 20;
+constexpr int64_t kOverlayBytes = int64_t{4} << 20;
+constexpr int64_t kStorePieceBytes = int64_t{4} << 20;
+// The memory blocks (caches) of all tags together.
+constexpr int64_t kAllBlocksBytes = int64_t{16} << 20;
+// A period copied within one tag is read whole first; at most this much of it.
+constexpr int64_t kSameTagCopyBytes = int64_t{64} << 20;
+// The in-memory last pages (tails) of all record files together; past it a tail goes to
+// disk after each operation on its file.
+constexpr int64_t kAllTailsBytes = int64_t{16} << 20;
+// The overlays of all record files together; past it an insert into an overlay merges that
+// overlay at once.
+constexpr int64_t kAllOverlaysBytes = int64_t{16} << 20;
+
+// How many records of `recordBytes` each fit `budget` bytes, at least one.
+inline int64_t RecordsWithin(int64_t budget, int64_t recordBytes) {
+  return recordBytes > 0 && budget > recordBytes ? budget / recordBytes : 1;
+}
 
 }  // namespace marquel

@@ -25,11 +25,10 @@ class TagObject {
  public:
   // The memory block starts with and grows by this many records.
   static constexpr int32_t kBlockStep = 1024;
-  // A raw sample of this many bytes or more limits the memory block to kLargeRawBlockCap.
+  // A raw sample of this many bytes or more limits the memory block to kLargeRawBlockCap;
+  // the block of a raw tag also never holds more than kTagBlockBytes of records.
   static constexpr int32_t kLargeRawBytes = 51200;
   static constexpr int32_t kLargeRawBlockCap = 16;
-  // The raw bytes the memory block holds stay within this many (one record may exceed it).
-  static constexpr int32_t kMaxBlockBytes = 16 * 1024 * 1024;
   // The sampling interval measured from the first two records is never below this.
   static constexpr int64_t kMinMeasuredInterval = 150000;
   // Two records further apart than this split a valid interval.
@@ -141,6 +140,7 @@ class TagObject {
   struct Block;
 
   int InsertLocked(const SampleRecord& record);
+  void FitBlockToSample(int32_t sampleBytes);
   int EnsureRecordFile();
   int FlushPendingLocked();
   void MeasureIntervalLocked();
@@ -167,7 +167,8 @@ class TagObject {
   std::unique_ptr<RecordFile> file_;
 };
 
-// Reads a tag's records in ascending order, a chunk at a time, for the serialiser. Each
+// Reads a tag's records in ascending order, a chunk at a time (of at most chunkRecords
+// records and about kStorePieceBytes of raw bytes), for the serialiser. Each
 // chunk is read under the tag's lock and the cursor continues after the last time code it
 // returned, so it stays correct if the tag changes in between (it then sees the change).
 class TagRecordCursor {
