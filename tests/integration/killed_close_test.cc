@@ -152,6 +152,7 @@ TEST_P(KilledClose, TheNextStartLeavesNoOrphanAndTheDataIsWhollyOldOrWhollyNew) 
   int32_t round = 0;
   int32_t rounds_with_orphans = 0;  // kills between a new cache file and its entry
   int32_t rounds_with_new_data = 0;
+  int32_t rounds_with_record_files = 0;  // the killed server's folder held files
   for (const KillPoint& point : points) {
     ++round;
     SCOPED_TRACE("round " + std::to_string(round) + ", close of " + std::to_string(whole.count()) +
@@ -162,7 +163,9 @@ TEST_P(KilledClose, TheNextStartLeavesNoOrphanAndTheDataIsWhollyOldOrWhollyNew) 
     const pid_t killed = CloseAndKill(*c, h, round, point, whole);
     c.reset();
     const std::string dead_folder = TempRoot() + "/" + std::to_string(killed);
-    EXPECT_FALSE(Names(dead_folder).empty()) << "the killed server left its record files";
+    // A kill right as the close starts may find the samples still in memory (the tag
+    // store keeps a budget of them there), so not every round leaves record files.
+    if (!Names(dead_folder).empty()) ++rounds_with_record_files;
     if (!UnnamedCacheFiles().empty()) ++rounds_with_orphans;
 
     auto fresh = Connect();
@@ -180,10 +183,12 @@ TEST_P(KilledClose, TheNextStartLeavesNoOrphanAndTheDataIsWhollyOldOrWhollyNew) 
     if (now == round) ++rounds_with_new_data;
     ASSERT_EQ(fresh->CloseFile(h, 0), S_OK);  // nothing changed: a whole close
   }
+  EXPECT_GE(rounds_with_record_files, 1) << "no kill left record files to clean up";
   // The kill as the new cache file appears always lands before the store names it.
   EXPECT_GE(rounds_with_orphans, 1);
   EXPECT_GE(rounds_with_new_data, 1) << "the last kill comes after the close";
-  std::cout << "kills leaving an unnamed cache file: " << rounds_with_orphans
+  std::cout << "kills leaving record files: " << rounds_with_record_files
+            << ", kills leaving an unnamed cache file: " << rounds_with_orphans
             << ", rounds whose close got through: " << rounds_with_new_data << "\n";
 }
 
