@@ -15,14 +15,14 @@ using sessiontest::InsertSamples;
 using sessiontest::OpenSession;
 using sessiontest::PlainSamples;
 
-std::vector<std::string> SpecialFiles() {
+std::vector<std::string> NonRegularFiles() {
   const std::string fifo = test::TestPath("pipe.ts");
   EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   return {fifo, "/dev/zero", "/dev/null", test::TestDir()};
 }
 
-TEST(SessionSpecialFiles, OpenRefusesWhatIsNotARegularFile) {
-  for (const std::string& path : SpecialFiles()) {
+TEST(SessionNonRegularFiles, OpenRefusesWhatIsNotARegularFile) {
+  for (const std::string& path : NonRegularFiles()) {
     for (int32_t type : {0, 1, 10}) {
       int result = 0;
       OpenSession(path, type, 3, &result);
@@ -35,7 +35,7 @@ TEST(SessionSpecialFiles, OpenRefusesWhatIsNotARegularFile) {
   }
 }
 
-TEST(SessionSpecialFiles, ACacheFileReplacedByAFifoIsNotWaitedOn) {
+TEST(SessionNonRegularFiles, ACacheFileReplacedByAFifoIsNotWaitedOn) {
   std::string media = CopyMedia("avi.avi", "a.avi");
   auto f = OpenSession(media);
   InsertSamples(*f, 0, 1, 5);

@@ -18,7 +18,7 @@ using std::chrono::steady_clock;
 
 constexpr auto kPrompt = std::chrono::seconds(5);
 
-class SpecialPaths : public BusTest {
+class NonRegularPaths : public BusTest {
  protected:
   // The paths that are not regular files: a FIFO without a writer, two devices, a folder.
   std::vector<std::string> Paths() {
@@ -54,7 +54,7 @@ class SpecialPaths : public BusTest {
   }
 };
 
-TEST_F(SpecialPaths, InitialFileRefusesWhatIsNotARegularFile) {
+TEST_F(NonRegularPaths, InitialFileRefusesWhatIsNotARegularFile) {
   ExpectPromptAnswers(
       [](IMarquelClient& c, const std::string& path) {
         int32_t h = 7;
@@ -66,7 +66,7 @@ TEST_F(SpecialPaths, InitialFileRefusesWhatIsNotARegularFile) {
       E_FAIL);
 }
 
-TEST_F(SpecialPaths, InitialFile2RefusesWhatIsNotARegularFile) {
+TEST_F(NonRegularPaths, InitialFile2RefusesWhatIsNotARegularFile) {
   ExpectPromptAnswers(
       [](IMarquelClient& c, const std::string& path) {
         int32_t h = 7;
@@ -78,7 +78,7 @@ TEST_F(SpecialPaths, InitialFile2RefusesWhatIsNotARegularFile) {
       E_FAIL);
 }
 
-TEST_F(SpecialPaths, QueryOrgFileSizeAndMTimeRefusesWhatIsNotARegularFile) {
+TEST_F(NonRegularPaths, QueryOrgFileSizeAndMTimeRefusesWhatIsNotARegularFile) {
   ExpectPromptAnswers(
       [](IMarquelClient& c, const std::string& path) {
         uint64_t size = 0, mtime = 0;
@@ -87,7 +87,7 @@ TEST_F(SpecialPaths, QueryOrgFileSizeAndMTimeRefusesWhatIsNotARegularFile) {
       E_FAIL);
 }
 
-TEST_F(SpecialPaths, CacheRenameRefusesANewNameThatIsNotARegularFile) {
+TEST_F(NonRegularPaths, CacheRenameRefusesANewNameThatIsNotARegularFile) {
   const std::string media = MediaFile("clip.mpg", 20000);
   ExpectPromptAnswers(
       [&media](IMarquelClient& c, const std::string& path) {
