@@ -59,7 +59,9 @@ int MQOneProgram::InsertOne(int32_t tagId, const SampleRecord& record) {
   TagObject* tag = GetOrCreateTag(tagId);
   // Every failure is 0: to the table, -1 means a handle without a file, which the client
   // hears as success; a sample that was not stored must not.
-  return tag != nullptr && tag->Insert(record) == 1 ? 1 : 0;
+  // A tag left out of the open's selection ignores its samples and says 1; the client
+  // must hear that nothing was kept.
+  return tag != nullptr && tag->Valid() && tag->Insert(record) == 1 ? 1 : 0;
 }
 
 int32_t MQOneProgram::InsertMany(int32_t tagId, const SampleRecord* records, int32_t count) {

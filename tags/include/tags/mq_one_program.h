@@ -55,7 +55,8 @@ class MQOneProgram {
   // another type. Creates the tag on first use. Returns 1 when the sample is stored and 0
   // when it is not: refused by these rules or by the tag (the other kind than the tag's
   // samples, the length rule of TagObject::Insert), or lost to a record file failure.
-  // Never -1, which the table keeps for a handle without a file.
+  // A tag the open's selection left out (not Valid) keeps nothing, so 0 too. Never -1,
+  // which the table keeps for a handle without a file.
   int InsertOne(int32_t tagId, const SampleRecord& record);
   // Whether InsertOne's own rules (before the tag's) let `record` into `tagId`.
   static bool Admits(int32_t tagId, const SampleRecord& record);
