@@ -44,6 +44,11 @@ MarquelOneFile* MarquelFiles::Session(int32_t handle) {
   return SessionAt(handle);
 }
 
+MarquelOneFile* MarquelFiles::WritableSessionAt(int32_t handle) const {
+  MarquelOneFile* file = SessionAt(handle);
+  return file != nullptr && !file->ReadOnly() ? file : nullptr;
+}
+
 MQOneProgram* MarquelFiles::ProgramAt(int32_t handle, int32_t program) const {
   MarquelOneFile* file = SessionAt(handle);
   return file ? file->Program(program) : nullptr;
@@ -101,12 +106,23 @@ int32_t MarquelFiles::OpenFile(const std::string& name, int32_t nFileType, int32
     lock.unlock();
     MQ_LOG("[%d] MarquelFiles::OpenFile(%s), file already opened", handle, name.c_str());
     lock.lock();
-    if (file->TagSelectionDiffers(bReadOnly, nTags, pnTags)) {
+    // A reopen clears the loaded tags and reads the stored ones again. Only a read-only
+    // session can hold no unsaved change; a writable one keeps its state (and its tags)
+    // whatever a later open asks, or another client's changes would be dropped.
+    if (file->ReadOnly() && file->TagSelectionDiffers(bReadOnly, nTags, pnTags)) {
       file->SetTagSelection(bReadOnly, nTags, pnTags);
       file->Open(nFileType, 1, 0);  // the result of a reopen is ignored
+    } else if (file->TagSelectionDiffers(bReadOnly, nTags, pnTags)) {
+      MQ_LOG("[%d] selection kept: the file is open for writing", handle);
     }
     file->AddRef();
     lock.unlock();
+  }
+  if (bOverwrite != 0 && file->ReadOnly()) {
+    // A read-only session is never written, so the cleared samples would come back.
+    MQ_LOG("[%d] overwrite refused: the file is open read-only", handle);
+    CloseFile(handle, 0);
+    return -1;
   }
   if (bOverwrite != 0) DeleteAll(file, TagScope::All(), kEveryTimeCode, -1);
   MQ_LOG("[%d] MarquelFiles::OpenFile(%s) ok, ref count = %d", handle, name.c_str(),
@@ -168,6 +184,10 @@ int32_t MarquelFiles::CleanFile(int32_t handle) {
   MarquelOneFile* file = SessionAt(handle);
   if (file == nullptr) {
     MQ_LOG("[%d] handle does not exist", handle);
+    return -1;
+  }
+  if (file->ReadOnly()) {
+    MQ_LOG("[%d] clean refused: the file is open read-only", handle);
     return -1;
   }
   int32_t result = DeleteAll(file, TagScope::All(), kEveryTimeCode, -1);

@@ -30,24 +30,25 @@ int32_t MarquelFiles::DeleteAll(MarquelOneFile* file, const TagScope& scope, int
 }
 
 int32_t MarquelFiles::DeleteDataPeriod(int32_t handle, int64_t start, int64_t end) {
-  return DeleteAll(SessionAt(handle), TagScope::All(), start, end);
+  return DeleteAll(WritableSessionAt(handle), TagScope::All(), start, end);
 }
 
 int32_t MarquelFiles::DeleteDataPeriodForOneTag(int32_t handle, int32_t tagId, int64_t start,
                                                 int64_t end) {
-  return DeleteAll(SessionAt(handle), TagScope::OneTag(tagId), start, end);
+  return DeleteAll(WritableSessionAt(handle), TagScope::OneTag(tagId), start, end);
 }
 
 int32_t MarquelFiles::DeleteDataPeriodForOneCategory(int32_t handle, int32_t category,
                                                      int64_t start, int64_t end) {
-  return DeleteAll(SessionAt(handle), TagScope::Category(category), start, end);
+  return DeleteAll(WritableSessionAt(handle), TagScope::Category(category), start, end);
 }
 
 int32_t MarquelFiles::TwoHandle(int32_t target, int32_t source, const TagScope& scope,
                                 int64_t targetStart, int64_t srcStart, int64_t srcEnd,
                                 int32_t numerator, int32_t denominator, bool move) {
-  MarquelOneFile* to = SessionAt(target);
-  MarquelOneFile* from = SessionAt(source);
+  // The target is changed, and so is the source of a move.
+  MarquelOneFile* to = WritableSessionAt(target);
+  MarquelOneFile* from = move ? WritableSessionAt(source) : SessionAt(source);
   if (to == nullptr || from == nullptr || denominator == 0) return -1;
   // A program whose copy refused samples fails the call; the other programs still go.
   int32_t result = 1;

@@ -1,5 +1,7 @@
 // MarquelFiles: the routers to a program store or to the session. Each answers -1 for an
 // empty slot (or a handle out of range) and for a program index not below the count.
+// A change to a read-only session fails (0 for the inserts, -1 for the others): its close
+// writes nothing, so the change would be lost.
 #include <limits>
 
 #include "files/marquel_files.h"
@@ -9,13 +11,15 @@ namespace marquel {
 int32_t MarquelFiles::InsertOne(int32_t handle, int32_t program, int32_t tagId,
                                 const SampleRecord& record) {
   MQOneProgram* p = ProgramAt(handle, program);
-  return p ? p->InsertOne(tagId, record) : -1;
+  if (p == nullptr) return -1;
+  return WritableSessionAt(handle) ? p->InsertOne(tagId, record) : 0;
 }
 
 int32_t MarquelFiles::InsertMany(int32_t handle, int32_t program, int32_t tagId,
                                  const SampleRecord* records, int32_t count) {
   MQOneProgram* p = ProgramAt(handle, program);
-  return p ? p->InsertMany(tagId, records, count) : -1;
+  if (p == nullptr) return -1;
+  return WritableSessionAt(handle) ? p->InsertMany(tagId, records, count) : 0;
 }
 
 int32_t MarquelFiles::GetOne(int32_t handle, int32_t program, int32_t tagId, int64_t timeCode,
@@ -99,19 +103,19 @@ int64_t MarquelFiles::QueryValidInterval(int32_t handle, int32_t program, int32_
 }
 
 int32_t MarquelFiles::MinusTimeOffset(int32_t handle, int32_t program, int64_t offset) {
-  MQOneProgram* p = ProgramAt(handle, program);
+  MQOneProgram* p = WritableSessionAt(handle) ? ProgramAt(handle, program) : nullptr;
   return p ? p->MinusTimeOffset(offset) : -1;
 }
 
 int32_t MarquelFiles::MinusTimeOffsetForOneCategory(int32_t handle, int32_t program,
                                                     int32_t category, int64_t offset) {
-  MQOneProgram* p = ProgramAt(handle, program);
+  MQOneProgram* p = WritableSessionAt(handle) ? ProgramAt(handle, program) : nullptr;
   return p ? p->MinusTimeOffsetForOneCategory(category, offset) : -1;
 }
 
 int32_t MarquelFiles::MinustTimeOffsetForOneTag(int32_t handle, int32_t program, int32_t tagId,
                                                 int64_t offset) {
-  MQOneProgram* p = ProgramAt(handle, program);
+  MQOneProgram* p = WritableSessionAt(handle) ? ProgramAt(handle, program) : nullptr;
   return p ? p->MinustTimeOffsetForOneTag(tagId, offset) : -1;
 }
 

@@ -241,14 +241,28 @@ TEST(MarquelFilesTest, AFullTableAnswersMinusOneAndReleasesTheLock) {
   EXPECT_EQ(Open(table, test::TestPath("one-too-many")), 77);
 }
 
-TEST(MarquelFilesTest, ASelectionChangeReopensTheSession) {
+TEST(MarquelFilesTest, ASelectionChangeReopensAReadOnlySession) {
+  CountingFiles table;
+  std::string name = test::TestPath("sel.mpg");
+  int32_t tags[1] = {16};
+  int32_t h = table.OpenFile(name, kSomeType, 0, 1, tags, 1, 0, -1);
+  ASSERT_GE(h, 0);
+  EXPECT_FALSE(table.Session(h)->AcceptsTag(17));
+  int32_t other[1] = {17};
+  EXPECT_EQ(table.OpenFile(name, kSomeType, 0, 1, other, 1, 0, -1), h);
+  EXPECT_TRUE(table.Session(h)->AcceptsTag(17));
+  EXPECT_FALSE(table.Session(h)->AcceptsTag(16));
+  EXPECT_EQ(table.QueryRefCount(h), 2);
+}
+
+TEST(MarquelFilesTest, AWritableSessionKeepsEveryTagWhateverALaterOpenSelects) {
   CountingFiles table;
   std::string name = test::TestPath("sel.mpg");
   int32_t h = Open(table, name);
   int32_t tags[1] = {16};
-  EXPECT_EQ(table.OpenFile(name, kSomeType, 0, 1, tags, 0, 0, -1), h);
-  EXPECT_FALSE(table.Session(h)->AcceptsTag(17));
-  EXPECT_TRUE(table.Session(h)->AcceptsTag(16));
+  EXPECT_EQ(table.OpenFile(name, kSomeType, 0, 1, tags, 1, 0, -1), h);
+  EXPECT_FALSE(table.Session(h)->ReadOnly());
+  EXPECT_TRUE(table.Session(h)->AcceptsTag(17));
   EXPECT_EQ(table.QueryRefCount(h), 2);
 }
 

@@ -29,7 +29,7 @@ int32_t MarquelOneFile::RefCount() const {
 }
 
 void MarquelOneFile::SetTagSelection(int32_t bReadOnly, int32_t nTags, const int32_t* pnTags) {
-  read_only_ = bReadOnly;
+  read_only_.store(bReadOnly != 0, std::memory_order_release);
   select_all_ = nTags < 1 || pnTags == nullptr;
   selected_tags_.clear();
   if (!select_all_) selected_tags_.assign(pnTags, pnTags + nTags);
@@ -37,15 +37,17 @@ void MarquelOneFile::SetTagSelection(int32_t bReadOnly, int32_t nTags, const int
 
 bool MarquelOneFile::TagSelectionDiffers(int32_t bReadOnly, int32_t nTags,
                                          const int32_t* pnTags) const {
-  if (bReadOnly != read_only_) return true;
+  if ((bReadOnly != 0) != ReadOnly()) return true;
   bool all = nTags < 1 || pnTags == nullptr;
   if (all != select_all_) return true;
   if (all) return false;
   return !std::equal(selected_tags_.begin(), selected_tags_.end(), pnTags, pnTags + nTags);
 }
 
+// A writable session loads every stored tag, whatever the selection: its close writes a
+// new block from what is loaded, and a tag left out at the load would be gone from it.
 bool MarquelOneFile::AcceptsTag(int32_t tagId) const {
-  return select_all_ ||
+  return select_all_ || !ReadOnly() ||
          std::find(selected_tags_.begin(), selected_tags_.end(), tagId) != selected_tags_.end();
 }
 

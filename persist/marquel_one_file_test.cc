@@ -129,12 +129,15 @@ TEST(MarquelOneFileTest, TagSelection) {
   EXPECT_TRUE(f.TagSelectionDiffers(1, 2, tags));
   EXPECT_TRUE(f.TagSelectionDiffers(0, 1, tags));
   EXPECT_TRUE(f.TagSelectionDiffers(0, 0, nullptr));
+  EXPECT_TRUE(f.AcceptsTag(4)) << "a writable session loads every tag";
+  f.SetTagSelection(1, 2, tags);
+  EXPECT_TRUE(f.ReadOnly());
   EXPECT_TRUE(f.AcceptsTag(9));
   EXPECT_FALSE(f.AcceptsTag(4));
   f.SetFileName(test::TestPath("x.mpg"));
   f.Open(1, 1, 0);
   EXPECT_FALSE(f.Program(0)->AcceptsTag(4)) << "programs ask the session";
-  f.SetTagSelection(0, 5, nullptr);
+  f.SetTagSelection(1, 5, nullptr);
   EXPECT_TRUE(f.AcceptsTag(4)) << "a null list selects every tag";
 }
 

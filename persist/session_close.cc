@@ -69,7 +69,7 @@ int32_t SessionSteps::ForceToCache(MarquelOneFile& f, int32_t bWriteToCache) {
 // list: 2 would tell the client its tags were kept when they were not.
 int32_t MarquelOneFile::CloseFile(int32_t bWriteToCache) {
   MQ_LOG("[%d] MarquelOneFile::CloseFile(%s, %d)", handle_, file_name_.c_str(), bWriteToCache);
-  if (!HasTags() || read_only_ != 0) return MQ_SUCCESS;
+  if (!HasTags() || ReadOnly()) return MQ_SUCCESS;
   SessionSteps::FinalisePrograms(*this);
   if (file_type_ == 0 || (file_type_ == 10 && ts_programs_known_ == 0)) {
     SessionSteps::DetectFormat(*this);

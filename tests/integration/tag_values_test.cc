@@ -87,23 +87,6 @@ TEST_F(TagValues, TagsWhoseSamplesTheCloseCannotWriteRefuseThem) {
   EXPECT_EQ(client_->CloseFile(h, 1), S_OK);
 }
 
-TEST_F(TagValues, AnInsertIntoATagLeftOutOfTheSelectionFails) {
-  // A tag that InitialFile2's selection leaves out ignores its samples; the client must
-  // not hear S_OK for one.
-  const std::string path = Media();
-  int32_t h = -1;
-  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
-  ASSERT_EQ(client_->InsertDataOne2(h, 0, 20, 100000, 7), S_OK);
-  ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
-  const int32_t selected[] = {16};
-  ASSERT_EQ(client_->InitialFile2(path.c_str(), 0, 0, 1, selected, 0, 0, -1, &h), S_OK);
-  EXPECT_EQ(client_->InsertDataOne2(h, 0, 20, 200000, 8), E_FAIL);
-  EXPECT_EQ(client_->InsertDataOne2(h, 0, 16, 200000, 8), S_OK);
-  EXPECT_EQ(client_->CloseFile(h, 1), S_OK);
-  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
-  EXPECT_EQ(Stored(h, 16), (Pairs{{200000, 8}}));
-}
-
 TEST_F(TagValues, AFallingDeltaValueComesBackOtherwiseAndIsLogged) {
   LogToFile();
   int32_t h = InsertAndReopen(Media(), kDeltaTag, {{100000, 10}, {200000, 15}, {300000, 12}});
@@ -139,6 +122,23 @@ TEST_F(TagValues, AnInsertIntoAMissingProgramSucceedsStoresNothingAndIsLogged) {
   EXPECT_NE(ReadFile(LogPath()).find("InsertDataOne: [" + std::to_string(h) +
                                      "] has no program 4; nothing stored"),
             std::string::npos);
+}
+
+TEST_F(TagValues, AnInsertIntoAClosedHandleSucceedsStoresNothingAndIsLogged) {
+  LogToFile();
+  const std::string path = Media();
+  int32_t h = -1;
+  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
+  EXPECT_EQ(client_->InsertDataOne2(h, 0, kByteTag, 100000, 7), S_OK);
+  const uint8_t bytes[2] = {1, 2};
+  EXPECT_EQ(client_->InsertRawDataOne2(h, 0, 31, 100000, 2, bytes), S_OK);
+  const std::string log = ReadFile(LogPath());
+  const std::string handle = "[" + std::to_string(h) + "] is not an open file; nothing stored";
+  EXPECT_NE(log.find("InsertDataOne: " + handle), std::string::npos);
+  EXPECT_NE(log.find("InsertRawDataOne: " + handle), std::string::npos);
+  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  EXPECT_EQ(Stored(h, kByteTag), Pairs{});
 }
 
 }  // namespace

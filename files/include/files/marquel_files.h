@@ -47,11 +47,12 @@ class MarquelFiles {
 
   // --- Open and close ------------------------------------------------------------------
 
-  // Opens `name` (UTF-8). A name already open gets its handle and one more reference (the
-  // session reopens when the tag selection changed); otherwise the lowest free slot gets
-  // a new session, opened with the type, bLoad 1 and the selection. bOverwrite deletes
-  // every sample afterwards (negative time codes too). Returns the handle, or -1 (table full, open
-  // failed).
+  // Opens `name` (UTF-8). A name already open gets its handle and one more reference (a
+  // read-only session reopens when the selection changed; a writable one keeps its tags
+  // and stays writable); otherwise the lowest free slot gets a new session, opened with the
+  // type, bLoad 1 and the selection. bOverwrite deletes every sample afterwards (negative
+  // time codes too). Returns the handle, or -1 (table full, open failed, or bOverwrite on
+  // a read-only session, which could not keep the deletion).
   int32_t OpenFile(const std::string& name, int32_t nFileType, int32_t bOverwrite, int32_t nTags,
                    const int32_t* pnTags, int32_t bReadOnly, int64_t llStartTime,
                    int64_t llEndTime);
@@ -62,7 +63,8 @@ class MarquelFiles {
   // the slot. The session's result, or -1.
   int32_t CloseVOBFile(int32_t handle);
   int32_t CloseVCDORSVCDFile(int32_t handle);
-  // Deletes every sample of every tag of every program, negative time codes too. 1, or -1.
+  // Deletes every sample of every tag of every program, negative time codes too. 1, or -1
+  // (also for a read-only session).
   int32_t CleanFile(int32_t handle);
 
   // --- Table queries -------------------------------------------------------------------
@@ -173,6 +175,9 @@ class MarquelFiles {
   struct Slot;
   MarquelOneFile* SessionAt(int32_t handle) const;
   MQOneProgram* ProgramAt(int32_t handle, int32_t program) const;
+  // The session at `handle` when it may be changed: null for an empty slot and for a
+  // read-only session.
+  MarquelOneFile* WritableSessionAt(int32_t handle) const;
   int32_t FindLocked(const std::string& name) const;
   void SetSlotKey(int32_t handle, const std::string& name);
   int32_t DeleteAll(MarquelOneFile* file, const TagScope& scope, int64_t start, int64_t end);

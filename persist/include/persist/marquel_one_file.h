@@ -53,8 +53,13 @@ class MarquelOneFile {
   void SetTagSelection(int32_t bReadOnly, int32_t nTags, const int32_t* pnTags);
   // Whether the given selection differs from the one held.
   bool TagSelectionDiffers(int32_t bReadOnly, int32_t nTags, const int32_t* pnTags) const;
-  // The tag-acceptance callback of the programs: whether a tag id is wanted.
+  // The tag-acceptance callback of the programs: whether a stored tag is loaded. Only a
+  // read-only session loads just its selection; a writable one loads every tag, because
+  // its close rewrites the whole block.
   bool AcceptsTag(int32_t tagId) const;
+  // Whether the session was opened read-only: its close writes nothing, so the table
+  // refuses every change to it.
+  bool ReadOnly() const { return read_only_.load(std::memory_order_acquire); }
 
   // --- Open and close ------------------------------------------------------------------
 
@@ -155,7 +160,7 @@ class MarquelOneFile {
   int32_t handle_ = -1;
   std::string file_name_;
   std::atomic<int32_t> ref_count_{0};
-  int32_t read_only_ = 0;
+  std::atomic<bool> read_only_{false};
   bool select_all_ = true;
   std::vector<int32_t> selected_tags_;
   // Programs are only ever added, into fixed slots, and published by the count, so that a
