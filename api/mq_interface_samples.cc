@@ -41,16 +41,26 @@ void LogValueTooWide(const char* method, int32_t handle, int32_t tag, int32_t va
       method, handle, tag, width, value, width);
 }
 
+// R2 makes the table's -1 a success; the log says that nothing was stored, and why.
+void LogNothingStored(const char* method, int32_t handle, bool open, int32_t program) {
+  if (open)
+    MQ_LOG("%s: [%d] has no program %d; nothing stored", method, handle, program);
+  else
+    MQ_LOG("%s: [%d] is not an open file; nothing stored", method, handle);
+}
+
 }  // namespace
 
-// The result codes stay those of R2; what they do not tell, the log does: a program index
-// the file does not have stores nothing, and a value wider than its tag comes back cut.
+// The result codes stay those of R2; what they do not tell, the log does: a handle that is
+// not open or a program index the file does not have stores nothing, and a value wider
+// than its tag comes back cut.
 HRESULT CMQInterface::InsertDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
                                     int64_t llTimeCode, int32_t nData) {
   const int32_t result =
       ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID, MakePlainSample(llTimeCode, nData));
-  if (result == -1 && ctrl_->Session(nFileHandle) != nullptr)
-    MQ_LOG("InsertDataOne: [%d] has no program %d; nothing stored", nFileHandle, nProgramIndex);
+  if (result == -1)
+    LogNothingStored("InsertDataOne", nFileHandle, ctrl_->Session(nFileHandle) != nullptr,
+                     nProgramIndex);
   if (result == 1) {
     const int32_t width = WidthCutting(nTagID, nData);
     if (width != 0) LogValueTooWide("InsertDataOne", nFileHandle, nTagID, nData, width);
@@ -206,8 +216,12 @@ HRESULT CMQInterface::InsertRawDataOne(int32_t nFileHandle, int32_t nProgramInde
   // of the record at that time.
   static const uint8_t kNoBytes = 0;
   const uint8_t* bytes = nLength > 0 ? pData : (nLength == 0 ? &kNoBytes : nullptr);
-  return R2(ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID,
-                             MakeRawSample(llTimeCode, nLength, bytes)));
+  const int32_t result = ctrl_->InsertOne(nFileHandle, nProgramIndex, nTagID,
+                                          MakeRawSample(llTimeCode, nLength, bytes));
+  if (result == -1)
+    LogNothingStored("InsertRawDataOne", nFileHandle, ctrl_->Session(nFileHandle) != nullptr,
+                     nProgramIndex);
+  return R2(result);
 }
 
 HRESULT CMQInterface::GetRawDataOne(int32_t nFileHandle, int32_t nProgramIndex, int32_t nTagID,
