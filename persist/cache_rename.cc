@@ -2,6 +2,8 @@
 #include <algorithm>
 
 #include "media/file_type.h"
+#include "persist/cache_entry.h"
+#include "persist/cache_keys.h"
 #include "persist/cache_sweep.h"
 #include "persist/cache_writer.h"
 #include "platform/access_reg.h"
@@ -34,6 +36,28 @@ bool WriteEntryValues(const CacheEntry& entry) {
   return ok;
 }
 
+// Entries already kept for `newPath` belong to a file that is being replaced: the one
+// under the key of now and one left under the other folding of the name by an earlier
+// version, which a later lookup would otherwise still find. The entry being renamed
+// (under `oldKey`) and the files in `keep` stay.
+int32_t DropReplacedEntries(CacheKind kind, const std::string& newPath, const std::string& oldKey,
+                            const std::vector<std::string>& keep) {
+  for (const std::string& name : CacheLookupKeyNames(newPath)) {
+    CacheEntry replaced;
+    if (!ReadCacheEntry(kind, name, &replaced) || EqualsIgnoreCase(replaced.KeyPath(), oldKey))
+      continue;
+    CacheEntry same_file;  // the lookup's own test of the path the entry names
+    if (!FindEntryByPath(kind, newPath, &same_file) || same_file.KeyPath() != replaced.KeyPath())
+      continue;
+    AccessReg reg;
+    if (!reg.DeleteKey(HKEY_CURRENT_USER, replaced.KeyPath().c_str())) return -1;
+    for (const std::string& f : replaced.RemovableFiles()) {
+      if (std::find(keep.begin(), keep.end(), f) == keep.end() && FileExists(f)) RemoveFile(f);
+    }
+  }
+  return 1;
+}
+
 int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string& newPath) {
   CacheEntry entry;
   if (!FindEntryByPath(kind, oldPath, &entry) || !entry.Complete()) return 1;
@@ -46,18 +70,7 @@ int32_t RenameOne(CacheKind kind, const std::string& oldPath, const std::string&
     entry.file.media_path = newPath;
   }
   entry.sub_key = new_sub_key;
-  std::vector<std::string> keep = entry.CacheFiles();
-  if (!same_key) {
-    // An entry already under the new name belongs to a file that is being replaced.
-    CacheEntry replaced;
-    if (ReadCacheEntry(kind, entry.sub_key, &replaced)) {
-      AccessReg reg;
-      if (!reg.DeleteKey(HKEY_CURRENT_USER, replaced.KeyPath().c_str())) return -1;
-      for (const std::string& f : replaced.RemovableFiles()) {
-        if (std::find(keep.begin(), keep.end(), f) == keep.end() && FileExists(f)) RemoveFile(f);
-      }
-    }
-  }
+  if (DropReplacedEntries(kind, newPath, old_key, entry.CacheFiles()) != 1) return -1;
   if (!WriteEntryValues(entry)) {
     if (!same_key) {
       AccessReg reg;

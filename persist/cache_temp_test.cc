@@ -168,5 +168,27 @@ TEST(CacheRenameTest, ReplacesAnEntryUnderTheNewName) {
   EXPECT_EQ(CacheRename(a, "/" + std::string(300, 'x'), 1), -1) << "a name that does not fit";
 }
 
+TEST(CacheRenameTest, ReplacesAnEntryOfTheNewNameLeftUnderTheOtherFolding) {
+  std::string a = test::TestPath("a.mpg");
+  std::string b = test::TestPath("Clip-B.mpg");
+  TempCacheRecord rb = TempRecord(b, {2});
+  {
+    cachetest::FakeVolumeEnv folding("vfat");
+    cachetest::ScopedEnv env(&folding);
+    ASSERT_EQ(WriteTempCacheEntry(rb, 1), 1);
+  }
+  cachetest::FakeVolumeEnv ext4("ext4");
+  cachetest::ScopedEnv env(&ext4);
+  TempCacheRecord ra = TempRecord(a, {1});
+  ASSERT_EQ(WriteTempCacheEntry(ra, 1), 1);
+  ASSERT_EQ(ListCacheEntries(CacheKind::kTemp).size(), 2u);
+  EXPECT_EQ(CacheRename(a, b, 1), 1);
+  CacheEntry t;
+  ASSERT_TRUE(FindTempCacheEntry(b, &t));
+  EXPECT_EQ(t.temp.cache_path, ra.cache_path);
+  EXPECT_FALSE(FileExists(rb.cache_path)) << "the replaced entry's file goes";
+  EXPECT_EQ(ListCacheEntries(CacheKind::kTemp).size(), 1u) << "one entry names the file";
+}
+
 }  // namespace
 }  // namespace marquel
