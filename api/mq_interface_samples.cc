@@ -27,10 +27,12 @@ void FreeBuffers(SampleRecord* records, int64_t count) {
 // while the file is open, but the data block holds only its low `width` bits, so it comes
 // back cut after the close. A delta tag's values may be wider: the block holds their
 // steps (and the block writer logs the steps it cannot hold).
+// A state tag (types 3 and 4) keeps one bit: its item is the value with bit 1 set.
 int32_t WidthCutting(int32_t tag, int32_t value) {
   const TagDefinition* d = FindTagDefinition(tag);
   if (d == nullptr || d->nType == kTagTypeDelta || d->nBits <= 0 || d->nBits >= 32) return 0;
-  return static_cast<uint32_t>(value) >> d->nBits != 0 ? d->nBits : 0;
+  const int32_t kept = d->nType == 3 || d->nType == 4 ? 1 : d->nBits;
+  return static_cast<uint32_t>(value) >> kept != 0 ? kept : 0;
 }
 
 void LogValueTooWide(const char* method, int32_t handle, int32_t tag, int32_t value,

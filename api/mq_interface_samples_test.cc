@@ -51,6 +51,15 @@ TEST_F(CMQInterfaceSamples, InsertDataOneIntoAMissingProgramSucceedsStoresNothin
   EXPECT_TRUE(log.HasMessage("InsertDataOne: [5] is not an open file; nothing stored"));
 }
 
+// A state tag keeps one bit of its value: 2 on tag 17 comes back as 0, and is logged.
+TEST_F(CMQInterfaceSamples, AStateTagValueAboveOneIsLoggedAsCut) {
+  log::LogCapture log;
+  EXPECT_EQ(mq_.InsertDataOne(h_, 0, 17, 100, 1), S_OK);
+  EXPECT_FALSE(log.Has("tag 17 is"));
+  EXPECT_EQ(mq_.InsertDataOne(h_, 0, 17, 200, 2), S_OK);
+  EXPECT_TRUE(log.Has("tag 17 is 1 bits wide; value 2"));
+}
+
 // Tag 50 is 8 bits wide: 104999 is stored and answered S_OK, and the log names the tag and
 // its width, once per call. Values that fit, and a delta tag's counter, log nothing.
 TEST_F(CMQInterfaceSamples, AValueWiderThanItsTagIsKeptAndLogged) {
