@@ -1,7 +1,14 @@
 // Cache files: new files in the cache folder, the DVD side file, writing a block.
 #include "cache_files.h"
 
+#include <dirent.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 
 #include "media/mqinfo_temp.h"
 #include "persist/cache_keys.h"
@@ -23,6 +30,42 @@ std::string NameOf(const std::string& path) {
 
 std::string Join(const std::string& folder, const std::string& name) {
   return folder == "/" ? "/" + name : folder + "/" + name;
+}
+
+// A side file is written first as "MQ.<pid>.<n>.part" in the side folder, the folder that
+// a rename can reach (short, so any side file name has a partial that fits). The pid tells
+// a live writer's partial from one that a killed server left; those are removed by the
+// next write into the same folder.
+constexpr const char kPartialPrefix[] = "MQ.";
+constexpr const char kPartialSuffix[] = ".part";
+
+std::string PartialSidePath(const std::string& folder) {
+  static std::atomic<uint32_t> next{0};
+  return Join(folder, kPartialPrefix + std::to_string(getpid()) + "." +
+                          std::to_string(next.fetch_add(1)) + kPartialSuffix);
+}
+
+// The writer's pid in a partial side file's name, or 0 when the name is not one.
+long PartialOwner(const std::string& name) {
+  const size_t prefix = sizeof(kPartialPrefix) - 1;
+  const size_t suffix = sizeof(kPartialSuffix) - 1;
+  if (name.size() <= prefix + suffix || name.compare(0, prefix, kPartialPrefix) != 0 ||
+      name.compare(name.size() - suffix, suffix, kPartialSuffix) != 0)
+    return 0;
+  char* end = nullptr;
+  long pid = std::strtol(name.c_str() + prefix, &end, 10);
+  return end != nullptr && *end == '.' && pid > 0 ? pid : 0;
+}
+
+void RemoveDeadPartials(const std::string& folder) {
+  DIR* dir = opendir(folder.c_str());
+  if (dir == nullptr) return;
+  while (struct dirent* e = readdir(dir)) {
+    long pid = PartialOwner(e->d_name);
+    if (pid != 0 && pid != getpid() && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH)
+      RemoveFile(Join(folder, e->d_name));
+  }
+  closedir(dir);
 }
 
 }  // namespace
@@ -57,8 +100,8 @@ bool WriteSideFile(const std::string& mediaPath, size_t index, const CacheBlockW
   std::string side = SideFilePath(mediaPath);
   std::string folder = FolderOf(side);
   if (!FileExists(folder) && !MakeFolder(folder)) return false;
-  std::string partial;
-  if (MakeTempFileName(folder, kCacheFilePrefix, 0, &partial) == 0) return false;
+  RemoveDeadPartials(folder);
+  const std::string partial = PartialSidePath(folder);
   if (WriteBlockFile(partial, index, write) != 1) return false;
   if (std::rename(partial.c_str(), side.c_str()) != 0) {
     RemoveFile(partial);

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <utime.h>
 
 #include <cstdio>
@@ -215,6 +217,26 @@ TEST(CacheWriter, VRSideFileBesideTheDiscStructure) {
   EXPECT_EQ(ReadAll(side), Bytes{6}) << "the side file is made anew";
   EXPECT_EQ(FolderFiles(test::TestPath("disc/MQINFO")).size(), 1u);
   EXPECT_TRUE(FolderFiles(CacheFolder()).empty());
+}
+
+TEST(CacheWriter, ASideFileWriteRemovesThePartialsOfKilledServersOnly) {
+  CacheWriteRequest r = cachetest::SideFileRequest(10000, 4);
+  const std::string folder = test::TestPath("disc/MQINFO");
+  ASSERT_TRUE(MakeFolder(folder));
+  pid_t child = fork();
+  if (child == 0) _exit(0);
+  ASSERT_GT(child, 0);
+  waitpid(child, nullptr, 0);  // a server that is gone
+  const std::string dead = folder + "/MQ." + std::to_string(child) + ".0.part";
+  const std::string live = folder + "/MQ." + std::to_string(getppid()) + ".0.part";
+  const std::string other = folder + "/notes.part";
+  for (const std::string& f : {dead, live, other}) cachetest::WriteAll(f, Bytes{1});
+  CacheEntry e;
+  ASSERT_EQ(WriteCacheEntry(r, BytesWriter({{4}}), &e), 1);
+  EXPECT_FALSE(FileExists(dead));
+  EXPECT_TRUE(FileExists(live)) << "a live writer's partial stays";
+  EXPECT_TRUE(FileExists(other)) << "a file that is no partial stays";
+  EXPECT_EQ(FolderFiles(folder).size(), 3u) << "the side file and the two left alone";
 }
 
 TEST(CacheWriter, SideFolderThatCannotBeMadeFallsBackToTheCacheFolder) {
