@@ -198,6 +198,22 @@ int64_t SeekFile(FileHandle h, int64_t offset, int method) {
   return pos < 0 ? -1 : static_cast<int64_t>(pos);
 }
 
+bool SyncFileHandle(FileHandle h) {
+  int rc;
+  do {
+    rc = fsync(h);
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0;
+}
+
+bool SyncFolder(const std::string& folder) {
+  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = SyncFileHandle(fd);
+  close(fd);
+  return ok;
+}
+
 bool SetEndOfFile(FileHandle h) {
   off_t pos = lseek(h, 0, SEEK_CUR);
   if (pos < 0) return false;

@@ -75,6 +75,11 @@ int64_t SeekFile(FileHandle h, int64_t offset, int method);
 bool SetEndOfFile(FileHandle h);
 // The file's size in bytes, or -1.
 int64_t GetFileSize64(FileHandle h);
+// Makes the file's data and size durable (fsync). False on a failure.
+bool SyncFileHandle(FileHandle h);
+// Makes the names in `folder` durable (fsync of the folder), after files were made,
+// renamed or removed in it. False on a failure.
+bool SyncFolder(const std::string& folder);
 
 // Whether a file or folder exists.
 bool FileExists(const std::string& path);

@@ -1,0 +1,222 @@
+// The in-place merge over real program streams: every stream pack kept in order, the bytes
+// before the merge start untouched, groups and clocks as designed, one copy after two
+// merges, and a failed rewrite undone byte for byte.
+#include "ps_merge.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <cstring>
+
+#include "cache_test_util.h"
+#include "media/mqinfo_temp.h"
+#include "media/ps_pack_walker.h"
+#include "persist/cache_keys.h"
+#include "platform/access_reg.h"
+#include "platform/text.h"
+
+namespace marquel {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// An MPEG-2 pack of `size` bytes: header, one 0xFA packet holding `tag` and padding.
+Bytes DataPack(uint32_t tag, uint32_t size = 2048) {
+  Bytes p = {0, 0, 1, 0xBA, 0x44, 0, 4, 0, 4, 1, 1, 0x89, 0xC3, 0xF8};
+  const uint32_t payload = size - 14 - 6;
+  Bytes packet = {0, 0, 1, 0xFA, static_cast<uint8_t>(payload >> 8), static_cast<uint8_t>(payload)};
+  p.insert(p.end(), packet.begin(), packet.end());
+  p.resize(size, 0xFF);
+  std::memcpy(p.data() + 20, &tag, sizeof(tag));
+  return p;
+}
+
+std::string DataPackFile(uint32_t count, uint32_t first_tag = 0) {
+  const std::string path = test::TestPath("packs-" + std::to_string(first_tag) + ".bin");
+  Bytes all;
+  for (uint32_t i = 0; i < count; ++i) {
+    Bytes p = DataPack(first_tag + i);
+    all.insert(all.end(), p.begin(), p.end());
+  }
+  cachetest::WriteAll(path, all);
+  return path;
+}
+
+constexpr uint32_t kEndTag = 0xE0D0E0D0;
+
+struct Walk {
+  Bytes stream;                 // the stream packs, back to back
+  std::vector<uint32_t> tags;   // of the own packs, in order
+  std::vector<size_t> between;  // stream packs before each own pack since the previous one
+  std::vector<uint64_t> clocks;
+};
+
+Walk WalkFile(const std::string& path) {
+  Walk w;
+  Bytes bytes = cachetest::ReadAll(path);
+  FileHandle f = OpenRegularFile(path, GENERIC_READ);
+  PsPackWalker walker(f, 0, static_cast<int64_t>(bytes.size()), false);
+  PackSpan s;
+  size_t run = 0;
+  while (walker.Next(&s)) {
+    w.clocks.push_back(s.clock.Full());
+    if (!s.own_data) {
+      w.stream.insert(w.stream.end(), bytes.begin() + s.offset,
+                      bytes.begin() + s.offset + s.length);
+      ++run;
+      continue;
+    }
+    uint32_t tag;
+    std::memcpy(&tag, bytes.data() + s.offset + 20, sizeof(tag));
+    w.tags.push_back(tag);
+    w.between.push_back(run);
+    run = 0;
+  }
+  CloseFileHandle(f);
+  return w;
+}
+
+class PsMerge : public testing::Test {
+ protected:
+  int32_t Merge(const std::string& media, uint32_t count, int64_t keep_before,
+                PsMergeResult* result, uint32_t first_tag = 0) {
+    FileHandle m = OpenRegularFile(media, GENERIC_READ | GENERIC_WRITE);
+    FileHandle d = OpenRegularFile(DataPackFile(count, first_tag), GENERIC_READ);
+    PsMergeRequest r;
+    r.media_path = media;
+    r.media = m;
+    r.keep_before = keep_before < 0 ? GetFileSize64(m) : keep_before;
+    r.data_packs = d;
+    r.data_pack_count = count;
+    r.end_pack = [this](int64_t start, int64_t end, const PackClock&, Bytes* out) {
+      end_calls_.push_back({start, end});
+      if (on_end_) on_end_();
+      Bytes p = DataPack(kEndTag);
+      out->insert(out->end(), p.begin(), p.end());
+      return true;
+    };
+    int32_t rc = MergeIntoProgramStream(r, result);
+    CloseFileHandle(m);
+    CloseFileHandle(d);
+    return rc;
+  }
+  static std::string Folder() {
+    std::string folder;
+    GetMQInfoFolder(&folder);
+    return folder;
+  }
+  std::vector<std::pair<int64_t, int64_t>> end_calls_;
+  std::function<void()> on_end_;
+};
+
+TEST_F(PsMerge, KeepsEveryStreamPackInOrderAndTheBytesBeforeTheMergeStart) {
+  const std::string media = cachetest::CopyMedia("mpeg2ps_long.mpg", "long.mpg");
+  const Bytes before = cachetest::ReadAll(media);
+  PsMergeResult result;
+  ASSERT_EQ(Merge(media, 20, -1, &result), 1);
+  const Bytes after = cachetest::ReadAll(media);
+  ASSERT_GT(result.merge_start, 0) << "a long file is merged near its end";
+  EXPECT_TRUE(std::equal(before.begin(), before.begin() + result.merge_start, after.begin()));
+  EXPECT_EQ(static_cast<int64_t>(after.size()), result.new_size);
+  EXPECT_EQ(after.size(), before.size() + 21 * 2048u);
+  cachetest::WriteAll(test::TestPath("unchanged.mpg"), before);
+  const Walk old_walk = WalkFile(test::TestPath("unchanged.mpg"));
+  Walk w = WalkFile(media);
+  EXPECT_EQ(w.stream, old_walk.stream);
+  ASSERT_EQ(w.tags.size(), 21u);
+  for (uint32_t i = 0; i < 20; ++i) EXPECT_EQ(w.tags[i], i);
+  EXPECT_EQ(w.tags.back(), kEndTag);
+  for (size_t i = 1; i < 20; ++i) EXPECT_EQ(w.between[i], kMergeGroupStreamPacks) << i;
+  ASSERT_EQ(end_calls_.size(), 1u);
+  EXPECT_EQ(end_calls_[0].first, result.merge_start);
+  EXPECT_EQ(end_calls_[0].second, result.merged_end);
+  for (size_t i = 1; i + 1 < w.clocks.size(); ++i)
+    EXPECT_LE(w.clocks[i - 1], w.clocks[i]) << "clocks step forward at pack " << i;
+  AccessReg reg;
+  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
+                                            CacheSubKeyName(media)).c_str()));
+  EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty()) << "the backups are gone";
+}
+
+TEST_F(PsMerge, MergingAgainFromTheOldStartLeavesOneCopy) {
+  const std::string media = cachetest::CopyMedia("mpeg2ps_long.mpg", "twice.mpg");
+  const Walk original = WalkFile(media);
+  PsMergeResult first, second;
+  ASSERT_EQ(Merge(media, 20, -1, &first), 1);
+  ASSERT_EQ(Merge(media, 7, first.merge_start, &second, 100), 1);
+  EXPECT_LE(second.merge_start, first.merge_start);
+  Walk w = WalkFile(media);
+  EXPECT_EQ(w.stream, original.stream);
+  ASSERT_EQ(w.tags.size(), 8u);
+  for (uint32_t i = 0; i < 7; ++i) EXPECT_EQ(w.tags[i], 100 + i);
+  EXPECT_EQ(w.tags.back(), kEndTag);
+}
+
+TEST_F(PsMerge, AShortFileIsMergedFromItsFirstPack) {
+  const std::string media = cachetest::CopyMedia("mpeg2ps.mpg", "short.mpg");
+  const Walk original = WalkFile(media);
+  PsMergeResult result;
+  ASSERT_EQ(Merge(media, 200, -1, &result), 1);
+  EXPECT_EQ(result.merge_start, 0);
+  Walk w = WalkFile(media);
+  EXPECT_EQ(w.stream, original.stream);
+  ASSERT_EQ(w.tags.size(), 201u);
+  EXPECT_EQ(w.between.back(), 0u) << "the data packs left over follow one another";
+}
+
+TEST_F(PsMerge, TheRollBackRecordNamesBothBackupsAndTheStartWhileTheFileIsRewritten) {
+  const std::string media = cachetest::CopyMedia("mpeg2ps_long.mpg", "record.mpg");
+  const Bytes before = cachetest::ReadAll(media);
+  Bytes backups_joined;
+  int64_t offset = -1;
+  uint32_t type = 0;
+  on_end_ = [&] {
+    AccessReg reg;
+    ASSERT_TRUE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
+                                             CacheSubKeyName(media)).c_str()));
+    ASSERT_TRUE(reg.QueryDword("TYPE", &type));
+    uint32_t kind = 0;
+    Bytes buf;
+    ASSERT_TRUE(reg.QueryValue("BUF", &kind, &buf));
+    ASSERT_EQ(buf.size(), 1056u);
+    std::memcpy(&offset, buf.data() + 1040, sizeof(offset));
+    auto path_at = [&](size_t at) {
+      return WideRecordToUtf8(reinterpret_cast<const char16_t*>(buf.data() + at), 260);
+    };
+    backups_joined = cachetest::ReadAll(path_at(520));
+    Bytes tail = cachetest::ReadAll(path_at(0));
+    backups_joined.insert(backups_joined.end(), tail.begin(), tail.end());
+  };
+  PsMergeResult result;
+  ASSERT_EQ(Merge(media, 5, -1, &result), 1);
+  EXPECT_EQ(type, 1u);
+  EXPECT_EQ(offset, result.merge_start);
+  EXPECT_EQ(backups_joined, Bytes(before.begin() + offset, before.end()))
+      << "first backup then second rebuild the old bytes from the offset";
+}
+
+TEST_F(PsMerge, AFailedRewriteLeavesTheFileByteForByteAsItWas) {
+  const std::string media = cachetest::CopyMedia("mpeg2ps_long.mpg", "full.mpg");
+  const Bytes before = cachetest::ReadAll(media);
+  // A file-size limit just above the file: the backups fit, the grown file does not.
+  struct rlimit old_limit;
+  getrlimit(RLIMIT_FSIZE, &old_limit);
+  signal(SIGXFSZ, SIG_IGN);
+  struct rlimit limit = old_limit;
+  limit.rlim_cur = before.size() + 4096;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  PsMergeResult result;
+  const int32_t rc = Merge(media, 20, -1, &result);
+  setrlimit(RLIMIT_FSIZE, &old_limit);
+  signal(SIGXFSZ, SIG_DFL);
+  EXPECT_EQ(rc, -1);
+  EXPECT_EQ(cachetest::ReadAll(media), before);
+  AccessReg reg;
+  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
+                                            CacheSubKeyName(media)).c_str()));
+  EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty());
+}
+
+}  // namespace
+}  // namespace marquel
