@@ -116,7 +116,9 @@ bool ParseMQEndRecord(const uint8_t* bytes, int64_t record_offset, int64_t file_
 }
 
 std::optional<FoundMQEndRecord> FindMQEndRecordInTail(const uint8_t* tail, size_t size,
-                                                      int64_t tail_offset, int64_t file_size) {
+                                                      int64_t tail_offset, int64_t file_size,
+                                                      bool* damaged) {
+  if (damaged) *damaged = false;
   if (tail_offset < 0 || file_size < 0 || tail_offset + static_cast<int64_t>(size) != file_size)
     return std::nullopt;
   for (size_t at = 0; at + 4 <= size; ++at) {
@@ -124,26 +126,29 @@ std::optional<FoundMQEndRecord> FindMQEndRecordInTail(const uint8_t* tail, size_
     LastData last;
     if (!WalkToEnd(tail, size, at, &last)) continue;
     // The first walk that reaches the end decides: its last pack must end the data.
-    if (!last.in_last_pack || last.payload_end - last.payload_begin < kMQEndRecordSize)
-      return std::nullopt;
+    if (!last.in_last_pack) return std::nullopt;
+    if (damaged) *damaged = true;  // cleared again when the record holds
+    if (last.payload_end - last.payload_begin < kMQEndRecordSize) return std::nullopt;
     const size_t record_at = last.payload_end - kMQEndRecordSize;
     FoundMQEndRecord found;
     found.offset = tail_offset + static_cast<int64_t>(record_at);
     if (!ParseMQEndRecord(tail + record_at, found.offset, file_size, &found.record))
       return std::nullopt;
+    if (damaged) *damaged = false;
     return found;
   }
   return std::nullopt;
 }
 
-std::optional<FoundMQEndRecord> FindMQEndRecord(FileHandle file) {
+std::optional<FoundMQEndRecord> FindMQEndRecord(FileHandle file, bool* damaged) {
+  if (damaged) *damaged = false;
   const int64_t size = GetFileSize64(file);
   if (size <= 0) return std::nullopt;
   const size_t n = static_cast<size_t>(std::min<int64_t>(size, kMQEndRecordSearchBytes));
   std::vector<uint8_t> tail(n);
   const int64_t offset = size - static_cast<int64_t>(n);
   if (!ReadAllAt(file, static_cast<uint64_t>(offset), tail.data(), n)) return std::nullopt;
-  return FindMQEndRecordInTail(tail.data(), n, offset, size);
+  return FindMQEndRecordInTail(tail.data(), n, offset, size, damaged);
 }
 
 }  // namespace marquel

@@ -133,6 +133,13 @@ TEST(MQEndRecord, ADamagedRecordYieldsNothing) {
   Bytes b = file;
   b[static_cast<size_t>(found->offset) + 30] = 0;  // the -1
   EXPECT_FALSE(Find(b).has_value());
+  bool damaged = false;
+  EXPECT_FALSE(
+      FindMQEndRecordInTail(b.data(), b.size(), 0, static_cast<int64_t>(b.size()), &damaged));
+  EXPECT_TRUE(damaged);
+  EXPECT_TRUE(FindMQEndRecordInTail(file.data(), file.size(), 0, static_cast<int64_t>(file.size()),
+                                    &damaged));
+  EXPECT_FALSE(damaged);
 }
 
 TEST(MQEndRecord, FinderReadsOnlyTheEndOfTheFile) {

@@ -55,11 +55,14 @@ constexpr size_t kMQEndRecordSearchBytes = 4 * 2324;
 // lengths) run exactly to the end of the file; the last pack must carry a 0xFA packet,
 // and the last 36 bytes of the last such packet's payload must be a valid end record.
 // Nothing is returned otherwise: a damaged last pack means no data, never an older copy.
+// *damaged (when given) tells whether the file ends in whole packs whose last one carries
+// a 0xFA packet, but without a valid record: data of ours that cannot be trusted.
 std::optional<FoundMQEndRecord> FindMQEndRecordInTail(const uint8_t* tail, size_t size,
-                                                      int64_t tail_offset, int64_t file_size);
+                                                      int64_t tail_offset, int64_t file_size,
+                                                      bool* damaged = nullptr);
 
 // Reads at most the last kMQEndRecordSearchBytes of the open file in one read and looks
 // for the end record there (FindMQEndRecordInTail). The file position is left anywhere.
-std::optional<FoundMQEndRecord> FindMQEndRecord(FileHandle file);
+std::optional<FoundMQEndRecord> FindMQEndRecord(FileHandle file, bool* damaged = nullptr);
 
 }  // namespace marquel
