@@ -15,8 +15,7 @@ namespace {
 // Closes the media file on every way out of the open.
 class OpenMediaFile {
  public:
-  explicit OpenMediaFile(const std::string& path)
-      : handle_(OpenRegularFile(path, GENERIC_READ)) {}
+  explicit OpenMediaFile(const std::string& path) : handle_(OpenRegularFile(path, GENERIC_READ)) {}
   ~OpenMediaFile() {
     if (handle_ != kInvalidFileHandle) CloseFileHandle(handle_);
   }
@@ -30,10 +29,6 @@ class OpenMediaFile {
 
 int MarquelOneFile::LoadExisting(int32_t nType, int32_t bLoad, int32_t bQueryOnly) {
   return SessionSteps::OpenExisting(*this, nType, bLoad, bQueryOnly);
-}
-
-MQDataInFile MarquelOneFile::CheckMQDataInFile(FileHandle /*file*/) {
-  return MQDataInFile{};
 }
 
 void SessionSteps::TakeFileAttributes(MarquelOneFile& f) {
@@ -181,17 +176,22 @@ void SessionSteps::OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t
   if (bLoad) {
     MQOneProgram& program = *f.Program(0);
     if (read_file && in_file.has_data) {
-      int32_t r =
-          ReadBlockFromProgramStream(program, file, f.file_type_, in_file.start_address, f.handle_);
+      int32_t r = in_file.block_in_buffers
+                      ? 1
+                      : ReadBlockFromProgramStream(program, file, f.file_type_,
+                                                   in_file.start_address, f.handle_);
       MQ_LOG("[%d] read from file %d", f.handle_, r);
       f.m_bMQExisted = r == 1 ? 1 : 0;
       if (r != 1) f.read_from_file_ok_ = 0;
+    } else if (in_file.block_in_buffers) {
+      program.ReleaseBuffers();  // checked, but the cache wins
     }
     if (f.m_bMQExisted == 0 && in_registry) {
       f.m_bMQExisted = LoadCacheFile(f, program, entry.temp.cache_path);
       MQ_LOG("[%d] read from registry %d", f.handle_, f.m_bMQExisted);
     }
   }
+  if (!bLoad && in_file.block_in_buffers) f.Program(0)->ReleaseBuffers();
   if (in_file.has_data) {
     f.mq_start_address_ = in_file.start_address;
     f.identity_[0] = in_file.identity[0];

@@ -51,16 +51,19 @@ std::string OnlyEntryCacheFile(CacheKind kind) {
   return entries.empty() ? std::string() : entries[0].FirstCacheFile();
 }
 
-TEST(SessionOpen, InFileCheckAnswersNone_PendingInFileData) {
+TEST(SessionOpen, InFileCheckOfAStreamWithoutDataAnswersNone) {
   std::string path = CopyMedia("mpeg2ps.mpg", "a.mpg");
   InFileSession f;
   f.SetFileName(path);
+  ASSERT_EQ(f.Open(0, 0, 0), 1);
+  ASSERT_EQ(f.FileType(), 2);
   FileHandle h = OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
                                 kInvalidFileHandle);
   ASSERT_NE(h, kInvalidFileHandle);
   MQDataInFile found = f.RealCheck(h);
   CloseFileHandle(h);
   EXPECT_FALSE(found.has_data);
+  EXPECT_FALSE(found.block_in_buffers);
   EXPECT_EQ(found.start_address, -1);
   EXPECT_TRUE(found.programs.empty());
 }
