@@ -156,9 +156,12 @@ void SessionSteps::OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t
   bool read_file = false;
   if (in_file.has_data && in_registry) {
     // Both: the newer one wins. The registry keeps the media file's modification time of
-    // when the cache was written; a file changed since then carries newer data.
-    FileStatusRecord status;
-    int64_t file_time = FileStatus(f.file_name_, &status) == 0 ? status.mtime : 0;
+    // when the cache was written, and the end record the time the file had before our
+    // packs were added. Writing the packs changes the file's own time, and it is not set
+    // back, so the record's time stands for the file's: a cache written after the file's
+    // data was read carries that same time and wins, and nothing newer is lost to the
+    // older copy in the file.
+    int64_t file_time = static_cast<int64_t>(in_file.identity[1]);
     int64_t reg_time = entry.temp.original_mtime;
     MQ_LOG("[%d] Check file time %" PRId64 ", reg time %" PRId64, f.handle_, file_time, reg_time);
     f.data_source_ = file_time >= reg_time ? kSourceMediaFile : kSourceRegistry;

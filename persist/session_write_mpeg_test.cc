@@ -344,6 +344,31 @@ TEST(InFileCheck, FileAndCacheTogetherCompareTheirTimes) {
   EXPECT_EQ(PlainSamples(*g, 0), Expected(6, 100));
 }
 
+// The file's data is read, more tags are added and the close caches them: that cache is
+// newer than the data in the file, although the file's own time is later than both.
+TEST(InFileCheck, ACacheWrittenAfterTheFileDataWinsOverIt) {
+  std::string path = CopyMedia("mpeg2ps.mpg", "a.mpg");
+  {
+    auto f = Open(path);
+    Tag(*f, 1, 100);
+    ASSERT_EQ(WriteInto(*f, FileSize(path), 1700000000), 1);
+  }
+  std::vector<std::pair<int64_t, int32_t>> both;
+  {
+    auto g = Open(path);
+    ASSERT_EQ(g->DataSource(), kSourceMediaFile);
+    Tag(*g, 8, 10);
+    both = PlainSamples(*g, 0);
+    ASSERT_GT(both.size(), 100u);
+    ASSERT_EQ(g->WriteToFile(1), 1);
+  }
+  LogCapture log;
+  auto h = Open(path);
+  EXPECT_TRUE(log.Has("[3] Check file time 1700000000, reg time 1700000000"));
+  EXPECT_TRUE(log.Has("[3] read from registry 1"));
+  EXPECT_EQ(PlainSamples(*h, 0), both);
+}
+
 TEST(GenerateMQTempMPEGData, WritesThePackStreamWithoutAnEndRecord) {
   std::string path = CopyMedia("svcd.mpg", "a.mpg");
   auto f = Open(path);
