@@ -15,8 +15,7 @@ namespace {
 // Closes the media file on every way out of the open.
 class OpenMediaFile {
  public:
-  explicit OpenMediaFile(const std::string& path)
-      : handle_(OpenRegularFile(path, GENERIC_READ)) {}
+  explicit OpenMediaFile(const std::string& path) : handle_(OpenRegularFile(path, GENERIC_READ)) {}
   ~OpenMediaFile() {
     if (handle_ != kInvalidFileHandle) CloseFileHandle(handle_);
   }
@@ -30,10 +29,6 @@ class OpenMediaFile {
 
 int MarquelOneFile::LoadExisting(int32_t nType, int32_t bLoad, int32_t bQueryOnly) {
   return SessionSteps::OpenExisting(*this, nType, bLoad, bQueryOnly);
-}
-
-MQDataInFile MarquelOneFile::CheckMQDataInFile(FileHandle /*file*/) {
-  return MQDataInFile{};
 }
 
 void SessionSteps::TakeFileAttributes(MarquelOneFile& f) {
@@ -161,9 +156,12 @@ void SessionSteps::OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t
   bool read_file = false;
   if (in_file.has_data && in_registry) {
     // Both: the newer one wins. The registry keeps the media file's modification time of
-    // when the cache was written; a file changed since then carries newer data.
-    FileStatusRecord status;
-    int64_t file_time = FileStatus(f.file_name_, &status) == 0 ? status.mtime : 0;
+    // when the cache was written, and the end record the time the file had before our
+    // packs were added. Writing the packs changes the file's own time, and it is not set
+    // back, so the record's time stands for the file's: a cache written after the file's
+    // data was read carries that same time and wins, and nothing newer is lost to the
+    // older copy in the file.
+    int64_t file_time = static_cast<int64_t>(in_file.identity[1]);
     int64_t reg_time = entry.temp.original_mtime;
     MQ_LOG("[%d] Check file time %" PRId64 ", reg time %" PRId64, f.handle_, file_time, reg_time);
     f.data_source_ = file_time >= reg_time ? kSourceMediaFile : kSourceRegistry;
@@ -181,17 +179,22 @@ void SessionSteps::OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t
   if (bLoad) {
     MQOneProgram& program = *f.Program(0);
     if (read_file && in_file.has_data) {
-      int32_t r =
-          ReadBlockFromProgramStream(program, file, f.file_type_, in_file.start_address, f.handle_);
+      int32_t r = in_file.block_in_buffers
+                      ? 1
+                      : ReadBlockFromProgramStream(program, file, f.file_type_,
+                                                   in_file.start_address, f.handle_);
       MQ_LOG("[%d] read from file %d", f.handle_, r);
       f.m_bMQExisted = r == 1 ? 1 : 0;
       if (r != 1) f.read_from_file_ok_ = 0;
+    } else if (in_file.block_in_buffers) {
+      program.ReleaseBuffers();  // checked, but the cache wins
     }
     if (f.m_bMQExisted == 0 && in_registry) {
       f.m_bMQExisted = LoadCacheFile(f, program, entry.temp.cache_path);
       MQ_LOG("[%d] read from registry %d", f.handle_, f.m_bMQExisted);
     }
   }
+  if (!bLoad && in_file.block_in_buffers) f.Program(0)->ReleaseBuffers();
   if (in_file.has_data) {
     f.mq_start_address_ = in_file.start_address;
     f.identity_[0] = in_file.identity[0];

@@ -51,16 +51,19 @@ std::string OnlyEntryCacheFile(CacheKind kind) {
   return entries.empty() ? std::string() : entries[0].FirstCacheFile();
 }
 
-TEST(SessionOpen, InFileCheckAnswersNone_PendingInFileData) {
+TEST(SessionOpen, InFileCheckOfAStreamWithoutDataAnswersNone) {
   std::string path = CopyMedia("mpeg2ps.mpg", "a.mpg");
   InFileSession f;
   f.SetFileName(path);
+  ASSERT_EQ(f.Open(0, 0, 0), 1);
+  ASSERT_EQ(f.FileType(), 2);
   FileHandle h = OpenFileHandle(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
                                 kInvalidFileHandle);
   ASSERT_NE(h, kInvalidFileHandle);
   MQDataInFile found = f.RealCheck(h);
   CloseFileHandle(h);
   EXPECT_FALSE(found.has_data);
+  EXPECT_FALSE(found.block_in_buffers);
   EXPECT_EQ(found.start_address, -1);
   EXPECT_TRUE(found.programs.empty());
 }
@@ -384,14 +387,17 @@ std::string MediaWithBlock(int32_t seed, int64_t* start) {
   return path;
 }
 
-std::unique_ptr<InFileSession> OpenWithInFile(const std::string& path, int64_t start) {
+// A session whose in-file check answers data at `start`, with the end record's time
+// `record_time`, which is what the open compares with the registry's time.
+std::unique_ptr<InFileSession> OpenWithInFile(const std::string& path, int64_t start,
+                                              int64_t record_time = 1234) {
   auto f = std::make_unique<InFileSession>();
   f->SetHandle(6);
   f->SetFileName(path);
   f->in_file.has_data = true;
   f->in_file.start_address = start;
   f->in_file.identity[0] = static_cast<uint64_t>(start);
-  f->in_file.identity[1] = 1234;
+  f->in_file.identity[1] = static_cast<uint64_t>(record_time);
   EXPECT_GE(f->Open(0, 1, 0), 0);
   return f;
 }
@@ -430,10 +436,9 @@ TEST(SessionOpenSources, FileOnlyIsReadFromTheFile) {
 TEST(SessionOpenSources, NewerFileWinsOverTheRegistry) {
   int64_t start = 0;
   std::string path = MediaWithBlock(21, &start);
-  SetMTime(path, 2000000000);
   TempEntryAt(path, 30, 1900000000);
   LogCapture log;
-  auto f = OpenWithInFile(path, start);
+  auto f = OpenWithInFile(path, start, 2000000000);
   EXPECT_TRUE(log.Has("[6] check MQ data: org file 1, registry 1"));
   EXPECT_TRUE(log.Has("[6] Check file time 2000000000, reg time 1900000000"));
   EXPECT_EQ(f->DataSource(), 1);
@@ -443,10 +448,10 @@ TEST(SessionOpenSources, NewerFileWinsOverTheRegistry) {
 TEST(SessionOpenSources, EqualTimesKeepSourceFileButLoadTheRegistry) {
   int64_t start = 0;
   std::string path = MediaWithBlock(21, &start);
-  SetMTime(path, 1900000000);
+  SetMTime(path, 2100000000);  // the file's own time, changed by the write, does not count
   TempEntryAt(path, 30, 1900000000);
   LogCapture log;
-  auto f = OpenWithInFile(path, start);
+  auto f = OpenWithInFile(path, start, 1900000000);
   EXPECT_EQ(f->DataSource(), 1);
   EXPECT_FALSE(log.Has("read from file"));
   EXPECT_TRUE(log.Has("[6] read from registry 1"));
@@ -456,9 +461,8 @@ TEST(SessionOpenSources, EqualTimesKeepSourceFileButLoadTheRegistry) {
 TEST(SessionOpenSources, OlderFileLeavesItToTheRegistry) {
   int64_t start = 0;
   std::string path = MediaWithBlock(21, &start);
-  SetMTime(path, 1800000000);
   TempEntryAt(path, 30, 1900000000);
-  auto f = OpenWithInFile(path, start);
+  auto f = OpenWithInFile(path, start, 1800000000);
   EXPECT_EQ(f->DataSource(), 2);
   EXPECT_EQ(PlainSamples(*f, 0), Expected(30, 7));
   EXPECT_EQ(f->MQStartAddress(), start) << "the position still comes from the file";
@@ -467,16 +471,14 @@ TEST(SessionOpenSources, OlderFileLeavesItToTheRegistry) {
 TEST(SessionOpenSources, UnreadableBlockInTheFileFallsBackToTheRegistry) {
   int64_t start = 0;
   std::string path = MediaWithBlock(21, &start);
-  SetMTime(path, 2000000000);
   TempEntryAt(path, 30, 1900000000);
   // Damage the tag-id stream: after the pack header (14), the packet header (9) and the
   // block header (26).
   Bytes media = ReadAll(path);
   media[static_cast<size_t>(start) + 14 + 9 + 26] ^= 0xFF;
   cachetest::WriteAll(path, media);
-  SetMTime(path, 2000000000);
   LogCapture log;
-  auto f = OpenWithInFile(path, start);
+  auto f = OpenWithInFile(path, start, 2000000000);
   EXPECT_TRUE(log.Has("[6] read from file 0"));
   EXPECT_TRUE(log.Has("[6] read from registry 1"));
   EXPECT_EQ(PlainSamples(*f, 0), Expected(30, 7));

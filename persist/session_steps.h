@@ -37,6 +37,10 @@ class SessionSteps {
   static int64_t BlockSize(MarquelOneFile& f);
   // Deletes the temp-cache entry `previousKey` names, when it names one, with its files.
   static void DropTakenOverTempEntry(const std::string& previousKey);
+  // Writes the program's finalised block to a new cache file and names it in the temp
+  // cache entry of the file, with the fingerprint read from `media` and the session's
+  // identity words (session_write_file.cc). 1, 0 when the entry cannot be written, or -1.
+  static int32_t WriteTempCache(MarquelOneFile& f, MQOneProgram& program, FileHandle media);
   // Whether the media file's path fits a cache record; logs the refusal when not.
   static bool PathFitsRecords(MarquelOneFile& f);
 

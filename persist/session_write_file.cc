@@ -66,43 +66,49 @@ int32_t MarquelOneFile::WriteToFile(int32_t bCache) {
 
   int32_t result = 0;
   if (bCache != 0) {
-    if (!SessionSteps::PathFitsRecords(*this)) return -1;
     if (program->m_ptpHeader == nullptr) {
       program->FlushAllMemoryBlocks();
       WriteProgramBlock(*program);
     }
-    ContentSample sample = ReadContentSample(media.h);
-    CacheWriteLock lock;  // until the store names the new file
-    std::string cache_path;
-    bool made = MakeCacheFile(&cache_path);
-    MQ_LOG("[%d] create temp file %s (%s)", handle_, made ? "success" : "fail", cache_path.c_str());
-    if (!made) return -1;
-    CacheBlockWriter write = [program](size_t, FileHandle file) {
-      return WriteProgramBlockToFile(*program, file);
-    };
-    if (WriteBlockFile(cache_path, 0, write) != 1) return -1;
-    TempCacheRecord record;
-    record.media_path = file_name_;
-    record.original_size = identity_[0];
-    record.original_mtime = static_cast<int64_t>(identity_[1]);
-    record.content_word = sample.first_word;
-    record.content_crc = sample.crc;
-    record.cache_path = cache_path;
-    result = WriteTempCacheEntry(record, sample.crc);
-    MQ_LOG("[%d] WriteToTempRegistry return %d", handle_, result);
-    if (result == 1) {
-      cache_file_path_ = cache_path;
-      cache_entry_key_ = CacheEntryKeyPath(CacheKind::kTemp, CacheSubKeyName(file_name_));
-    } else {
-      RemoveFile(cache_path);  // the store does not name it
-    }
+    result = SessionSteps::WriteTempCache(*this, *program, media.h);
   } else {
     result =
         WriteMPEGFile(media.h, mq_start_address_, static_cast<int64_t>(identity_[1]), identity_[0]);
     MQ_LOG("[%d] WriteMPEGFile return %d", handle_, result);
   }
-  if (result == 0) return -1;
+  // Only 1 means kept: the direct write's fallback can answer 0 as well.
+  if (result != 1) return -1;
   return forced_read ? 2 : 1;
+}
+
+int32_t SessionSteps::WriteTempCache(MarquelOneFile& f, MQOneProgram& program, FileHandle media) {
+  if (!PathFitsRecords(f)) return -1;
+  ContentSample sample = ReadContentSample(media);
+  CacheWriteLock lock;  // until the store names the new file
+  std::string cache_path;
+  bool made = MakeCacheFile(&cache_path);
+  MQ_LOG("[%d] create temp file %s (%s)", f.handle_, made ? "success" : "fail", cache_path.c_str());
+  if (!made) return -1;
+  CacheBlockWriter write = [&program](size_t, FileHandle file) {
+    return WriteProgramBlockToFile(program, file);
+  };
+  if (WriteBlockFile(cache_path, 0, write) != 1) return -1;
+  TempCacheRecord record;
+  record.media_path = f.file_name_;
+  record.original_size = f.identity_[0];
+  record.original_mtime = static_cast<int64_t>(f.identity_[1]);
+  record.content_word = sample.first_word;
+  record.content_crc = sample.crc;
+  record.cache_path = cache_path;
+  int32_t result = WriteTempCacheEntry(record, sample.crc);
+  MQ_LOG("[%d] WriteToTempRegistry return %d", f.handle_, result);
+  if (result == 1) {
+    f.cache_file_path_ = cache_path;
+    f.cache_entry_key_ = CacheEntryKeyPath(CacheKind::kTemp, CacheSubKeyName(f.file_name_));
+  } else {
+    RemoveFile(cache_path);  // the store does not name it
+  }
+  return result;
 }
 
 }  // namespace marquel

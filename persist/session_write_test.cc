@@ -15,6 +15,7 @@
 #include "persist/result_codes.h"
 #include "platform/access_reg.h"
 #include "session_test_util.h"
+#include "tags/block_program.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel {
@@ -87,7 +88,22 @@ TEST(WriteToFile, ShortFileKeepsTheCountOfBytesReadAsItsContentWord) {
   EXPECT_EQ(entries[0].temp.original_size, 3174u);
 }
 
-TEST(WriteToFile, DirectWriteIsLeftToTheInFileWriters) {
+TEST(WriteToFile, DirectWritePutsTheDataIntoTheMediaFile) {
+  std::string path = CopyMedia("mpeg2ps.mpg", "a.mpg");
+  auto f = OpenSession(path);
+  InsertSamples(*f, 0, 1, 5);
+  f->Program(0)->FlushAllMemoryBlocks();
+  ASSERT_EQ(WriteProgramBlock(*f->Program(0)), 1);
+  LogCapture log;
+  EXPECT_EQ(f->WriteToFile(0), 1);
+  EXPECT_TRUE(log.Has("[3] WriteMPEGFile return 1"));
+  EXPECT_TRUE(ListCacheEntries(CacheKind::kTemp).empty());
+  auto g = OpenSession(path);
+  EXPECT_EQ(g->DataSource(), kSourceMediaFile);
+  EXPECT_EQ(sessiontest::PlainSamples(*g, 0), sessiontest::Expected(1, 5));
+}
+
+TEST(WriteToFile, DirectWriteWithoutABlockFails) {
   auto f = OpenSession(CopyMedia("mpeg2ps.mpg", "a.mpg"));
   InsertSamples(*f, 0, 1, 5);
   LogCapture log;

@@ -33,6 +33,9 @@ struct MQDataInFile {
   // The identity words recorded with the data: the original size of the file before the
   // data was added, and its modification time then.
   uint64_t identity[2] = {0, 0};
+  // Program streams: the check has read the block into program 0's buffers (with its
+  // CRCs checked), so the open takes it from there instead of reading it again.
+  bool block_in_buffers = false;
   // Transport streams: the programs that carry data, in order.
   std::vector<InFileProgram> programs;
 };

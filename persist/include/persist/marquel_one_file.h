@@ -125,16 +125,35 @@ class MarquelOneFile {
   int32_t TsProgramsKnown() const { return ts_programs_known_; }
 
  protected:
-  // The in-file check: whether the open media file carries MQ data, where, and with
-  // which identity words. It belongs to the in-file writers; until they provide it the
-  // answer is "none".
+  // The in-file check (session_in_file.cc): whether the open media file carries MQ data,
+  // where, and with which identity words. For program streams (format codes 1 to 5) the
+  // end record is looked for at the file's end (media/mq_end_record.h); the file has data
+  // only when the record holds and the block at its start address reads back with every
+  // CRC right, into program 0's buffers. The identity words are the record's original
+  // size and time. A damaged record or block is logged and answered "none".
   virtual MQDataInFile CheckMQDataInFile(FileHandle file);
-  // Writes the program's block into the media file open for reading and writing, at the
-  // MQ start address. Non-zero on success. It belongs to the in-file writers; until they
-  // provide it nothing is written and the answer is 0.
+  // Writes program 0's finalised block into the media file open for reading and writing
+  // (session_write_mpeg.cc): the stream's last clock is read from the 64 KiB before
+  // `startAddress`, the file is cut there (which removes the data of an earlier write),
+  // and the block follows as 0xFA packs of the format's size, closed by the end record
+  // (startAddress, originalMTime, originalSize, -1), and synced to the disk. Returns 1
+  // when the data is in the file. 0 when nothing was written (no program or block, no
+  // buffers, a negative address, a failed cut). When the address is not where the file's
+  // own data begins, or a write fails (the file is then cut back to the address), the
+  // block goes to the temp cache instead and that writer's answer is returned: 1 kept
+  // there, else 0 or -1.
   virtual int32_t WriteMPEGFile(FileHandle file, int64_t startAddress, int64_t originalMTime,
                                 uint64_t originalSize);
 
+ public:
+  // Writes program 0's finalised block as a pack stream of its own into `out` from offset
+  // 0, packs of the format's size with `muxRate` and a zero clock, without an end record
+  // (the in-place interleave merges it into the media file). Returns 1 when the stream
+  // is written and synced, or when there is no block to write; 0 when the muxer cannot be
+  // made or a write fails.
+  int32_t GenerateMQTempMPEGData(FileHandle out, uint32_t muxRate);
+
+ protected:
   std::string cache_file_path_;
   std::string cache_entry_key_;
   int32_t ts_programs_known_ = 0;
