@@ -108,7 +108,10 @@ bool ParseMQEndRecord(const uint8_t* bytes, int64_t record_offset, int64_t file_
   r.original_mtime = static_cast<int64_t>(GetBE64(bytes + 12));
   r.original_size = GetBE64(bytes + 20);
   r.last = static_cast<int64_t>(GetBE64(bytes + 28));
-  if (r.last != -1 || r.start_address < 0) return false;
+  // The last field is -1 after an append, or the end of the merged region after an
+  // in-place merge: past the start and not after the record.
+  const bool merged = r.last > r.start_address && r.last <= record_offset;
+  if ((r.last != -1 && !merged) || r.start_address < 0) return false;
   if (r.start_address >= file_size || r.start_address >= record_offset) return false;
   if (r.original_size < static_cast<uint64_t>(r.start_address)) return false;
   *out = r;

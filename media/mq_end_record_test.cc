@@ -88,6 +88,21 @@ TEST(MQEndRecord, ParseRefusesEveryBrokenField) {
   EXPECT_FALSE(ParseMQEndRecord(b.data(), 3000, 4000, &out));
 }
 
+TEST(MQEndRecord, AMergedRecordKeepsTheRegionsEndInItsLastField) {
+  MQEndRecord merged = Record(1000);
+  merged.last = 2500;
+  Bytes b(36);
+  SerialiseMQEndRecord(merged, b.data());
+  MQEndRecord out;
+  ASSERT_TRUE(ParseMQEndRecord(b.data(), 3000, 4000, &out));
+  EXPECT_EQ(out.last, 2500);
+  EXPECT_TRUE(ParseMQEndRecord(b.data(), 2500, 4000, &out)) << "the region may end at the record";
+  EXPECT_FALSE(ParseMQEndRecord(b.data(), 2400, 4000, &out)) << "an end after the record";
+  merged.last = 1000;
+  SerialiseMQEndRecord(merged, b.data());
+  EXPECT_FALSE(ParseMQEndRecord(b.data(), 3000, 4000, &out)) << "an end not past the start";
+}
+
 TEST(MQEndRecord, FinderFindsTheRecordOfEveryMuxerType) {
   for (int32_t type : {1, 2, 3, 4, 5, 6}) {
     for (size_t payload : {0u, 1u, 2025u, 2244u, 2288u, 2290u, 20000u}) {

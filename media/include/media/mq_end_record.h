@@ -10,7 +10,8 @@
 //   offset 4   8 bytes  MQ start address (signed)
 //   offset 12  8 bytes  the media file's modified time before the data was added
 //   offset 20  8 bytes  the media file's size before the data was added
-//   offset 28  8 bytes  -1
+//   offset 28  8 bytes  -1 after an append; after an in-place merge, where the merged
+//                       region ends
 #pragma once
 
 #include <cstddef>
@@ -34,9 +35,10 @@ struct MQEndRecord {
 void SerialiseMQEndRecord(const MQEndRecord& record, uint8_t* out);
 
 // Reads 36 bytes as an end record and checks them against a file of `file_size` bytes in
-// which the record begins at `record_offset`: the marker 00 00 01 FF, the last field -1,
+// which the record begins at `record_offset`: the marker 00 00 01 FF,
 // a start address from 0 up to (not including) the record's offset and the file size, and
-// an original size not below the start address. False when any check fails.
+// an original size not below the start address; the last field -1, or past the start
+// address and not after the record. False when any check fails.
 bool ParseMQEndRecord(const uint8_t* bytes, int64_t record_offset, int64_t file_size,
                       MQEndRecord* out);
 
