@@ -62,12 +62,23 @@ HRESULT CMQInterface::CacheRename(const std::string& wOriFileName, const std::st
   return R1(marquel::CacheRename(wOriFileName, wNewFileName, nFileType));
 }
 
-// The move of cached data belongs to the close policy; until the session offers it, a
-// file has nothing to move, which the move answers with 1.
+// The move on a session of its own (-5203). The move's 1 covers both "moved" and "nothing
+// was moved" (no cache, a format or volume that cannot take it); the client hears S_OK
+// only when its tags are in the file now, and S_FALSE when they stay where they were. A
+// file that a session holds open is not moved under it: S_FALSE too.
 HRESULT CMQInterface::MoveCacheDataToOrgFile(const std::string& wOriFileName) {
   MQ_LOG("CMQInterface::MoveCacheDataToOrgFile(%s)", wOriFileName.c_str());
   if (!IsAbsoluteFileName(wOriFileName)) return E_INVALIDARG;
-  return R1(1);
+  if (ctrl_->FindFile(wOriFileName) >= 0) {
+    MQ_LOG("CMQInterface::MoveCacheDataToOrgFile: %s is open, not moved", wOriFileName.c_str());
+    return S_FALSE;
+  }
+  auto session = std::make_unique<MarquelOneFile>();
+  session->SetHandle(MarquelOneFile::kDetachedSessionNumber);
+  bool moved = false;
+  const int32_t result = session->MoveCacheDataToOrgFile(wOriFileName, 1, &moved);
+  if (result == -1) return E_FAIL;
+  return moved ? S_OK : S_FALSE;
 }
 
 // --- IMarquelEx ----------------------------------------------------------------------

@@ -211,7 +211,8 @@ int32_t MergeIntoProgramStream(const PsMergeRequest& r, PsMergeResult* result) {
   }
   MQ_LOG("[%d] ProcessMQInterLeave: backups and roll-back record synced in %.1f ms", r.session,
          MillisecondsSince(started));
-  if (!Rewrite(r, plan, backups, result)) {
+  if (!Rewrite(r, plan, backups, result) || (r.verify && !r.verify(plan.start))) {
+    MQ_LOG("[%d] ProcessMQInterLeave: the merge of '%s' failed", r.session, r.media_path.c_str());
     UndoRewrite(r, plan, backups);
     return -1;
   }

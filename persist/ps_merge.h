@@ -37,6 +37,9 @@ struct PsMergeRequest {
   uint32_t data_pack_size = 2048;
   int64_t data_pack_count = 0;
   MergeEndPackFn end_pack;
+  // Reads the data back from the merge start once the file is rewritten and synced; a
+  // false answer undoes the merge. None: no check.
+  std::function<bool(int64_t mergeStart)> verify;
   int32_t session = 0;  // the number of the log lines
 };
 

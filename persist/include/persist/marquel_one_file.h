@@ -116,6 +116,23 @@ class MarquelOneFile {
   int32_t ForceDeleteCacheData(const std::string& path);
   // Whether at least one program store holds a tag.
   bool HasTags();
+
+  // --- Moving cached data into the media file (session_migrate.cc) ------------------
+
+  // Moves the temp-cached tags of the program stream `path` into the file itself
+  // (ProcessMQInterLeave). Returns 1 when they were moved (*moved true), and also when
+  // there was nothing to move or the file cannot take them: a format other than MPEG-2
+  // and SVCD, no cache entry, or a predicted size strictly above its FAT volume's limit
+  // (the data then stays in its cache). -1 when the move failed: a missing or unreadable
+  // file, no owner write permission, a transport stream (not supported yet), or a failed
+  // merge, which leaves the file as it was. bRemoveCache non-zero removes the cache
+  // entry and its file after a move.
+  int32_t MoveCacheDataToOrgFile(const std::string& path, int32_t bRemoveCache,
+                                 bool* moved = nullptr);
+  // Merges program 0's block into the media file in place from the MQ start address
+  // back (persist/ps_merge.h), and reads it back from the file before it counts. 1, or
+  // -1 with the file as it was.
+  int32_t ProcessMQInterLeave(int32_t bHasMQ);
   // The cache file and the cache entry key (under the current user's root) the open
   // found or the close wrote; empty when none.
   const std::string& CacheFilePath() const { return cache_file_path_; }
@@ -174,6 +191,8 @@ class MarquelOneFile {
 
  private:
   friend class SessionSteps;  // the open and close steps (session_steps.h)
+  int32_t MoveIntoProgramStream(FileHandle file, const FileStatusRecord& status, int64_t limit,
+                                int32_t bRemoveCache, bool* moved);
   void MakeProgramZero();
 
   int32_t handle_ = -1;

@@ -1,0 +1,92 @@
+// MarquelOneFile::ProcessMQInterLeave: program 0's block merged into the program-stream
+// file in place (persist/ps_merge.h), checked by reading it back before it counts.
+#include <cinttypes>
+#include <memory>
+
+#include "log/log.h"
+#include "media/mq_end_record.h"
+#include "media/mq_pack_muxer.h"
+#include "persist/block_from_media.h"
+#include "persist/marquel_one_file.h"
+#include "platform/temp_folders.h"
+#include "ps_merge.h"
+
+namespace marquel {
+namespace {
+
+// A file of the process's temporary folder, removed with the object.
+struct TempPackFile {
+  std::string path;
+  FileHandle h = kInvalidFileHandle;
+  bool Make() {
+    const std::string folder = ProcessTempFolder();
+    if (folder.empty() || MakeTempFileName(folder, "MQP", 0, &path) == 0) return false;
+    h = OpenRegularFile(path, GENERIC_READ | GENERIC_WRITE);
+    return h != kInvalidFileHandle;
+  }
+  ~TempPackFile() {
+    if (h != kInvalidFileHandle) CloseFileHandle(h);
+    if (!path.empty()) RemoveFile(path);
+  }
+};
+
+// The closing pack: the muxer of the format flushed with the merge's end record, at the
+// stream's mux rate and the last clock of the merged region.
+MergeEndPackFn EndPackMaker(int32_t format, uint32_t muxRate, int64_t mtime, uint64_t size) {
+  return [=](int64_t start, int64_t end, const PackClock& clock, std::vector<uint8_t>* out) {
+    auto muxer = std::make_unique<MQPackMuxer>();
+    if (!muxer->SetType(MQPackMuxer::TypeForFormat(format)) || muxer->Initialise(0) == 0)
+      return false;
+    muxer->SetStreamId(0xFA);
+    if (muxRate != 0) muxer->SetMuxRate(muxRate);
+    muxer->SetClock(clock.base, clock.ext);
+    MQEndRecord record{start, mtime, size, end};
+    if (muxer->Flush(&record) == 0) return false;
+    const size_t n = muxer->OutputCount();
+    const size_t at = out->size();
+    out->resize(at + n);
+    return muxer->TakeOutput(out->data() + at, n) == n;
+  };
+}
+
+}  // namespace
+
+int32_t MarquelOneFile::ProcessMQInterLeave(int32_t bHasMQ) {
+  MQ_LOG("[%d] ProcessMQInterLeave, bHasMQ %d, mq start address %" PRId64
+         ", duration address %" PRId64 ", original time %" PRId64,
+         handle_, bHasMQ, mq_start_address_, static_cast<int64_t>(identity_[0]),
+         static_cast<int64_t>(identity_[1]));
+  FileHandle media = OpenRegularFile(file_name_, GENERIC_READ | GENERIC_WRITE);
+  if (media == kInvalidFileHandle) {
+    MQ_LOG("[%d] can not open '%s' as read/write", handle_, file_name_.c_str());
+    return -1;
+  }
+  const bool mpeg1 = file_type_ == 1 || file_type_ == 3;
+  const uint32_t mux_rate = StreamMuxRate(media, mpeg1, mq_start_address_);
+  TempPackFile packs;
+  const int32_t pack_size = file_type_ == 1 || file_type_ == 3 || file_type_ == 4 ? 2324 : 2048;
+  int32_t result = -1;
+  if (packs.Make() && GenerateMQTempMPEGData(packs.h, mux_rate) == 1) {
+    PsMergeRequest r;
+    r.media_path = file_name_;
+    r.media = media;
+    r.mpeg1 = mpeg1;
+    r.keep_before = mq_start_address_;
+    r.data_packs = packs.h;
+    r.data_pack_size = static_cast<uint32_t>(pack_size);
+    r.data_pack_count = GetFileSize64(packs.h) / pack_size;
+    r.end_pack = EndPackMaker(file_type_, mux_rate, static_cast<int64_t>(identity_[1]),
+                              identity_[0]);
+    r.session = handle_;
+    // The data counts as in the file only when it reads back with every CRC right.
+    r.verify = [this, media](int64_t start) {
+      MQOneProgram check;
+      return ReadBlockFromProgramStream(check, media, file_type_, start, handle_) == 1;
+    };
+    result = MergeIntoProgramStream(r, nullptr);
+  }
+  CloseFileHandle(media);
+  return result;
+}
+
+}  // namespace marquel
