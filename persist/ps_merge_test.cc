@@ -89,6 +89,7 @@ class PsMerge : public testing::Test {
     r.keep_before = keep_before < 0 ? GetFileSize64(m) : keep_before;
     r.data_packs = d;
     r.data_pack_count = count;
+    r.verify = verify_;
     r.end_pack = [this](int64_t start, int64_t end, const PackClock&, Bytes* out) {
       end_calls_.push_back({start, end});
       if (on_end_) on_end_();
@@ -108,6 +109,7 @@ class PsMerge : public testing::Test {
   }
   std::vector<std::pair<int64_t, int64_t>> end_calls_;
   std::function<void()> on_end_;
+  std::function<bool(int64_t)> verify_;
 };
 
 TEST_F(PsMerge, KeepsEveryStreamPackInOrderAndTheBytesBeforeTheMergeStart) {
@@ -194,6 +196,21 @@ TEST_F(PsMerge, TheRollBackRecordNamesBothBackupsAndTheStartWhileTheFileIsRewrit
   EXPECT_EQ(offset, result.merge_start);
   EXPECT_EQ(backups_joined, Bytes(before.begin() + offset, before.end()))
       << "first backup then second rebuild the old bytes from the offset";
+}
+
+TEST_F(PsMerge, DataThatDoesNotReadBackIsUndoneByteForByte) {
+  const std::string media = cachetest::CopyMedia("mpeg2ps_long.mpg", "check.mpg");
+  const Bytes before = cachetest::ReadAll(media);
+  int64_t checked_at = -1;
+  verify_ = [&](int64_t start) {
+    checked_at = start;
+    return false;
+  };
+  PsMergeResult result;
+  EXPECT_EQ(Merge(media, 20, -1, &result), -1);
+  EXPECT_GT(checked_at, 0) << "the check ran on the rewritten file";
+  EXPECT_EQ(cachetest::ReadAll(media), before);
+  EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty());
 }
 
 TEST_F(PsMerge, AFailedRewriteLeavesTheFileByteForByteAsItWas) {

@@ -27,6 +27,7 @@ void AddServerPutCommand(CLI::App& app, Action& run);      // put FILE --tag T .
 void AddServerPeriodCommands(CLI::App& app, Action& run);  // delete | shift | copy | move
 void AddServerStatusCommands(CLI::App& app, Action& run);  // status [FILE...] | wait FILE
 void AddServerFileCommand(CLI::App& app, Action& run);     // file FILE [--script P] OPS...
+void AddServerMigrateCommand(CLI::App& app, Action& run);  // migrate FILE...
 void AddDetectCommand(CLI::App& app, Action& run);   // detect FILE [--json]
 void AddAnalyseCommand(CLI::App& app, Action& run);  // analyse FILE [--out DIR]
 void AddBlockCommand(CLI::App& app, Action& run);    // block dump FILE [--json]

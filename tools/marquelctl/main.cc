@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
   AddServerPeriodCommands(app, run);
   AddServerStatusCommands(app, run);
   AddServerFileCommand(app, run);
+  AddServerMigrateCommand(app, run);
   AddBlockCommand(app, run);
   AddDetectCommand(app, run);
   AddAnalyseCommand(app, run);
