@@ -86,14 +86,14 @@ TEST(CMQInterfaceTool, QueryOrgFileSizeAndMTime) {
   EXPECT_EQ(mq.Controller().QueryFileCount(), 0);  // the session was its own
 }
 
-// A file without a cache entry: the rename has nothing to carry over and succeeds. The
-// move of cached data into the file is a later step; today it answers success with
-// nothing moved.
-TEST(CMQInterfaceTool, CacheOperationsWithoutAnEntry_PendingMigration) {
+// A file without a cache entry: the rename has nothing to carry over and succeeds; the
+// move has nothing to move, which is S_FALSE (S_OK would say the tags are in the file).
+TEST(CMQInterfaceTool, CacheOperationsWithoutAnEntry) {
   CMQInterface mq;
   std::string name = MediaFile("a.mpg");
   EXPECT_EQ(mq.CacheRename(name, test::TestPath("b.mpg"), 0), S_OK);
-  EXPECT_EQ(mq.MoveCacheDataToOrgFile(name), S_OK);
+  EXPECT_EQ(mq.MoveCacheDataToOrgFile(name), S_FALSE);
+  EXPECT_EQ(mq.MoveCacheDataToOrgFile(test::TestPath("missing.mpg")), E_FAIL);
 }
 
 // The tool's lines follow the log's switch as every other line does: with "log to file"
