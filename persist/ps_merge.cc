@@ -115,7 +115,7 @@ bool RewriteFromStart(const PsMergeRequest& r, const MergePlan& plan, FileHandle
     if (s.data_left > 0 &&
         !WriteDataGroup(&s, previous, more ? next.clock : previous, out, &scratch))
       return false;
-    for (uint32_t i = 0; i < kMergeGroupStreamPacks && stream.Peek(&next); ++i) {
+    for (uint32_t i = 0; i < plan.group_stream_packs && stream.Peek(&next); ++i) {
       if (!stream.Copy(out, &scratch)) return false;
       previous = next.clock;
     }
@@ -167,6 +167,7 @@ bool Rewrite(const PsMergeRequest& r, const MergePlan& plan, const MergeBackups&
     return false;
   MQ_LOG("[%d] ProcessMQInterLeave: cut and synced in %.1f ms", r.session,
          MillisecondsSince(started));
+  result->group_stream_packs = plan.group_stream_packs;
   result->merge_start = plan.start;
   result->merged_end = done.merged_end;
   result->new_size = end;
@@ -195,9 +196,10 @@ int32_t MergeIntoProgramStream(const PsMergeRequest& r, PsMergeResult* result) {
   if (r.data_pack_count < 0 || !r.end_pack || !PlanMerge(r, &plan)) return -1;
   MQ_LOG("ProcessMQInterLeave: [%d] The merge start time is about %lld", r.session,
          static_cast<long long>(plan.clock_before.base * 1000 / 9));
-  MQ_LOG("[%d] ProcessMQInterLeave: merge from %lld over %lld stream packs, tail %lld bytes",
+  MQ_LOG("[%d] ProcessMQInterLeave: merge from %lld over %lld stream packs, %u per data pack, "
+         "tail %lld bytes",
          r.session, static_cast<long long>(plan.start), static_cast<long long>(plan.stream_packs),
-         static_cast<long long>(plan.file_size - plan.packs_end));
+         plan.group_stream_packs, static_cast<long long>(plan.file_size - plan.packs_end));
   auto started = std::chrono::steady_clock::now();
   MergeBackups backups;
   if (!MakeMergeBackups(r.media, plan, &backups)) {

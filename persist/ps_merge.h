@@ -13,10 +13,16 @@
 
 namespace marquel {
 
-// Data packs per group, and the most stream packs between two groups. One added pack in
-// sixteen raises the merged region's byte rate by 1/15 (docs/in-file-merge.md).
+// Data packs per group, and the most stream packs between two groups: one data pack
+// after every O stream packs raises the merged region's byte rate by 1/O, and O is chosen
+// from the room the stream leaves below its mux rate, up to 15 (docs/in-file.md).
 constexpr uint32_t kMergeGroupDataPacks = 1;
-constexpr uint32_t kMergeGroupStreamPacks = 15;
+constexpr uint32_t kMergeMaxStreamPacks = 15;
+
+// O for a stream read at `streamRate` bytes/s under a mux rate of `muxRate` bytes/s: the
+// fewest stream packs per data pack whose added 1/O still fits under the mux rate, at
+// least 1 and at most kMergeMaxStreamPacks (also when either rate is unknown).
+uint32_t StreamPacksPerGroup(double streamRate, double muxRate);
 // Bytes before the merge start searched for the clock the first data packs step from.
 constexpr int64_t kMergeClockLookBack = 10240;
 
@@ -44,6 +50,7 @@ struct PsMergeRequest {
 };
 
 struct PsMergeResult {
+  uint32_t group_stream_packs = 0;
   int64_t merge_start = -1;
   int64_t merged_end = -1;
   int64_t new_size = -1;
@@ -56,6 +63,7 @@ struct MergePlan {
   int64_t file_size = 0;     // the second backup (the tail) is [packs_end, file_size)
   PackClock clock_before;    // the stream's last clock before `start`
   int64_t stream_packs = 0;  // stream packs in [start, packs_end)
+  uint32_t group_stream_packs = kMergeMaxStreamPacks;  // O
 };
 
 // Chooses the merge start: far enough back that the stream packs after it can take every

@@ -1,5 +1,6 @@
 // Planning the in-place merge: where it starts, and the stream's clock and mux rate there.
 #include <algorithm>
+#include <cmath>
 #include <memory>
 
 #include "log/log.h"
@@ -14,21 +15,42 @@ namespace {
 // is doubled until it reaches the file's start.
 constexpr int64_t kAssumedPackBytes = 2324;
 
+// Stream packs over which the stream's byte rate is measured.
+constexpr int64_t kRatePacks = 256;
+
 struct StreamPacks {
   std::vector<int64_t> starts;  // of the stream packs, in order
   int64_t last_end = 0;         // end of the last one
+  int64_t bytes = 0;            // of the stream packs after the first
+  uint64_t ticks = 0;           // 27 MHz clock advance over them; restarts count as 0
 };
 
 bool CollectStreamPacks(FileHandle media, bool mpeg1, int64_t from, int64_t to,
                         StreamPacks* packs) {
   PsPackWalker walker(media, from, to, mpeg1);
   PackSpan span;
+  uint64_t previous = 0;
   while (walker.Next(&span)) {
     if (span.own_data) continue;
+    if (!packs->starts.empty()) {
+      packs->bytes += span.length;
+      if (span.clock.Full() > previous) packs->ticks += span.clock.Full() - previous;
+    }
+    previous = span.clock.Full();
     packs->starts.push_back(span.offset);
     packs->last_end = span.offset + span.length;
   }
   return !walker.failed();
+}
+
+// The stream's bytes per second near the end, from the packs' clocks; 0 when unknown.
+double StreamRate(FileHandle media, bool mpeg1, int64_t keep, int64_t size) {
+  StreamPacks packs;
+  const int64_t from = std::max<int64_t>(0, keep - kRatePacks * kAssumedPackBytes);
+  if (!CollectStreamPacks(media, mpeg1, from, std::min(size, keep + kAssumedPackBytes), &packs) ||
+      packs.ticks == 0)
+    return 0;
+  return static_cast<double>(packs.bytes) * 27e6 / static_cast<double>(packs.ticks);
 }
 
 std::unique_ptr<CMpegMuxDec> MakeDecoder(bool mpeg1) {
@@ -49,6 +71,14 @@ std::unique_ptr<CMpegMuxDec> DecodeBefore(FileHandle media, bool mpeg1, int64_t 
 
 }  // namespace
 
+uint32_t StreamPacksPerGroup(double streamRate, double muxRate) {
+  if (streamRate <= 0 || muxRate <= streamRate) return kMergeMaxStreamPacks;
+  const double room = muxRate / streamRate - 1;
+  const double packs = std::ceil(1 / room);
+  return packs >= kMergeMaxStreamPacks ? kMergeMaxStreamPacks
+                                       : std::max<uint32_t>(1, static_cast<uint32_t>(packs));
+}
+
 uint32_t StreamMuxRate(FileHandle media, bool mpeg1, int64_t before) {
   return DecodeBefore(media, mpeg1, before)->GetMuxRate();
 }
@@ -58,8 +88,12 @@ bool PlanMerge(const PsMergeRequest& r, MergePlan* plan) {
   if (size <= 0 || plan == nullptr) return false;
   const int64_t groups =
       (r.data_pack_count + kMergeGroupDataPacks - 1) / static_cast<int64_t>(kMergeGroupDataPacks);
-  const int64_t wanted = std::max<int64_t>(1, groups * kMergeGroupStreamPacks);
   const int64_t keep = std::clamp<int64_t>(r.keep_before, 0, size);
+  // Mux rates count in units of 50 bytes/s.
+  plan->group_stream_packs =
+      StreamPacksPerGroup(StreamRate(r.media, r.mpeg1, keep, size),
+                          50.0 * StreamMuxRate(r.media, r.mpeg1, keep));
+  const int64_t wanted = std::max<int64_t>(1, groups * plan->group_stream_packs);
   int64_t from = std::max<int64_t>(0, keep - (wanted + 16) * kAssumedPackBytes);
   StreamPacks packs;
   for (;;) {

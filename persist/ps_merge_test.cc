@@ -129,7 +129,8 @@ TEST_F(PsMerge, KeepsEveryStreamPackInOrderAndTheBytesBeforeTheMergeStart) {
   ASSERT_EQ(w.tags.size(), 21u);
   for (uint32_t i = 0; i < 20; ++i) EXPECT_EQ(w.tags[i], i);
   EXPECT_EQ(w.tags.back(), kEndTag);
-  for (size_t i = 1; i < 20; ++i) EXPECT_EQ(w.between[i], kMergeGroupStreamPacks) << i;
+  ASSERT_GE(result.group_stream_packs, 1u);
+  for (size_t i = 1; i < 20; ++i) EXPECT_EQ(w.between[i], result.group_stream_packs) << i;
   ASSERT_EQ(end_calls_.size(), 1u);
   EXPECT_EQ(end_calls_[0].first, result.merge_start);
   EXPECT_EQ(end_calls_[0].second, result.merged_end);
@@ -139,6 +140,15 @@ TEST_F(PsMerge, KeepsEveryStreamPackInOrderAndTheBytesBeforeTheMergeStart) {
   EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
                                             CacheSubKeyName(media)).c_str()));
   EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty()) << "the backups are gone";
+}
+
+TEST(PsMergeGroups, TheStreamPacksPerDataPackFollowTheRoomBelowTheMuxRate) {
+  EXPECT_EQ(StreamPacksPerGroup(500000, 1260000), 1u) << "more than twice the room";
+  EXPECT_EQ(StreamPacksPerGroup(1000000, 1260000), 4u) << "26 % room takes one in four";
+  EXPECT_EQ(StreamPacksPerGroup(1200000, 1260000), 15u) << "5 % room: the most";
+  EXPECT_EQ(StreamPacksPerGroup(1300000, 1260000), 15u) << "over its rate";
+  EXPECT_EQ(StreamPacksPerGroup(0, 1260000), 15u) << "rate unknown";
+  EXPECT_EQ(StreamPacksPerGroup(1000000, 0), 15u) << "mux rate unknown";
 }
 
 TEST_F(PsMerge, MergingAgainFromTheOldStartLeavesOneCopy) {
