@@ -8,7 +8,6 @@
 //         MPEG-2 (3) or MPEG-1 (4) 0xFA packs, so that the decoder sees well-formed packs;
 //   5     the same, packed into transport packets on PID 8160.
 // A block that is read is loaded with LoadProgramBlock.
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -16,33 +15,14 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_util.h"
 #include "persist/block_from_media.h"
-#include "platform/crc32.h"
-#include "platform/env.h"
 #include "platform/files.h"
-#include "tags/block_format.h"
 #include "tags/block_program.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-void PutCrc(uint8_t* p, size_t n) {
-  uint32_t crc = marquel::Crc32Ieee(p, n);
-  for (int i = 0; i < 4; ++i) p[n + i] = static_cast<uint8_t>(crc >> (24 - 8 * i));
-}
-
-void FixCrcs(Bytes& b) {
-  if (b.size() < marquel::kBlockHeaderSize) return;
-  PutCrc(b.data(), marquel::kBlockHeaderSize - 4);
-  marquel::BlockHeader h = marquel::ParseBlockHeader(b.data());
-  size_t at = marquel::kBlockHeaderSize;
-  for (uint32_t n : {h.tag_id_size, h.length_size, h.data_size}) {
-    if (n < 4 || n > b.size() - at) return;
-    PutCrc(b.data() + at, n - 4);
-    at += n;
-  }
-}
 
 // The payload in 0xFA packs: MPEG-2 packs of 2025 payload bytes, or MPEG-1 packs of 2294
 // with stuffing and the STD buffer field.
@@ -85,11 +65,6 @@ Bytes TransportStream(const Bytes& payload) {
   return out;
 }
 
-std::string FilePath() {
-  return marquel::CurrentEnv()->TempFolder() + "/block_ps_fuzzer." + std::to_string(getpid()) +
-         ".media";
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -98,17 +73,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (mode > 5) return 0;
   Bytes bytes(data + 1, data + size);
   if (mode >= 3) {
-    FixCrcs(bytes);
+    fuzzblock::FixCrcs(bytes);
     bytes = mode == 5 ? TransportStream(bytes) : ProgramStream(bytes, mode == 4);
   }
-  static const std::string path = FilePath();
-  marquel::FileHandle f =
-      marquel::OpenFileHandle(path, marquel::GENERIC_READ | marquel::GENERIC_WRITE, 0, nullptr,
-                              marquel::CREATE_ALWAYS, 0, marquel::kInvalidFileHandle);
+  marquel::FileHandle f = fuzzblock::FreshFile("block_ps_fuzzer", "media", bytes);
   if (f == marquel::kInvalidFileHandle) return 0;
-  uint32_t written = 0;
-  if (!bytes.empty())
-    marquel::WriteFile(f, bytes.data(), static_cast<uint32_t>(bytes.size()), &written);
   marquel::MQOneProgram program(0);
   int32_t read;
   if (mode == 2 || mode == 5)

@@ -78,6 +78,23 @@ MQEndRecord Record() {
   return r;
 }
 
+// Flushes with Record() and takes everything left.
+Bytes FlushWithRecord(MQPackMuxer& m) {
+  MQEndRecord r = Record();
+  EXPECT_EQ(m.Flush(&r), 1);
+  return TakeRest(m);
+}
+
+// The 33-bit clock base in its three parts, each followed by a marker bit.
+void ExpectClockBase(BitReader& r, uint64_t base) {
+  EXPECT_EQ(r.Get(3), base >> 30);
+  EXPECT_EQ(r.Get(1), 1u);
+  EXPECT_EQ(r.Get(15), (base >> 15) & 0x7FFF);
+  EXPECT_EQ(r.Get(1), 1u);
+  EXPECT_EQ(r.Get(15), base & 0x7FFF);
+  EXPECT_EQ(r.Get(1), 1u);
+}
+
 // The bytes of a padding packet of length L at `at`; false when they differ.
 void ExpectPadding(const Bytes& b, size_t at, uint32_t length, bool mpeg1) {
   ASSERT_LE(at + 6 + length, b.size());
@@ -148,9 +165,7 @@ TEST(MQPackMuxer, Mpeg1DataEndsWithAPackPaddedTo2324) {
     auto m = MakeMuxer(MQPackMuxer::kTypeMpeg1);
     Bytes packs = FeedAll(*m, Payload(2294 * 2 + tail));
     ASSERT_EQ(packs.size(), 2u * 2324);
-    MQEndRecord r = Record();
-    ASSERT_EQ(m->Flush(&r), 1);
-    Bytes rest = TakeRest(*m);
+    Bytes rest = FlushWithRecord(*m);
     // The record goes with the rest while 24 + 36 bytes of room are left, else alone.
     EXPECT_EQ(rest.size(), tail <= 2244 ? 2324u : 2u * 2324) << tail;
   }
@@ -160,9 +175,7 @@ TEST(MQPackMuxer, Mpeg1RoomOfExactly16LeavesAPack6BytesShort) {
   auto m = MakeMuxer(MQPackMuxer::kTypeMpeg1);
   Bytes payload = Payload(2288);
   EXPECT_EQ(FeedAll(*m, payload).size(), 0u);
-  MQEndRecord r = Record();
-  ASSERT_EQ(m->Flush(&r), 1);
-  Bytes rest = TakeRest(*m);
+  Bytes rest = FlushWithRecord(*m);
   // 2318 bytes: no extra stuffing and no padding packet; then the record's own pack.
   ASSERT_EQ(rest.size(), 2318u + 2324u);
   EXPECT_EQ((rest[16] << 8) | rest[17], 2288 + 12);
@@ -208,9 +221,7 @@ TEST(MQPackMuxer, SvcdFlushPadsTo2324) {
   for (size_t n : {1u, 2255u, 2256u, 2290u, 2291u, 2297u}) {
     auto m = MakeMuxer(MQPackMuxer::kTypeSvcd);
     FeedAll(*m, Payload(n));
-    MQEndRecord r = Record();
-    ASSERT_EQ(m->Flush(&r), 1);
-    Bytes rest = TakeRest(*m);
+    Bytes rest = FlushWithRecord(*m);
     EXPECT_EQ(rest.size(), n <= 2255 ? 2324u : 2u * 2324) << n;
   }
 }
@@ -225,12 +236,7 @@ TEST(MQPackMuxer, Mpeg1PackAndPacketHeadersBitByBit) {
   BitReader r(pack.data(), 0);
   EXPECT_EQ(r.Get(32), 0x000001BAu);
   EXPECT_EQ(r.Get(4), 0x2u);
-  EXPECT_EQ(r.Get(3), base >> 30);
-  EXPECT_EQ(r.Get(1), 1u);
-  EXPECT_EQ(r.Get(15), (base >> 15) & 0x7FFF);
-  EXPECT_EQ(r.Get(1), 1u);
-  EXPECT_EQ(r.Get(15), base & 0x7FFF);
-  EXPECT_EQ(r.Get(1), 1u);
+  ExpectClockBase(r, base);
   EXPECT_EQ(r.Get(1), 1u);
   EXPECT_EQ(r.Get(22), 0x2A5A5u);
   EXPECT_EQ(r.Get(1), 1u);
@@ -250,12 +256,7 @@ BitReader ExpectMpeg2PackHeader(const Bytes& pack, uint64_t base, uint32_t ext,
   BitReader r(pack.data(), 0);
   EXPECT_EQ(r.Get(32), 0x000001BAu);
   EXPECT_EQ(r.Get(2), 1u);
-  EXPECT_EQ(r.Get(3), base >> 30);
-  EXPECT_EQ(r.Get(1), 1u);
-  EXPECT_EQ(r.Get(15), (base >> 15) & 0x7FFF);
-  EXPECT_EQ(r.Get(1), 1u);
-  EXPECT_EQ(r.Get(15), base & 0x7FFF);
-  EXPECT_EQ(r.Get(1), 1u);
+  ExpectClockBase(r, base);
   EXPECT_EQ(r.Get(9), ext);
   EXPECT_EQ(r.Get(1), 1u);
   EXPECT_EQ(r.Get(24), rate_field);
