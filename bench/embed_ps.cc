@@ -100,7 +100,12 @@ int main(int argc, char** argv) {
         (dir / "copy.vob").string() + "'");
     std::filesystem::remove(dir / "copy.vob");
     FILE* child = nullptr;
-    if (ffmpeg > 0 && TagIntoCache(path) &&
+    // The made file's pages are flushed first: the move syncs the file, and must not be
+    // charged with writing back what this program wrote.
+    const marquel::FileHandle made = marquel::OpenRegularFile(path, marquel::GENERIC_READ);
+    const bool flushed = made != marquel::kInvalidFileHandle && marquel::SyncFileHandle(made);
+    if (made != marquel::kInvalidFileHandle) marquel::CloseFileHandle(made);
+    if (ffmpeg > 0 && flushed && TagIntoCache(path) &&
         (child = popen(("'/proc/" + std::to_string(getpid()) + "/exe' --move '" + path + "'")
                            .c_str(),
                        "r")) != nullptr) {

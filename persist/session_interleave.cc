@@ -83,7 +83,9 @@ int32_t MarquelOneFile::ProcessMQInterLeave(int32_t bHasMQ) {
       MQOneProgram check;
       return ReadBlockFromProgramStream(check, media, file_type_, start, handle_) == 1;
     };
-    result = MergeIntoProgramStream(r, nullptr);
+    PsMergeResult merged;
+    result = MergeIntoProgramStream(r, &merged);
+    if (result == 1) mq_start_address_ = merged.merge_start;  // where the data begins now
   }
   CloseFileHandle(media);
   return result;
