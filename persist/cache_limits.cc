@@ -19,4 +19,9 @@ bool ReachesLimitAtClose(int64_t limit, int32_t format, int64_t n, uint64_t orig
   return PredictedGrowth(format, n) + static_cast<int64_t>(originalSize) >= limit;
 }
 
+bool PassesLimitAtMove(int64_t limit, int32_t format, int64_t n, int64_t start) {
+  if (limit <= 0) return false;
+  return PredictedGrowth(format, n) + start > limit;
+}
+
 }  // namespace marquel

@@ -75,8 +75,8 @@ int32_t MarquelOneFile::MoveIntoProgramStream(FileHandle file, const FileStatusR
   if (SessionSteps::LoadCacheFile(*this, *Program(0), entry.temp.cache_path) != 1) return -1;
   FileStatusRecord cache_status;
   const int64_t n = FileStatus(entry.temp.cache_path, &cache_status) == 0 ? cache_status.size : 0;
-  // The move tests strictly above the limit (the close tests at or above).
-  if (limit > 0 && PredictedGrowth(file_type_, n) + start > limit) {
+  // Strictly above the limit (the close tests at or above); no line is logged.
+  if (PassesLimitAtMove(limit, file_type_, n, start)) {
     Program(0)->ReleaseBuffers();
     return 1;
   }

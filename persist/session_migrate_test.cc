@@ -9,6 +9,7 @@
 #include "ffmpeg_test_util.h"
 #include "media/mq_end_record.h"
 #include "persist/cache_entry.h"
+#include "persist/cache_limits.h"
 #include "persist/result_codes.h"
 #include "session_test_util.h"
 
@@ -121,9 +122,11 @@ TEST_P(MigrateInto, MovingTwiceLeavesOneCopyOfTheNewerTags) {
 INSTANTIATE_TEST_SUITE_P(FfmpegStreams, MigrateInto,
                          testing::Values("mpeg2ps_long.mpg", "svcd.mpg", "dvd_as.mpg"));
 
-TEST(MigrateRefused, MpegOneVcdAndVobFilesKeepTheirCachesAndTags) {
-  for (auto [media, as] : {std::pair{"mpeg1.mpg", "a.mpg"}, std::pair{"vcd.mpg", "b.mpg"},
-                           std::pair{"dvd.vob", "c.vob"}}) {
+TEST(MigrateRefused, MpegOneVcdVobAviAndWmvFilesKeepTheirCachesAndTags) {
+  for (auto [media, as] :
+       {std::pair{"mpeg1.mpg", "a.mpg"}, std::pair{"vcd.mpg", "b.mpg"},
+        std::pair{"dvd.vob", "c.vob"}, std::pair{"avi.avi", "d.avi"},
+        std::pair{"wmv.wmv", "e.wmv"}}) {
     SCOPED_TRACE(media);
     const std::string path = CopyMedia(media, as);
     const Bytes before = ReadAll(path);
@@ -137,6 +140,17 @@ TEST(MigrateRefused, MpegOneVcdAndVobFilesKeepTheirCachesAndTags) {
     Reopened r = Reopen(path, 22);
     EXPECT_EQ(r.plain, Expected(22, 10));
   }
+}
+
+TEST(MigrateLimits, TheMoveTestsStrictlyAboveTheLimitWhereTheCloseTestsAtOrAbove) {
+  // 3,999,000,000 bytes and a 1,000,000-byte block: 1,013,406 more passes 4,000,000,000.
+  EXPECT_TRUE(PassesLimitAtMove(4000000000, 2, 1000000, 3999000000));
+  const int64_t exactly = 4000000000 - 1013406;
+  EXPECT_FALSE(PassesLimitAtMove(4000000000, 2, 1000000, exactly)) << "exactly at it moves";
+  EXPECT_TRUE(ReachesLimitAtClose(4000000000, 2, 1000000, static_cast<uint64_t>(exactly)))
+      << "where the close keeps the cache";
+  EXPECT_TRUE(PassesLimitAtMove(4000000000, 2, 1000000, exactly + 1));
+  EXPECT_FALSE(PassesLimitAtMove(0, 2, 1000000, 8000000000)) << "no limit";
 }
 
 TEST(MigrateRefused, AFileThatWouldPassTheFat32LimitIsLeftAloneWithItsCache) {

@@ -24,5 +24,8 @@ int64_t PredictedGrowth(int32_t format, int64_t n);
 // reaches it (at or above) once a block of n bytes is added. False when limit is 0.
 // (The move into the media file tests strictly above instead; both are intended.)
 bool ReachesLimitAtClose(int64_t limit, int32_t format, int64_t n, uint64_t originalSize);
+// The move's test: whether the file, with the block of n bytes added at `start`, would be
+// strictly above the limit. False when limit is 0.
+bool PassesLimitAtMove(int64_t limit, int32_t format, int64_t n, int64_t start);
 
 }  // namespace marquel
