@@ -56,9 +56,15 @@ bool ReadStream(FileHandle file, uint32_t size, std::vector<uint8_t>* buffer,
 
 int32_t WriteProgramBlockToFile(MQOneProgram& program, FileHandle file) {
   if (program.CheckBuffersForSerialise() != 1) return 0;
-  std::vector<uint8_t> bytes = ProgramBlockBytes(program);
-  if (bytes.empty()) return 0;
-  return WriteAll(file, bytes.data(), bytes.size()) ? 1 : -1;
+  const ProgramBuffer* parts[] = {program.HeaderBuffer(), program.TagIdBuffer(),
+                                  program.DataLengthBuffer(), program.DataBuffer()};
+  if (parts[0]->Size() < kBlockHeaderSize) return 0;
+  // Chunk by chunk, so that a spilled stream never comes back into memory whole.
+  auto write = [file](const uint8_t* bytes, size_t n) { return WriteAll(file, bytes, n); };
+  for (const ProgramBuffer* part : parts) {
+    if (!part->ForEachChunk(kStreamReadChunk, write)) return -1;
+  }
+  return 1;
 }
 
 int32_t ReadProgramBlockFromTempFile(MQOneProgram& program, FileHandle file) {
