@@ -69,7 +69,7 @@ int32_t MarquelOneFile::WriteToFile(int32_t bCache) {
     if (!SessionSteps::PathFitsRecords(*this)) return -1;
     if (program->m_ptpHeader == nullptr) {
       program->FlushAllMemoryBlocks();
-      WriteProgramBlock(*program);
+      if (WriteProgramBlock(*program) != 1) return -1;
     }
     ContentSample sample = ReadContentSample(media.h);
     CacheWriteLock lock;  // until the store names the new file
