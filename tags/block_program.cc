@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "log/log.h"
 #include "tags/block_format.h"
 
 namespace marquel {
@@ -15,7 +16,7 @@ namespace {
 // once its bytes reach kBatchBytes, so that large raw samples never gather in memory.
 class ProgramTagCursor : public BlockTagCursor {
  public:
-  explicit ProgramTagCursor(TagObject* tag) : cursor_(tag) {}
+  ProgramTagCursor(TagObject* tag, bool* failed) : cursor_(tag), failed_(failed) {}
   bool Next(BlockSampleBatch* batch) override {
     times_.clear();
     values_.clear();
@@ -34,6 +35,7 @@ class ProgramTagCursor : public BlockTagCursor {
         any_bytes = true;
       }
     }
+    if (cursor_.Failed()) *failed_ = true;
     if (times_.empty()) return false;
     *batch = BlockSampleBatch();
     batch->times = times_.data();
@@ -53,6 +55,7 @@ class ProgramTagCursor : public BlockTagCursor {
   static constexpr size_t kBatchBytes = size_t{1} << 20;
   static constexpr size_t kReadPast = 8;  // zero bytes after the last sample's (see the batch)
   TagRecordCursor cursor_;
+  bool* failed_;
   std::vector<int64_t> times_;
   std::vector<int32_t> values_;
   std::vector<uint64_t> offsets_;
@@ -98,7 +101,7 @@ void StoreHeader(MQOneProgram& program, const uint8_t* header) {
 std::unique_ptr<BlockTagCursor> ProgramBlockSource::OpenTag(int32_t tag_id) {
   TagObject* tag = program_.Tag(tag_id);
   if (tag == nullptr) return nullptr;
-  return std::make_unique<ProgramTagCursor>(tag);
+  return std::make_unique<ProgramTagCursor>(tag, &read_failed_);
 }
 
 int64_t ProgramBlockSource::Interval(int32_t tag_id) {
@@ -111,7 +114,9 @@ int32_t WriteProgramBlock(MQOneProgram& program, size_t spill_threshold) {
   EncodedBlock block;
   for (BitBuffer* b : {&block.tag_ids, &block.lengths, &block.data})
     b->SetSpillThreshold(spill_threshold);
-  if (EncodeBlock(source, &block) != 1) {
+  if (EncodeBlock(source, &block) != 1 || source.ReadFailed()) {
+    if (source.ReadFailed())
+      MQ_LOG("MQOneProgram: [%d] a tag's records could not be read", program.Number());
     program.ReleaseBuffers();
     return -1;
   }

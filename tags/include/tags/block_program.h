@@ -34,16 +34,20 @@ class ProgramBlockSource : public BlockSampleSource {
   int32_t HighestTagId() override { return program_.HighestTagId(); }
   std::unique_ptr<BlockTagCursor> OpenTag(int32_t tag_id) override;
   int64_t Interval(int32_t tag_id) override;
+  // Whether a tag's records could not be read: a cursor then ended early, so what the
+  // writer saw is not the whole program.
+  bool ReadFailed() const { return read_failed_; }
 
  private:
   MQOneProgram& program_;
+  bool read_failed_ = false;
 };
 
 // Writes the program's block into its four buffers (made anew). A stream whose bytes pass
 // `spill_threshold` is spilled to a temporary file past it, so the memory a write takes
 // stays bounded whatever the samples add up to. Returns 1, or -1 when the block cannot be
-// written (a stream beyond the 32-bit size fields, or a spill that failed); the buffers
-// are then released and no spill file stays.
+// written (a stream beyond the 32-bit size fields, a spill that failed, or a record file
+// that could not be read); the buffers are then released and no spill file stays.
 int32_t WriteProgramBlock(MQOneProgram& program, size_t spill_threshold = kStreamSpillThreshold);
 
 // The block-size query: the predicted size of the block as it would be written now
