@@ -10,10 +10,6 @@
 
 namespace marquel {
 
-// The read buffer of the temporary-file reader; it grows to a stream's size when a
-// stream is larger.
-constexpr size_t kTempFileReadBufferSize = 512000;
-
 // Writes the block held in the program's four buffers (see block_program.h) to `file`
 // at its current position, a chunk at a time (spilled streams are read back from their
 // files). Returns 1; 0 when a buffer is missing ("error! process program but no data!" is
