@@ -1,14 +1,18 @@
 // The close of a file with a large data block: the block goes to its cache file in bounded
 // pieces, so the server's peak memory during the close grows by far less than the data,
-// and every sample comes back after a restart. When the pieces cannot be set aside (a
-// full disk), the close fails.
+// and every sample comes back after a restart; another client's call made meanwhile waits
+// for the close and is answered (the wait is printed). When the pieces cannot be set
+// aside (a full disk), the close fails.
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bus_fixture.h"
@@ -95,10 +99,42 @@ TEST_F(CloseMemory, A96MiBBlockClosesInBoundedMemoryAndComesBackAfterARestart) {
   ASSERT_GT(server, 0);
   ASSERT_TRUE(ResetPeak(server));
   const int64_t before = StatusKiB(server, "VmRSS");
-  ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
+  // Another client asks for the file count all through the close: it waits for the close
+  // (which runs on the bus thread under the table lock), and must still be answered.
+  std::atomic<bool> closing{true};
+  std::atomic<int> wrong{0};
+  std::atomic<int64_t> longest_ms{0};
+  // It holds a file of its own open, so the count never falls to 0 (which answers E_FAIL).
+  const std::string sentinel = MediaFile("sentinel.mpg");
+  auto c = Connect();
+  int32_t own = -1;
+  ASSERT_EQ(c->InitialFile(sentinel.c_str(), 0, 0, &own), S_OK);
+  std::thread other([&] {
+    while (closing.load()) {
+      const auto start = std::chrono::steady_clock::now();
+      int32_t files = -1;
+      if (c->QueryFileCount(&files) != S_OK || files < 1) ++wrong;
+      const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          std::chrono::steady_clock::now() - start)
+                          .count();
+      if (ms > longest_ms.load()) longest_ms.store(ms);
+    }
+  });
+  const auto close_start = std::chrono::steady_clock::now();
+  EXPECT_EQ(client_->CloseFile(h, 1), S_OK);
+  const auto close_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            std::chrono::steady_clock::now() - close_start)
+                            .count();
+  closing.store(false);
+  other.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_EQ(c->CloseFile(own, 1), S_OK);
+  c.reset();
   const int64_t peak = StatusKiB(server, "VmHWM");
   std::printf("close of %d MiB of raw samples: VmRSS %lld KiB before, VmHWM %lld KiB during\n",
               kSamples, static_cast<long long>(before), static_cast<long long>(peak));
+  std::printf("the close took %lld ms; another client's QueryFileCount waited up to %lld ms\n",
+              static_cast<long long>(close_ms), static_cast<long long>(longest_ms.load()));
   if (kMeasure) {
     ASSERT_GT(before, 0);
     EXPECT_LT(peak - before, kCloseGrowthLimitKiB);
