@@ -10,7 +10,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,19 +40,6 @@ std::vector<uint8_t> SampleBytes(int64_t seed) {
   std::vector<uint8_t> b(kSampleBytes);
   for (size_t i = 0; i < b.size(); ++i) b[i] = static_cast<uint8_t>(seed * 13 + (i >> 10) + i);
   return b;
-}
-
-// A figure of /proc/<pid>/status in KiB (VmHWM, VmRSS), or -1.
-int64_t StatusKiB(pid_t pid, const std::string& field) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind(field + ":", 0) != 0) continue;
-    std::istringstream fields(line.substr(field.size() + 1));
-    int64_t kib = -1;
-    fields >> kib;
-    return kib;
-  }
-  return -1;
 }
 
 // Starts the peak (VmHWM) again from the present resident size.

@@ -4,8 +4,6 @@
 // under 256 MiB, and after every call the server still answers another client.
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 
 #include "bus_fixture.h"
 
@@ -43,20 +41,6 @@ constexpr bool kMeasure = false;
 #else
 constexpr bool kMeasure = true;
 #endif
-
-// A figure of /proc/<pid>/status in KiB (VmHWM, VmRSS), or -1.
-int64_t StatusKiB(pid_t pid, const std::string& field) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind(field + ":", 0) != 0) continue;
-    std::istringstream fields(line.substr(field.size() + 1));
-    int64_t kib = -1;
-    fields >> kib;
-    return kib;
-  }
-  return -1;
-}
 
 class HostileCalls : public BusTest {
  protected:
