@@ -76,7 +76,7 @@ bool WholeStream(const ProgramBuffer& buffer, std::vector<uint8_t>* copy, const 
                  size_t* size) {
   if (!buffer.spill) {
     *data = buffer.bytes.data();
-    *size = std::min<size_t>(buffer.bytes.size(), static_cast<size_t>(buffer.Size()));
+    *size = buffer.bytes.size();
     return true;
   }
   copy->clear();
