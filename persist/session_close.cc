@@ -20,12 +20,18 @@ bool MarquelOneFile::HasTags() {
   return false;
 }
 
-void SessionSteps::FinalisePrograms(MarquelOneFile& f) {
+bool SessionSteps::FinalisePrograms(MarquelOneFile& f) {
   for (int32_t i = 0, n = f.ProgramCount(); i < n; ++i) {
     MQOneProgram& program = *f.Program(i);
     program.FlushAllMemoryBlocks();
-    WriteProgramBlock(program);
+    // A program whose block is missing would be skipped by the cache writers, and the
+    // close would report its tags kept.
+    if (WriteProgramBlock(program) != 1) {
+      MQ_LOG("[%d] program %d: its data block could not be written", f.handle_, i);
+      return false;
+    }
   }
+  return true;
 }
 
 void SessionSteps::DetectFormat(MarquelOneFile& f) {
@@ -70,7 +76,7 @@ int32_t SessionSteps::ForceToCache(MarquelOneFile& f, int32_t bWriteToCache) {
 int32_t MarquelOneFile::CloseFile(int32_t bWriteToCache) {
   MQ_LOG("[%d] MarquelOneFile::CloseFile(%s, %d)", handle_, file_name_.c_str(), bWriteToCache);
   if (!HasTags() || ReadOnly()) return MQ_SUCCESS;
-  SessionSteps::FinalisePrograms(*this);
+  if (!SessionSteps::FinalisePrograms(*this)) return MQ_ERR;
   if (file_type_ == 0 || (file_type_ == 10 && ts_programs_known_ == 0)) {
     SessionSteps::DetectFormat(*this);
   }

@@ -1,7 +1,7 @@
-// Closes that cannot write: the cache folder cannot be used, the disk is full, or the
-// media file is gone. The close answers -1 (never 2, which would promise a pending move
-// of data that was not kept), the store never names a missing file, and no sample
-// already cached is lost.
+// Closes that cannot write: the cache folder cannot be used, the disk is full, a large
+// block cannot be set aside while it is written, or the media file is gone. The close answers -1
+// (never 2, which would promise a pending move of data that was not kept), the store never names a
+// missing file, and no sample already cached is lost.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -10,7 +10,9 @@
 
 #include "persist/cache_entry.h"
 #include "persist/result_codes.h"
+#include "platform/env.h"
 #include "session_test_util.h"
+#include "tags/stream_spill.h"
 #include "testsupport/file_size_limit.h"
 
 namespace marquel {
@@ -118,6 +120,43 @@ TEST(CloseFaults, FullDiskKeepsEverySampleAlreadyCached) {
     auto g = OpenSession(path);
     EXPECT_EQ(PlainSamples(*g, 0), Expected(1, 20)) << c.as << ": the cached samples are whole";
   }
+}
+
+// A temporary folder that cannot be made: no file can be set aside in it.
+class NoTempFolderEnv : public Env {
+ public:
+  std::string TempFolder() override { return "/nonexistent/marquel-test-tmp"; }
+};
+
+// A block too large to be held in memory is set aside in temporary files while it is
+// written; when that fails, the close fails too. For the other-format caches the program
+// without its block would otherwise be skipped, and the close would answer success.
+TEST(CloseFaults, ABlockThatCannotBeSetAsideFailsTheClose) {
+  const std::string path = CopyMedia("avi.avi", "large.avi");
+  {
+    auto f = OpenSession(path);
+    InsertSamples(*f, 0, 1, 20);
+    ASSERT_NE(f->CloseFile(0), MQ_ERR);
+  }
+  auto f = OpenSession(path);
+  MQOneProgram* p = f->Program(0);
+  std::vector<uint8_t> bytes(1 << 20, 0x5A);
+  const int32_t samples = static_cast<int32_t>(kStreamSpillThreshold >> 20) + 2;
+  for (int32_t i = 0; i < samples; ++i) {
+    ASSERT_EQ(p->InsertOne(32, MakeRawSample(int64_t{i} * 1000 + 7, 1 << 20, bytes.data())), 1);
+  }
+  ASSERT_EQ(p->FlushAllMemoryBlocks(), 1);
+  {
+    NoTempFolderEnv env;
+    cachetest::ScopedEnv scoped(&env);
+    LogCapture log;
+    EXPECT_EQ(f->CloseFile(0), MQ_ERR);
+    EXPECT_TRUE(log.Has("[3] program 0: its data block could not be written"));
+  }
+  f.reset();
+  ExpectEveryNamedFileExists();
+  auto g = OpenSession(path);
+  EXPECT_EQ(PlainSamples(*g, 0), Expected(1, 20)) << "the cached samples are whole";
 }
 
 TEST(CloseFaults, MediaFileRemovedBeforeTheCloseFailsAndWritesNoEntry) {

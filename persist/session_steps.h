@@ -23,8 +23,10 @@ class SessionSteps {
 
   // --- Close (session_close.cc, session_write.cc) ---
 
-  // Flushes every program's memory blocks and writes its block into its buffers.
-  static void FinalisePrograms(MarquelOneFile& f);
+  // Flushes every program's memory blocks and writes its block into its buffers. False
+  // when a block cannot be written (logged), so that the close fails instead of leaving
+  // that program out.
+  static bool FinalisePrograms(MarquelOneFile& f);
   // Detects the format from the file again (when it can be opened) and stores it.
   static void DetectFormat(MarquelOneFile& f);
   // The force-to-cache flag of the close: bWriteToCache, raised by the FAT limits (at or

@@ -68,7 +68,7 @@ int32_t MarquelOneFile::WriteToFile(int32_t bCache) {
   if (bCache != 0) {
     if (program->m_ptpHeader == nullptr) {
       program->FlushAllMemoryBlocks();
-      WriteProgramBlock(*program);
+      if (WriteProgramBlock(*program) != 1) return -1;
     }
     result = SessionSteps::WriteTempCache(*this, *program, media.h);
   } else {

@@ -38,9 +38,35 @@ void BitBuffer::Reserve(size_t capacity) {
 }
 
 void BitBuffer::Grow(size_t needed) {
-  size_t target = std::max(needed, capacity() * 2);
+  size_t doubled = capacity() * 2;
+  if (spill_threshold_ > 0) {
+    if (size_ > 0 && needed > spill_threshold_) {
+      needed -= size_;
+      Spill();
+      if (needed + kSlack <= storage_.size()) return;
+    }
+    doubled = std::min(doubled, spill_threshold_);
+  }
+  size_t target = std::max(needed, doubled);
   target = std::max<size_t>(target, 64);
   storage_.resize(target + kSlack, 0);
+}
+
+void BitBuffer::Spill() {
+  // After a failure the stream is lost whatever follows: its bytes are dropped, so that
+  // memory stays bounded until the writer gives up.
+  if (!spill_failed_) {
+    if (!spill_) spill_ = StreamSpill::Create();
+    if (!spill_ || !spill_->Append(storage_.data(), size_)) spill_failed_ = true;
+  }
+  spilled_ += size_;
+  size_ = 0;
+  read_pos_ = 0;
+}
+
+std::unique_ptr<StreamSpill> BitBuffer::ReleaseSpill() {
+  spilled_ = 0;
+  return std::move(spill_);
 }
 
 void BitBuffer::Clear() {
@@ -48,6 +74,9 @@ void BitBuffer::Clear() {
   acc_ = 0;
   pending_ = 0;
   read_pos_ = 0;
+  spilled_ = 0;
+  spill_failed_ = false;
+  spill_.reset();
 }
 
 void BitBuffer::Assign(const uint8_t* bytes, size_t n) {
@@ -104,8 +133,8 @@ void BitBuffer::PadToByte() {
 
 void BitBuffer::AppendCrc() {
   PadToByte();
-  uint32_t crc = Crc32Ieee(storage_.data(), size_);
-  WriteBits(crc, 32);
+  const uint32_t state = spill_ ? spill_->crc_state() : kCrc32IeeeInit;
+  WriteBits(Crc32IeeeFinish(Crc32IeeeUpdate(state, storage_.data(), size_)), 32);
 }
 
 bool BitBuffer::ReadBits(int bits, uint32_t* value) {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "log/log.h"
 #include "tags/block_format.h"
 
 namespace marquel {
@@ -11,17 +12,19 @@ namespace {
 
 // A tag's records in order, a batch at a time. TagRecordCursor keeps a record's raw
 // bytes only until its next step, so the bytes of a batch are copied into the cursor's
-// own buffer, which lives until the next batch.
+// own buffer, which lives until the next batch. A batch ends after kBatch records or
+// once its bytes reach kBatchBytes, so that large raw samples never gather in memory.
 class ProgramTagCursor : public BlockTagCursor {
  public:
-  explicit ProgramTagCursor(TagObject* tag) : cursor_(tag) {}
+  ProgramTagCursor(TagObject* tag, bool* failed) : cursor_(tag), failed_(failed) {}
   bool Next(BlockSampleBatch* batch) override {
     times_.clear();
     values_.clear();
     offsets_.clear();
     bytes_.clear();
     bool any_bytes = false;
-    for (size_t n = 0; n < kBatch && cursor_.Valid(); ++n, cursor_.Next()) {
+    for (size_t n = 0; n < kBatch && bytes_.size() < kBatchBytes && cursor_.Valid();
+         ++n, cursor_.Next()) {
       const SampleRecord& r = cursor_.Current();
       times_.push_back(r.llTimeCode);
       values_.push_back(r.nValue);
@@ -32,6 +35,7 @@ class ProgramTagCursor : public BlockTagCursor {
         any_bytes = true;
       }
     }
+    if (cursor_.Failed()) *failed_ = true;
     if (times_.empty()) return false;
     *batch = BlockSampleBatch();
     batch->times = times_.data();
@@ -48,18 +52,42 @@ class ProgramTagCursor : public BlockTagCursor {
 
  private:
   static constexpr size_t kBatch = 256;
+  static constexpr size_t kBatchBytes = size_t{1} << 20;
   static constexpr size_t kReadPast = 8;  // zero bytes after the last sample's (see the batch)
   TagRecordCursor cursor_;
+  bool* failed_;
   std::vector<int64_t> times_;
   std::vector<int32_t> values_;
   std::vector<uint64_t> offsets_;
   std::vector<uint8_t> bytes_;
 };
 
-// Moves a written stream into one of the program's buffers.
+// Moves a written stream, with its spill file, into one of the program's buffers.
 void StoreStream(ProgramBuffer* buffer, BitBuffer& stream) {
+  const uint64_t size = stream.stream_size();
+  buffer->spill = stream.ReleaseSpill();
   buffer->bytes = stream.ReleaseBytes();
-  buffer->bitPosition = static_cast<uint64_t>(buffer->bytes.size()) * 8;
+  buffer->bitPosition = size * 8;
+}
+
+// A stream's content in one piece, for the decoder: the buffer's own bytes, or the whole
+// stream read back into *copy when part of it was spilled. False when it cannot be read.
+bool WholeStream(const ProgramBuffer& buffer, std::vector<uint8_t>* copy, const uint8_t** data,
+                 size_t* size) {
+  if (!buffer.spill) {
+    *data = buffer.bytes.data();
+    *size = buffer.bytes.size();
+    return true;
+  }
+  copy->clear();
+  copy->reserve(static_cast<size_t>(buffer.Size()));
+  const bool whole = buffer.ForEachChunk(kStreamReadChunk, [copy](const uint8_t* p, size_t n) {
+    copy->insert(copy->end(), p, p + n);
+    return true;
+  });
+  *data = copy->data();
+  *size = copy->size();
+  return whole;
 }
 
 void StoreHeader(MQOneProgram& program, const uint8_t* header) {
@@ -73,7 +101,7 @@ void StoreHeader(MQOneProgram& program, const uint8_t* header) {
 std::unique_ptr<BlockTagCursor> ProgramBlockSource::OpenTag(int32_t tag_id) {
   TagObject* tag = program_.Tag(tag_id);
   if (tag == nullptr) return nullptr;
-  return std::make_unique<ProgramTagCursor>(tag);
+  return std::make_unique<ProgramTagCursor>(tag, &read_failed_);
 }
 
 int64_t ProgramBlockSource::Interval(int32_t tag_id) {
@@ -81,10 +109,14 @@ int64_t ProgramBlockSource::Interval(int32_t tag_id) {
   return tag == nullptr ? 0 : tag->Interval();
 }
 
-int32_t WriteProgramBlock(MQOneProgram& program) {
+int32_t WriteProgramBlock(MQOneProgram& program, size_t spill_threshold) {
   ProgramBlockSource source(program);
   EncodedBlock block;
-  if (EncodeBlock(source, &block) != 1) {
+  for (BitBuffer* b : {&block.tag_ids, &block.lengths, &block.data})
+    b->SetSpillThreshold(spill_threshold);
+  if (EncodeBlock(source, &block) != 1 || source.ReadFailed()) {
+    if (source.ReadFailed())
+      MQ_LOG("MQOneProgram: [%d] a tag's records could not be read", program.Number());
     program.ReleaseBuffers();
     return -1;
   }
@@ -112,9 +144,12 @@ std::vector<uint8_t> ProgramBlockBytes(MQOneProgram& program) {
                             program.DataBuffer()};
   if (header == nullptr || header->bytes.size() < kBlockHeaderSize) return {};
   std::vector<uint8_t> out(header->bytes.begin(), header->bytes.begin() + kBlockHeaderSize);
+  auto append = [&out](const uint8_t* p, size_t n) {
+    out.insert(out.end(), p, p + n);
+    return true;
+  };
   for (ProgramBuffer* p : parts) {
-    if (p == nullptr) return {};
-    out.insert(out.end(), p->bytes.begin(), p->bytes.end());
+    if (p == nullptr || !p->ForEachChunk(kStreamReadChunk, append)) return {};
   }
   return out;
 }
@@ -177,13 +212,21 @@ int32_t LoadProgramBlock(MQOneProgram& program, BlockRejection* why, BlockReadSt
   ProgramBuffer* lengths = program.DataLengthBuffer();
   ProgramBuffer* data = program.DataBuffer();
   if (ids == nullptr || lengths == nullptr || data == nullptr) return 0;
+  // A block this server wrote itself may have spilled streams; a block read from a file
+  // never has.
+  std::vector<uint8_t> copies[3];
+  const uint8_t* bytes[3];
+  size_t sizes[3];
+  const ProgramBuffer* streams[3] = {ids, lengths, data};
+  for (int i = 0; i < 3; ++i) {
+    if (!WholeStream(*streams[i], &copies[i], &bytes[i], &sizes[i])) return 0;
+  }
   BlockReadOptions options;
   options.accept = [&program](int32_t id) { return program.AcceptsTag(id); };
   options.max_filled_samples = max_filled_samples;
   auto content = std::make_unique<BlockContent>();
   BlockReadStats local;
-  if (DecodeBlock(ids->bytes.data(), ids->bytes.size(), lengths->bytes.data(),
-                  lengths->bytes.size(), data->bytes.data(), data->bytes.size(), options,
+  if (DecodeBlock(bytes[0], sizes[0], bytes[1], sizes[1], bytes[2], sizes[2], options,
                   content.get(), why, &local) != 1) {
     if (stats) *stats = local;
     return 0;

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 
 #include "block_test_util.h"
+#include "platform/temp_folders.h"
 #include "tags/block_format.h"
 
 namespace marquel {
@@ -116,6 +118,24 @@ TEST(BlockProgram, RejectedBlockLeavesTheProgramAlone) {
   EXPECT_EQ(why, BlockRejection::kDataCrc);
   EXPECT_EQ(Stored(dst, 5), (Pairs{{1, 1}}));
   EXPECT_EQ(dst.Tag(16), nullptr);
+}
+
+// A block written without the records a failed read left out would be a close that
+// answers success for samples it did not keep.
+TEST(BlockProgram, ARecordFileThatCannotBeReadFailsTheWrite) {
+  MQOneProgram p(0);
+  for (int32_t i = 0; i < 5000; ++i) ASSERT_EQ(p.InsertOne(16, MakePlainSample(i * 10, i)), 1);
+  ASSERT_EQ(p.FlushAllMemoryBlocks(), 1);
+  ASSERT_EQ(WriteProgramBlock(p), 1);
+  int cut = 0;
+  for (const auto& e : std::filesystem::directory_iterator(ProcessTempFolder())) {
+    if (e.path().filename().string().rfind("MQT", 0) != 0) continue;
+    std::filesystem::resize_file(e.path(), 0);
+    ++cut;
+  }
+  ASSERT_GT(cut, 0);
+  EXPECT_EQ(WriteProgramBlock(p), -1);
+  EXPECT_EQ(p.m_ptpData, nullptr) << "no partial block stays";
 }
 
 TEST(BlockProgram, MissingBuffersLoadNothing) {

@@ -41,24 +41,27 @@ uint64_t BytesLeft(FileHandle file) {
   return size < 0 || at < 0 || at > size ? 0 : static_cast<uint64_t>(size - at);
 }
 
-// Reads one stream of `size` bytes through the read buffer, which grows when needed.
-// False on a short read (checked before anything is allocated for it).
-bool ReadStream(FileHandle file, uint32_t size, std::vector<uint8_t>* buffer,
-                std::vector<uint8_t>* out) {
+// Reads one stream of `size` bytes straight into *out (no second copy of a large
+// stream). False on a short read (checked before anything is allocated for it).
+bool ReadStream(FileHandle file, uint32_t size, std::vector<uint8_t>* out) {
   if (size > BytesLeft(file)) return false;
-  if (size > buffer->size()) buffer->resize(size);
-  if (!ReadExactly(file, buffer->data(), size)) return false;
-  out->assign(buffer->begin(), buffer->begin() + size);
-  return true;
+  out->resize(size);
+  return ReadExactly(file, out->data(), size);
 }
 
 }  // namespace
 
 int32_t WriteProgramBlockToFile(MQOneProgram& program, FileHandle file) {
   if (program.CheckBuffersForSerialise() != 1) return 0;
-  std::vector<uint8_t> bytes = ProgramBlockBytes(program);
-  if (bytes.empty()) return 0;
-  return WriteAll(file, bytes.data(), bytes.size()) ? 1 : -1;
+  const ProgramBuffer* parts[] = {program.HeaderBuffer(), program.TagIdBuffer(),
+                                  program.DataLengthBuffer(), program.DataBuffer()};
+  if (parts[0]->Size() < kBlockHeaderSize) return 0;
+  // Chunk by chunk, so that a spilled stream never comes back into memory whole.
+  auto write = [file](const uint8_t* bytes, size_t n) { return WriteAll(file, bytes, n); };
+  for (const ProgramBuffer* part : parts) {
+    if (!part->ForEachChunk(kStreamReadChunk, write)) return -1;
+  }
+  return 1;
 }
 
 int32_t ReadProgramBlockFromTempFile(MQOneProgram& program, FileHandle file) {
@@ -67,28 +70,26 @@ int32_t ReadProgramBlockFromTempFile(MQOneProgram& program, FileHandle file) {
     program.ReleaseBuffers();
     return 0;
   };
-  std::vector<uint8_t> buffer(kTempFileReadBufferSize);
-  if (!ReadExactly(file, buffer.data(), kBlockHeaderSize)) return fail();
-  if (!BlockHeaderCrcOk(buffer.data())) {
+  uint8_t header[kBlockHeaderSize];
+  if (!ReadExactly(file, header, kBlockHeaderSize)) return fail();
+  if (!BlockHeaderCrcOk(header)) {
     MQ_LOG("MQOneProgram: [%d] Read from temp file check crc header failed", number);
     return fail();
   }
-  uint8_t header[kBlockHeaderSize];
-  std::copy(buffer.begin(), buffer.begin() + kBlockHeaderSize, header);
   BlockHeader h = ParseBlockHeader(header);
 
   std::vector<uint8_t> tag_ids, lengths, data;
-  if (!ReadStream(file, h.tag_id_size, &buffer, &tag_ids)) return fail();
+  if (!ReadStream(file, h.tag_id_size, &tag_ids)) return fail();
   if (!StreamCrcOk(tag_ids.data(), tag_ids.size())) {
     MQ_LOG("MQOneProgram: [%d] Read from temp file check crc tagid failed", number);
     return fail();
   }
-  if (!ReadStream(file, h.length_size, &buffer, &lengths)) return fail();
+  if (!ReadStream(file, h.length_size, &lengths)) return fail();
   if (!StreamCrcOk(lengths.data(), lengths.size())) {
     MQ_LOG("MQOneProgram: [%d] Read from temp file check crc length failed", number);
     return fail();
   }
-  if (!ReadStream(file, h.data_size, &buffer, &data)) return fail();
+  if (!ReadStream(file, h.data_size, &data)) return fail();
   SetProgramBlockBuffers(program, header, std::move(tag_ids), std::move(lengths), std::move(data));
   return 1;
 }

@@ -286,22 +286,35 @@ int32_t WriteBlock(BlockSampleSource& source, const BlockStreams& out, WriterPat
   out.tag_ids->AppendCrc();
   out.lengths->AppendCrc();
   constexpr uint64_t kMax = std::numeric_limits<uint32_t>::max();
-  if (out.tag_ids->size() > kMax || out.lengths->size() > kMax || out.data->size() > kMax) {
+  bool lost = false;
+  bool too_large = false;
+  for (BitBuffer* b : streams) {
+    lost = lost || b->spill_failed();
+    too_large = too_large || b->stream_size() > kMax;
+  }
+  if (lost || too_large) {
+    if (lost) MQ_LOG("Block: a stream could not be set aside in its temporary file");
     for (BitBuffer* b : streams) b->Clear();
     out.header->Clear();
     return -1;
   }
-  WriteBlockHeader(static_cast<uint32_t>(out.lengths->size()),
-                   static_cast<uint32_t>(out.data->size()),
-                   static_cast<uint32_t>(out.tag_ids->size()), out.header);
+  WriteBlockHeader(static_cast<uint32_t>(out.lengths->stream_size()),
+                   static_cast<uint32_t>(out.data->stream_size()),
+                   static_cast<uint32_t>(out.tag_ids->stream_size()), out.header);
   return 1;
 }
 
 std::vector<uint8_t> EncodedBlock::Bytes() const {
   std::vector<uint8_t> bytes;
-  bytes.reserve(header.size() + tag_ids.size() + lengths.size() + data.size());
-  for (const BitBuffer* b : {&header, &tag_ids, &lengths, &data})
-    bytes.insert(bytes.end(), b->data(), b->data() + b->size());
+  bytes.reserve(header.stream_size() + tag_ids.stream_size() + lengths.stream_size() +
+                data.stream_size());
+  for (const BitBuffer* b : {&header, &tag_ids, &lengths, &data}) {
+    const bool whole = b->ForEachChunk(kStreamReadChunk, [&bytes](const uint8_t* p, size_t n) {
+      bytes.insert(bytes.end(), p, p + n);
+      return true;
+    });
+    if (!whole) return {};
+  }
   return bytes;
 }
 

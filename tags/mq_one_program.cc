@@ -165,6 +165,13 @@ int MQOneProgram::FlushAllMemoryBlocks() {
   return result;
 }
 
+bool ProgramBuffer::ForEachChunk(size_t max_chunk, const StreamChunkFn& f) const {
+  const uint64_t spilled = spill ? spill->size() : 0;
+  const uint64_t held = Size() > spilled ? Size() - spilled : 0;
+  const size_t n = static_cast<size_t>(std::min<uint64_t>(held, bytes.size()));
+  return ForEachStreamChunk(spill.get(), bytes.data(), n, max_chunk, f);
+}
+
 ProgramBuffer* MQOneProgram::TagIdBuffer() {
   if (!m_ptpTagID) MQ_LOG("m_ptpTagID = NULL");
   return m_ptpTagID.get();

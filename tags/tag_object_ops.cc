@@ -270,9 +270,10 @@ int64_t TagObject::ReadAfterLocked(int64_t afterTime, bool inclusive, int64_t ca
   out->clear();
   bytes->clear();
   *full = false;
-  if (!file_ || FlushPendingLocked() < 0) return 0;
+  if (!file_) return 0;
+  if (FlushPendingLocked() < 0) return -1;
   std::vector<size_t> offsets;
-  file_->Scan(afterTime, inclusive, false, 0, [&](const SampleRecord& r) {
+  const int scanned = file_->Scan(afterTime, inclusive, false, 0, [&](const SampleRecord& r) {
     SampleRecord copy = r;
     offsets.push_back(bytes->size());
     if (r.pBuffer != nullptr && r.nValue > 0) {
@@ -285,6 +286,12 @@ int64_t TagObject::ReadAfterLocked(int64_t afterTime, bool inclusive, int64_t ca
             static_cast<int64_t>(bytes->size()) >= kStorePieceBytes;
     return !*full;
   });
+  if (scanned < 0) {
+    out->clear();
+    bytes->clear();
+    *full = false;
+    return -1;
+  }
   // The bytes have their final home now: point the records at them.
   for (size_t i = 0; i < out->size(); ++i) {
     SampleRecord& r = (*out)[i];
@@ -302,7 +309,8 @@ void TagRecordCursor::Load(int64_t afterTime, bool inclusive) {
   pos_ = 0;
   std::lock_guard<std::mutex> lock(tag_->mu_);
   bool full = false;
-  tag_->ReadAfterLocked(afterTime, inclusive, chunk_, &records_, &bytes_, &full);
+  if (tag_->ReadAfterLocked(afterTime, inclusive, chunk_, &records_, &bytes_, &full) < 0)
+    failed_ = true;
   // Only a chunk that ended short of both bounds ends the tag.
   exhausted_ = !full;
 }

@@ -181,6 +181,18 @@ std::string ReadFile(const std::string& path) {
   return ss.str();
 }
 
+int64_t StatusKiB(pid_t pid, const std::string& field) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(field + ":", 0) != 0) continue;
+    std::istringstream fields(line.substr(field.size() + 1));
+    int64_t kib = -1;
+    fields >> kib;
+    return kib;
+  }
+  return -1;
+}
+
 pid_t ServerPid() {
   try {
     auto connection = sdbus::createSessionBusConnection();

@@ -66,6 +66,8 @@ std::string ReadFile(const std::string& path);
 
 // The pid of the process that owns the server's bus name now, or -1.
 pid_t ServerPid();
+// A figure of /proc/<pid>/status in KiB (VmHWM, VmRSS), or -1.
+int64_t StatusKiB(pid_t pid, const std::string& field);
 // Sends one call to the server with the sdbus-c++ dynamic API (no client library in
 // between), for arguments the library would never send.
 std::unique_ptr<sdbus::IProxy> RawProxy(sdbus::IConnection& connection);

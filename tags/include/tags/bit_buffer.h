@@ -5,7 +5,9 @@
 // first bit written becomes bit 7 of the first byte, so a 32-bit field lands big-endian.
 // A finished stream is padded with zero bits to a whole byte and closed by the CRC-32 of
 // all its bytes as a 32-bit big-endian field. The same buffer is read back bit by bit
-// or byte by byte through its own read position.
+// or byte by byte through its own read position. Given a threshold, a buffer sets its
+// stored bytes aside in a temporary file (tags/stream_spill.h) whenever it would grow past
+// it, so that a stream of any size is written in bounded memory.
 //
 // BitReader reads a borrowed span of bytes the same way, without copying it.
 //
@@ -16,7 +18,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
+
+#include "tags/stream_spill.h"
 
 namespace marquel {
 
@@ -95,13 +100,38 @@ class BitBuffer {
   void Reserve(size_t capacity);
   // Bytes the buffer holds room for.
   size_t capacity() const { return storage_.size() > kSlack ? storage_.size() - kSlack : 0; }
-  // Empties the buffer (writing and reading start again at bit 0); keeps the capacity.
+  // Empties the buffer (writing and reading start again at bit 0), its spill file
+  // included; keeps the capacity and the spill threshold.
   void Clear();
   // Replaces the content with a copy of n bytes; the read position goes to 0.
   void Assign(const uint8_t* bytes, size_t n);
   // Hands the stored bytes over (exactly size() of them, without copying) and leaves the
   // buffer empty, without capacity. Bits not yet stored (see size()) are dropped.
   std::vector<uint8_t> ReleaseBytes();
+
+  // --- Spilling ----------------------------------------------------------------------
+
+  // From now on, when the buffer must grow past `bytes` stored bytes, they go to its spill
+  // file and the memory is written again from its start; growth by doubling stops at
+  // `bytes` (a single write larger than that still gets its room). 0, the default, keeps
+  // every byte in memory. The stream is then the spilled bytes followed by those in
+  // memory: size(), data() and the reads cover the bytes in memory only, stream_size()
+  // and ForEachChunk the whole stream. A spill that fails drops its bytes and sets
+  // spill_failed(); the stream is lost and the writer must fail.
+  void SetSpillThreshold(size_t bytes) { spill_threshold_ = bytes; }
+  // Bytes of the stream set aside in the spill file.
+  uint64_t spilled() const { return spilled_; }
+  bool spill_failed() const { return spill_failed_; }
+  // Bytes of the whole stream: spilled and in memory.
+  uint64_t stream_size() const { return spilled_ + size_; }
+  // Hands the stream's bytes to `f` in order, in chunks of at most `max_chunk` bytes.
+  // False when the spill file cannot be read back or `f` stops.
+  bool ForEachChunk(size_t max_chunk, const StreamChunkFn& f) const {
+    return ForEachStreamChunk(spill_.get(), storage_.data(), size_, max_chunk, f);
+  }
+  // Hands the spill file over (null when nothing was spilled); the buffer keeps the
+  // bytes in memory as its whole content. Take it before ReleaseBytes.
+  std::unique_ptr<StreamSpill> ReleaseSpill();
 
   // --- Writing -----------------------------------------------------------------------
 
@@ -120,7 +150,8 @@ class BitBuffer {
   void WriteBytes(const uint8_t* bytes, size_t n);
   // Pads with zero bits up to the next byte boundary.
   void PadToByte();
-  // Pads to a byte, then appends the CRC-32 of every byte held, big-endian.
+  // Pads to a byte, then appends the CRC-32 of every byte of the stream (spilled ones
+  // included), big-endian.
   void AppendCrc();
 
   // Direct writing, for writers that keep their own bit accumulator: returns where the
@@ -173,13 +204,21 @@ class BitBuffer {
   }
   // Moves the pending whole bytes of the accumulator into storage.
   void FlushWholeBytes();
+  // Makes room for `needed` stored bytes in all (counted before any spill), spilling
+  // first when a threshold is set and `needed` passes it.
   void Grow(size_t needed);
+  // Moves the stored bytes to the spill file.
+  void Spill();
 
   std::vector<uint8_t> storage_;  // size() = capacity + kSlack once reserved
   size_t size_ = 0;               // bytes stored
   uint64_t acc_ = 0;              // pending bits in the low `pending_` bits
   int pending_ = 0;               // 0..31 between calls
   uint64_t read_pos_ = 0;
+  size_t spill_threshold_ = 0;  // 0: never spill
+  uint64_t spilled_ = 0;
+  bool spill_failed_ = false;
+  std::unique_ptr<StreamSpill> spill_;
 };
 
 }  // namespace marquel

@@ -7,10 +7,12 @@
 // the program's tags.
 //
 // Buffer convention. After WriteProgramBlock or a successful read, m_ptpTagID,
-// m_ptpDataLength and m_ptpData each hold exactly their stream, CRC included
-// (bytes.size() is the stream's size), and m_ptpHeader holds the 26-byte header in the
-// first 26 of its 52 bytes. bitPosition is the number of bits written into the buffer
-// (the stream's size times 8; 208 for the header).
+// m_ptpDataLength and m_ptpData each hold exactly their stream, CRC included, and
+// m_ptpHeader holds the 26-byte header in the first 26 of its 52 bytes. bitPosition is
+// the number of bits written into the buffer (the stream's size times 8; 208 for the
+// header). A stream that WriteProgramBlock spilled keeps its first part in its spill file
+// (ProgramBuffer); without one, bytes.size() is the stream's size. Read a stream of any
+// size with ProgramBuffer::ForEachChunk.
 #pragma once
 
 #include <cstdint>
@@ -32,15 +34,21 @@ class ProgramBlockSource : public BlockSampleSource {
   int32_t HighestTagId() override { return program_.HighestTagId(); }
   std::unique_ptr<BlockTagCursor> OpenTag(int32_t tag_id) override;
   int64_t Interval(int32_t tag_id) override;
+  // Whether a tag's records could not be read: a cursor then ended early, so what the
+  // writer saw is not the whole program.
+  bool ReadFailed() const { return read_failed_; }
 
  private:
   MQOneProgram& program_;
+  bool read_failed_ = false;
 };
 
-// Writes the program's block into its four buffers (made anew). Returns 1, or -1 when
-// the block cannot be written (a stream beyond the 32-bit size fields); the buffers are
-// then released.
-int32_t WriteProgramBlock(MQOneProgram& program);
+// Writes the program's block into its four buffers (made anew). A stream whose bytes pass
+// `spill_threshold` is spilled to a temporary file past it, so the memory a write takes
+// stays bounded whatever the samples add up to. Returns 1, or -1 when the block cannot be
+// written (a stream beyond the 32-bit size fields, a spill that failed, or a record file
+// that could not be read); the buffers are then released and no spill file stays.
+int32_t WriteProgramBlock(MQOneProgram& program, size_t spill_threshold = kStreamSpillThreshold);
 
 // The block-size query: the predicted size of the block as it would be written now
 // (header included; see PredictBlockSizes for how each stream is counted).
@@ -50,7 +58,8 @@ int64_t QueryProgramBlockSize(MQOneProgram& program);
 int64_t QueryProgramBlockPeriodSize(MQOneProgram& program, int64_t start, int64_t end);
 
 // The block held in the program's buffers in its stored form (header, tag-id, length
-// and data streams). Empty when a buffer is missing (the missing one is logged).
+// and data streams), all in memory. Empty when a buffer is missing (the missing one is
+// logged) or a spilled stream cannot be read back. Writers stream the buffers instead.
 std::vector<uint8_t> ProgramBlockBytes(MQOneProgram& program);
 
 // Puts a stored block's parts into the program's four buffers, replacing them: the
@@ -59,7 +68,8 @@ void SetProgramBlockBuffers(MQOneProgram& program, const uint8_t* header,
                             std::vector<uint8_t> tag_ids, std::vector<uint8_t> lengths,
                             std::vector<uint8_t> data);
 
-// Converts the block held in the program's buffers into its tags. Every stream's CRC is
+// Converts the block held in the program's buffers into its tags (a spilled stream is
+// read back into memory first: the decoder needs each stream whole). Every stream's CRC is
 // checked first; a mismatch (or a block the reader rejects) returns 0 and changes
 // nothing. Otherwise every existing tag is cleared, the session's acceptance callback is
 // asked about each tag of the block (its answer becomes the tag's valid flag), the

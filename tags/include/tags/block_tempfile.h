@@ -10,13 +10,10 @@
 
 namespace marquel {
 
-// The read buffer of the temporary-file reader; it grows to a stream's size when a
-// stream is larger.
-constexpr size_t kTempFileReadBufferSize = 512000;
-
 // Writes the block held in the program's four buffers (see block_program.h) to `file`
-// at its current position. Returns 1; 0 when a buffer is missing ("error! process
-// program but no data!" is logged); -1 when a write fails.
+// at its current position, a chunk at a time (spilled streams are read back from their
+// files). Returns 1; 0 when a buffer is missing ("error! process program but no data!" is
+// logged); -1 when a write fails or a spilled stream cannot be read back.
 int32_t WriteProgramBlockToFile(MQOneProgram& program, FileHandle file);
 
 // Reads a block in its temporary-file form from `file`, at its current position, into

@@ -41,9 +41,10 @@ struct BlockStreams {
 };
 
 // Writes the block of `source` into the four buffers, which are emptied first and grow
-// as needed. Each stream is padded to a byte and closed by its CRC; the header carries
-// the streams' real sizes. Returns 1, or -1 (buffers emptied) when a
-// stream would not fit the header's 32-bit size fields.
+// as needed (a buffer with a spill threshold sets its bytes aside past it: read it back
+// with ForEachChunk). Each stream is padded to a byte and closed by its CRC; the header
+// carries the streams' real sizes. Returns 1, or -1 (buffers emptied) when a stream would
+// not fit the header's 32-bit size fields or could not be set aside (a full disk).
 int32_t WriteBlock(BlockSampleSource& source, const BlockStreams& out);
 
 // A block held in memory.
@@ -52,7 +53,8 @@ struct EncodedBlock {
   BitBuffer tag_ids;
   BitBuffer lengths;
   BitBuffer data;
-  // The block as stored: header, tag-id stream, length stream, data stream.
+  // The block as stored: header, tag-id stream, length stream, data stream (empty when a
+  // spilled stream cannot be read back).
   std::vector<uint8_t> Bytes() const;
 };
 

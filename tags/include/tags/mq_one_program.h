@@ -14,15 +14,28 @@
 #include <vector>
 
 #include "tags/sample.h"
+#include "tags/stream_spill.h"
 #include "tags/tag_definitions.h"
 #include "tags/tag_object.h"
 
 namespace marquel {
 
 // One of the data-block codec's serialisation buffers: its bytes and a bit position.
+// A large stream written at a close keeps only its last part in `bytes`: the part before
+// lies in `spill` (tags/stream_spill.h), and bitPosition counts both. Readers that must
+// work for any size read through ForEachChunk; `bytes` alone is the whole content only
+// while `spill` is null, as it always is for the header and for a block read back.
 struct ProgramBuffer {
   std::vector<uint8_t> bytes;
   uint64_t bitPosition = 0;
+  // Shared, so that a buffer stays copyable; the file goes with its last holder.
+  std::shared_ptr<const StreamSpill> spill;
+
+  // Bytes of content: whole bytes of bitPosition (26 for the header, whose `bytes` has 52).
+  uint64_t Size() const { return bitPosition / 8; }
+  // Hands the content to `f` in order, the spilled bytes first, in chunks of at most
+  // `max_chunk` bytes. False when the spill cannot be read back or `f` stops.
+  bool ForEachChunk(size_t max_chunk, const StreamChunkFn& f) const;
 };
 
 class MQOneProgram {

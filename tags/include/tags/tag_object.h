@@ -181,6 +181,9 @@ class TagRecordCursor {
   // The index of the current record among the tag's records (0 for the first).
   int64_t Index() const { return index_; }
   void Next();
+  // Whether a chunk could not be read (the record file failed): the cursor then ends
+  // early, and what it gave is not the whole tag.
+  bool Failed() const { return failed_; }
 
  private:
   void Load(int64_t afterTime, bool inclusive);
@@ -192,6 +195,7 @@ class TagRecordCursor {
   size_t pos_ = 0;
   int64_t index_ = 0;
   bool exhausted_ = false;
+  bool failed_ = false;
 };
 
 }  // namespace marquel
