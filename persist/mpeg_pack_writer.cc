@@ -104,12 +104,12 @@ bool FeedProgramStreams(MQOneProgram& program, MQPackMuxer& muxer, PackFileWrite
   if (!FeedBytes(header->bytes.data(), kBlockHeaderSize, muxer, writer)) return false;
   for (ProgramBuffer* stream :
        {program.TagIdBuffer(), program.DataLengthBuffer(), program.DataBuffer()}) {
-    if (stream == nullptr) return false;
-    const std::vector<uint8_t>& bytes = stream->bytes;
-    for (size_t at = 0; at < bytes.size(); at += kPackWriterChunk) {
-      size_t n = std::min<size_t>(kPackWriterChunk, bytes.size() - at);
-      if (!FeedBytes(bytes.data() + at, n, muxer, writer)) return false;
-    }
+    // A large stream was set aside while the block was written: read it back in chunks.
+    if (stream == nullptr ||
+        !stream->ForEachChunk(kPackWriterChunk, [&](const uint8_t* bytes, size_t n) {
+          return FeedBytes(bytes, n, muxer, writer);
+        }))
+      return false;
   }
   return true;
 }

@@ -135,6 +135,22 @@ TEST_P(WriteMPEGFile, DataIsReadBackAndTheMediaIsUnchanged) {
   EXPECT_TRUE(log.Has("[3] read from file 1"));
 }
 
+TEST_P(WriteMPEGFile, AStreamSetAsideWhileTheBlockWasMadeIsWrittenWhole) {
+  std::string path = CopyMedia(GetParam(), "spilled.mpg");
+  const int64_t start = FileSize(path);
+  auto f = Open(path);
+  InsertSamples(*f, 0, 7, 5000);
+  MQOneProgram* p = f->Program(0);
+  ASSERT_EQ(p->FlushAllMemoryBlocks(), 1);
+  ASSERT_EQ(WriteProgramBlock(*p, 256), 1);  // every stream past 256 bytes goes to a file
+  ASSERT_NE(p->DataBuffer()->spill, nullptr);
+  ASSERT_EQ(WriteInto(*f, start), 1);
+  auto g = Open(path);
+  EXPECT_EQ(g->DataSource(), kSourceMediaFile);
+  EXPECT_EQ(PlainSamples(*g, 0), Expected(7, 5000));
+  EXPECT_TRUE(HasRawSample(*g, 0, 7));
+}
+
 TEST_P(WriteMPEGFile, WritingTwiceLeavesOneCopy) {
   std::string path = CopyMedia(GetParam(), "a.mpg");
   const int64_t start = FileSize(path);
