@@ -1,4 +1,4 @@
-// The pieces of the program-stream writers (session_write_mpeg.cc): the clock of the
+// The pieces of the program-stream writers (ps_store_write.cc): the clock of the
 // stream before the data, the program's four streams fed through the pack muxer, and a
 // writer that puts the finished packs into a file in large blocks.
 #pragma once

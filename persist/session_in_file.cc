@@ -1,42 +1,39 @@
-// MarquelOneFile::CheckMQDataInFile for program streams: the end record found from the
-// file's end, and the block it points at, read and checked.
-#include <cinttypes>
-
-#include "log/log.h"
+// The session's in-file steps, each handed to the store of the file's container kind
+// (in_file_store.h).
 #include "media/file_type.h"
-#include "media/mq_end_record.h"
-#include "persist/block_from_media.h"
 #include "persist/marquel_one_file.h"
+#include "ps_in_file_store.h"
 
 namespace marquel {
 
+InFileStore* InFileStoreFor(int32_t format) {
+  static ProgramStreamStore program_streams;
+  // MPEG-1, MPEG-2, VCD, SVCD and MPEG-4 in packs.
+  if (format >= static_cast<int32_t>(MQ_FORMAT_MPEG1) &&
+      format <= static_cast<int32_t>(MQ_FORMAT_MPEG4))
+    return &program_streams;
+  return nullptr;
+}
+
 MQDataInFile MarquelOneFile::CheckMQDataInFile(FileHandle file) {
-  MQDataInFile result;
-  // Program streams only (MPEG-1, MPEG-2, VCD, SVCD, MPEG-4 in packs).
-  if (file_type_ < static_cast<int32_t>(MQ_FORMAT_MPEG1) ||
-      file_type_ > static_cast<int32_t>(MQ_FORMAT_MPEG4))
-    return result;
-  bool damaged = false;
-  std::optional<FoundMQEndRecord> found = FindMQEndRecord(file, &damaged);
-  if (!found) {
-    if (damaged) MQ_LOG("[%d] MQ end record in the file is damaged, ignored", handle_);
-    return result;
-  }
-  MQOneProgram* program = Program(0);
-  if (program == nullptr) return result;
-  // Only a block whose CRCs all hold counts as data in the file.
-  if (ReadBlockFromProgramStream(*program, file, file_type_, found->record.start_address,
-                                 handle_) != 1) {
-    MQ_LOG("[%d] MQ data in the file at %" PRId64 " is damaged, ignored", handle_,
-           found->record.start_address);
-    return result;
-  }
-  result.has_data = true;
-  result.block_in_buffers = true;
-  result.start_address = found->record.start_address;
-  result.identity[0] = found->record.original_size;
-  result.identity[1] = static_cast<uint64_t>(found->record.original_mtime);
-  return result;
+  InFileStore* store = InFileStoreFor(file_type_);
+  return store != nullptr ? store->Check(*this, file) : MQDataInFile{};
+}
+
+int32_t MarquelOneFile::WriteMPEGFile(FileHandle file, int64_t startAddress, int64_t originalMTime,
+                                      uint64_t originalSize) {
+  InFileStore* store = InFileStoreFor(file_type_);
+  return store != nullptr ? store->Write(*this, file, startAddress, originalMTime, originalSize)
+                          : 0;
+}
+
+int32_t MarquelOneFile::ProcessMQInterLeave(int32_t bHasMQ) {
+  InFileStore* store = InFileStoreFor(file_type_);
+  return store != nullptr ? store->Merge(*this, bHasMQ) : -1;
+}
+
+int32_t MarquelOneFile::GenerateMQTempMPEGData(FileHandle out, uint32_t muxRate) {
+  return ProgramStreamStore::GeneratePacks(*this, out, muxRate);
 }
 
 }  // namespace marquel

@@ -7,6 +7,7 @@
 
 #include "cache_test_util.h"
 #include "ffmpeg_test_util.h"
+#include "in_file_store.h"
 #include "media/mq_end_record.h"
 #include "persist/cache_entry.h"
 #include "persist/cache_limits.h"
@@ -140,6 +141,11 @@ TEST(MigrateRefused, MpegOneVcdVobAviAndWmvFilesKeepTheirCachesAndTags) {
     Reopened r = Reopen(path, 22);
     EXPECT_EQ(r.plain, Expected(22, 10));
   }
+}
+
+TEST(InFileStores, ProgramStreamsHaveOneAndOtherFormatsKeepTheirDataInTheCaches) {
+  for (int32_t format : {1, 2, 3, 4, 5}) EXPECT_NE(InFileStoreFor(format), nullptr) << format;
+  for (int32_t format : {0, 6, 7, 8, 9, 10, 17}) EXPECT_EQ(InFileStoreFor(format), nullptr) << format;
 }
 
 TEST(MigrateLimits, TheMoveTestsStrictlyAboveTheLimitWhereTheCloseTestsAtOrAbove) {

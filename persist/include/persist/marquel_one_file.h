@@ -142,7 +142,10 @@ class MarquelOneFile {
   int32_t TsProgramsKnown() const { return ts_programs_known_; }
 
  protected:
-  // The in-file check (session_in_file.cc): whether the open media file carries MQ data,
+  // The in-file steps below are handed to the store of the file's container kind
+  // (persist/in_file_store.h); a format without one keeps its data in the caches.
+  //
+  // The in-file check: whether the open media file carries MQ data,
   // where, and with which identity words. For program streams (format codes 1 to 5) the
   // end record is looked for at the file's end (media/mq_end_record.h); the file has data
   // only when the record holds and the block at its start address reads back with every
@@ -191,6 +194,7 @@ class MarquelOneFile {
 
  private:
   friend class SessionSteps;  // the open and close steps (session_steps.h)
+  friend class ProgramStreamStore;  // the in-file store of program streams
   int32_t MoveIntoProgramStream(FileHandle file, const FileStatusRecord& status, int64_t limit,
                                 int32_t bRemoveCache, bool* moved);
   void MakeProgramZero();

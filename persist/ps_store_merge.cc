@@ -1,5 +1,6 @@
-// MarquelOneFile::ProcessMQInterLeave: program 0's block merged into the program-stream
-// file in place (persist/ps_merge.h), checked by reading it back before it counts.
+// ProgramStreamStore::Merge, behind ProcessMQInterLeave: program 0's block merged into the
+// program-stream file in place (persist/ps_merge.h), checked by reading it back before it
+// counts.
 #include <cinttypes>
 #include <memory>
 
@@ -9,6 +10,7 @@
 #include "persist/block_from_media.h"
 #include "persist/marquel_one_file.h"
 #include "platform/temp_folders.h"
+#include "ps_in_file_store.h"
 #include "ps_merge.h"
 
 namespace marquel {
@@ -51,41 +53,41 @@ MergeEndPackFn EndPackMaker(int32_t format, uint32_t muxRate, int64_t mtime, uin
 
 }  // namespace
 
-int32_t MarquelOneFile::ProcessMQInterLeave(int32_t bHasMQ) {
+int32_t ProgramStreamStore::Merge(MarquelOneFile& f, int32_t bHasMQ) {
   MQ_LOG("[%d] ProcessMQInterLeave, bHasMQ %d, mq start address %" PRId64
          ", duration address %" PRId64 ", original time %" PRId64,
-         handle_, bHasMQ, mq_start_address_, static_cast<int64_t>(identity_[0]),
-         static_cast<int64_t>(identity_[1]));
-  FileHandle media = OpenRegularFile(file_name_, GENERIC_READ | GENERIC_WRITE);
+         f.handle_, bHasMQ, f.mq_start_address_, static_cast<int64_t>(f.identity_[0]),
+         static_cast<int64_t>(f.identity_[1]));
+  FileHandle media = OpenRegularFile(f.file_name_, GENERIC_READ | GENERIC_WRITE);
   if (media == kInvalidFileHandle) {
-    MQ_LOG("[%d] can not open '%s' as read/write", handle_, file_name_.c_str());
+    MQ_LOG("[%d] can not open '%s' as read/write", f.handle_, f.file_name_.c_str());
     return -1;
   }
-  const bool mpeg1 = file_type_ == 1 || file_type_ == 3;
-  const uint32_t mux_rate = StreamMuxRate(media, mpeg1, mq_start_address_);
+  const bool mpeg1 = f.file_type_ == 1 || f.file_type_ == 3;
+  const uint32_t mux_rate = StreamMuxRate(media, mpeg1, f.mq_start_address_);
   TempPackFile packs;
-  const int32_t pack_size = file_type_ == 1 || file_type_ == 3 || file_type_ == 4 ? 2324 : 2048;
+  const int32_t pack_size = f.file_type_ == 1 || f.file_type_ == 3 || f.file_type_ == 4 ? 2324 : 2048;
   int32_t result = -1;
-  if (packs.Make() && GenerateMQTempMPEGData(packs.h, mux_rate) == 1) {
+  if (packs.Make() && GeneratePacks(f, packs.h, mux_rate) == 1) {
     PsMergeRequest r;
-    r.media_path = file_name_;
+    r.media_path = f.file_name_;
     r.media = media;
     r.mpeg1 = mpeg1;
-    r.keep_before = mq_start_address_;
+    r.keep_before = f.mq_start_address_;
     r.data_packs = packs.h;
     r.data_pack_size = static_cast<uint32_t>(pack_size);
     r.data_pack_count = GetFileSize64(packs.h) / pack_size;
-    r.end_pack = EndPackMaker(file_type_, mux_rate, static_cast<int64_t>(identity_[1]),
-                              identity_[0]);
-    r.session = handle_;
+    r.end_pack = EndPackMaker(f.file_type_, mux_rate, static_cast<int64_t>(f.identity_[1]),
+                              f.identity_[0]);
+    r.session = f.handle_;
     // The data counts as in the file only when it reads back with every CRC right.
-    r.verify = [this, media](int64_t start) {
+    r.verify = [&f, media](int64_t start) {
       MQOneProgram check;
-      return ReadBlockFromProgramStream(check, media, file_type_, start, handle_) == 1;
+      return ReadBlockFromProgramStream(check, media, f.file_type_, start, f.handle_) == 1;
     };
     PsMergeResult merged;
     result = MergeIntoProgramStream(r, &merged);
-    if (result == 1) mq_start_address_ = merged.merge_start;  // where the data begins now
+    if (result == 1) f.mq_start_address_ = merged.merge_start;  // where the data begins now
   }
   CloseFileHandle(media);
   return result;

@@ -1,5 +1,6 @@
-// MarquelOneFile's program-stream writers: the data packs appended to the media file
-// (WriteMPEGFile) and the same pack stream as a file of its own (GenerateMQTempMPEGData).
+// ProgramStreamStore's writers: the data packs appended to the media file (Write, behind
+// WriteMPEGFile) and the same pack stream as a file of its own (GeneratePacks, behind
+// GenerateMQTempMPEGData).
 #include <cinttypes>
 #include <memory>
 
@@ -9,6 +10,7 @@
 #include "mpeg_pack_writer.h"
 #include "persist/block_from_media.h"
 #include "persist/marquel_one_file.h"
+#include "ps_in_file_store.h"
 #include "session_steps.h"
 
 namespace marquel {
@@ -50,24 +52,24 @@ bool WritePacks(MQOneProgram& program, MQPackMuxer& muxer, FileHandle file, int3
 
 }  // namespace
 
-int32_t MarquelOneFile::WriteMPEGFile(FileHandle file, int64_t startAddress, int64_t originalMTime,
-                                      uint64_t originalSize) {
-  MQ_LOGW(L"WriteMPEGFile(%d, %lld, %lld, %llu)", handle_, static_cast<long long>(startAddress),
+int32_t ProgramStreamStore::Write(MarquelOneFile& f, FileHandle file, int64_t startAddress,
+                                  int64_t originalMTime, uint64_t originalSize) {
+  MQ_LOGW(L"WriteMPEGFile(%d, %lld, %lld, %llu)", f.handle_, static_cast<long long>(startAddress),
           static_cast<long long>(originalMTime), static_cast<unsigned long long>(originalSize));
-  MQOneProgram* program = Program(0);
+  MQOneProgram* program = f.Program(0);
   if (program == nullptr || program->CheckBuffersForSerialise() != 1) return 0;
-  std::unique_ptr<MQPackMuxer> muxer = MakeMuxer(file_type_);
+  std::unique_ptr<MQPackMuxer> muxer = MakeMuxer(f.file_type_);
   if (!muxer || startAddress < 0) return 0;
 
   if (!CutRemovesOnlyOwnData(file, startAddress)) {
     // The file is left as it is, and the data goes where it is kept all the same.
-    MQ_LOG("[%d] %" PRId64 " is not where the file's data begins, write to the temp cache", handle_,
+    MQ_LOG("[%d] %" PRId64 " is not where the file's data begins, write to the temp cache", f.handle_,
            startAddress);
-    return SessionSteps::WriteTempCache(*this, *program, file);
+    return SessionSteps::WriteTempCache(f, *program, file);
   }
   uint64_t base = 0;
   uint32_t extension = 0;
-  LastClockBefore(file, file_type_, startAddress, &base, &extension);
+  LastClockBefore(file, f.file_type_, startAddress, &base, &extension);
   if (!CutAt(file, startAddress)) return 0;
   muxer->SetClock(base, extension);
 
@@ -75,24 +77,24 @@ int32_t MarquelOneFile::WriteMPEGFile(FileHandle file, int64_t startAddress, int
   record.start_address = startAddress;
   record.original_mtime = originalMTime;
   record.original_size = originalSize;
-  if (WritePacks(*program, *muxer, file, handle_, record)) return 1;
+  if (WritePacks(*program, *muxer, file, f.handle_, record)) return 1;
 
   // A half-written pack stream is no use to anyone: the file goes back to where its data
   // began, and the data to the temp cache, whose answer is the write's.
-  MQ_LOG("[%d] write into the media file failed, write to the temp cache", handle_);
+  MQ_LOG("[%d] write into the media file failed, write to the temp cache", f.handle_);
   CutAt(file, startAddress);
-  return SessionSteps::WriteTempCache(*this, *program, file);
+  return SessionSteps::WriteTempCache(f, *program, file);
 }
 
-int32_t MarquelOneFile::GenerateMQTempMPEGData(FileHandle out, uint32_t muxRate) {
+int32_t ProgramStreamStore::GeneratePacks(MarquelOneFile& f, FileHandle out, uint32_t muxRate) {
   MQ_LOGW(L"GenerateMQTempMPEGData");
-  MQOneProgram* program = Program(0);
+  MQOneProgram* program = f.Program(0);
   if (program == nullptr || program->CheckBuffersForSerialise() != 1) return 1;
-  std::unique_ptr<MQPackMuxer> muxer = MakeMuxer(file_type_);
+  std::unique_ptr<MQPackMuxer> muxer = MakeMuxer(f.file_type_);
   if (!muxer) return 0;
   if (SeekFile(out, 0, FILE_BEGIN) != 0) return 0;
   muxer->SetMuxRate(muxRate);
-  PackFileWriter writer(out, handle_);
+  PackFileWriter writer(out, f.handle_);
   // A failed write answers 0: the interleave must not merge a stream that is not all there.
   if (!FeedProgramStreams(*program, *muxer, writer)) return 0;
   if (muxer->Flush(nullptr) != 1) return 0;
