@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -13,6 +15,7 @@
 #include "media/mqinfo_temp.h"
 #include "media/ps_pack_walker.h"
 #include "persist/cache_keys.h"
+#include "persist/merge_rollback.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
 
@@ -221,6 +224,38 @@ TEST_F(PsMerge, DataThatDoesNotReadBackIsUndoneByteForByte) {
   EXPECT_GT(checked_at, 0) << "the check ran on the rewritten file";
   EXPECT_EQ(cachetest::ReadAll(media), before);
   EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty());
+}
+
+TEST_F(PsMerge, AMergeAKilledServerLeftHalfDoneIsUndoneAtTheNextStart) {
+  const std::string media = cachetest::CopyMedia("mpeg2ps_long.mpg", "killed.mpg");
+  const Bytes before = cachetest::ReadAll(media);
+  pid_t child = fork();
+  if (child == 0) {
+    // Killed in the middle of the rewrite: the file already holds other bytes.
+    on_end_ = [&] {
+      FileHandle m = OpenRegularFile(media, GENERIC_READ | GENERIC_WRITE);
+      const Bytes junk(50000, 0x47);
+      WriteAllAt(m, before.size() - 30000, junk.data(), junk.size());
+      _exit(0);
+    };
+    PsMergeResult result;
+    Merge(media, 20, -1, &result);
+    _exit(1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_NE(cachetest::ReadAll(media), before);
+  log::LogCapture log;
+  EXPECT_EQ(RollBackInterruptedMerges(), 1);
+  EXPECT_EQ(cachetest::ReadAll(media), before);
+  EXPECT_TRUE(log.HasMessage("MQCtrl: RollBackToOrg(" + media + ")"));
+  EXPECT_TRUE(log.HasMessage("MQCtrl: RollBackToOrg() OK"));
+  AccessReg reg;
+  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
+                                            CacheSubKeyName(media)).c_str()));
+  EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty()) << "the backups are gone";
+  EXPECT_EQ(RollBackInterruptedMerges(), 0) << "nothing is left to undo";
 }
 
 TEST_F(PsMerge, AFailedRewriteLeavesTheFileByteForByteAsItWas) {

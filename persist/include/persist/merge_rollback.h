@@ -1,0 +1,19 @@
+// Undoing in-place merges that a killed server left half done.
+//
+// Before a merge touches a program-stream file it keeps two backups and a roll-back
+// record (docs/in-file.md). A record still there at the next start means the merge never
+// finished: the file may hold a mix of old and new bytes, while the tags are still in
+// their cache, which is only removed after a merge has finished.
+#pragma once
+
+namespace marquel {
+
+// For each roll-back record of type 1 under "Software\Halvern\Marquel\RollBack": copies
+// the first and then the second backup back into the media file at the record's offset,
+// cuts the file where the old bytes end (so it is the file it was) and syncs it, then
+// deletes the record and both backups. A record whose file or backups are missing is
+// deleted without a copy. Logs "MQCtrl: RollBackToOrg(%s)" and, once the file is
+// restored, "MQCtrl: RollBackToOrg() OK". Returns the number of files restored.
+int RollBackInterruptedMerges();
+
+}  // namespace marquel
