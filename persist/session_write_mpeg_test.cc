@@ -10,6 +10,7 @@
 #include <string>
 
 #include "cache_test_util.h"
+#include "ffmpeg_test_util.h"
 #include "media/mpeg_system_dec.h"
 #include "media/mq_end_record.h"
 #include "persist/block_from_media.h"
@@ -65,23 +66,6 @@ int32_t WriteInto(WritingSession& f, int64_t start, int64_t mtime = 1700000000) 
   return r;
 }
 
-// ffmpeg's per-frame checksums of the video and audio, or "" without ffmpeg.
-std::string FrameMd5(const std::string& path) {
-  std::string cmd = "ffmpeg -nostdin -hide_banner -loglevel error -i '" + path +
-                    "' -map 0:v -map 0:a -f framemd5 - 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return "";
-  std::string out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  return pclose(p) == 0 ? out : "failed: " + out;
-}
-
-bool HaveFfmpeg() {
-  return system("ffmpeg -version >/dev/null 2>&1") == 0;
-}
-
 // How often the end record of `start` appears in the file.
 int CountEndRecords(const Bytes& file, int64_t start, int64_t mtime) {
   MQEndRecord r;
@@ -100,10 +84,10 @@ int CountEndRecords(const Bytes& file, int64_t start, int64_t mtime) {
 class WriteMPEGFile : public testing::TestWithParam<const char*> {};
 
 TEST_P(WriteMPEGFile, DataIsReadBackAndTheMediaIsUnchanged) {
-  if (!HaveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
+  if (!fftest::HaveFfmpeg()) GTEST_SKIP() << "ffmpeg is not installed";
   std::string path = CopyMedia(GetParam(), "a.mpg");
   const Bytes before = ReadAll(path);
-  const std::string md5_before = FrameMd5(path);
+  const std::string md5_before = fftest::FrameMd5(path);
   ASSERT_FALSE(md5_before.empty());
   ASSERT_EQ(md5_before.rfind("failed", 0), std::string::npos) << md5_before;
   const int64_t start = static_cast<int64_t>(before.size());
@@ -119,7 +103,7 @@ TEST_P(WriteMPEGFile, DataIsReadBackAndTheMediaIsUnchanged) {
   const Bytes after = ReadAll(path);
   ASSERT_GT(after.size(), before.size());
   EXPECT_TRUE(std::equal(before.begin(), before.end(), after.begin()));
-  EXPECT_EQ(FrameMd5(path), md5_before);
+  EXPECT_EQ(fftest::FrameMd5(path), md5_before);
 
   LogCapture log;
   auto g = Open(path);

@@ -258,4 +258,15 @@ void BusTest::StopServer() {
   WaitUntil([&] { return !ProcessAlive(pid); }, std::chrono::milliseconds(10000));
 }
 
+std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,
+                                                     int32_t tag) {
+  int32_t n = 0;
+  std::vector<std::pair<int64_t, int32_t>> got;
+  if (client.QueryOneTagSize2(handle, 0, tag, &n) != S_OK || n <= 0) return got;
+  std::vector<MarquelOneTag> tags(static_cast<size_t>(n));
+  if (client.GetDataAll2(handle, 0, tag, n, tags.data()) != S_OK) return got;
+  for (const MarquelOneTag& t : tags) got.emplace_back(t.llTimeCode, t.value);
+  return got;
+}
+
 }  // namespace marquel::test

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -63,6 +64,10 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 bool ProcessAlive(pid_t pid);
 // The text of a file ("" when missing).
 std::string ReadFile(const std::string& path);
+// The (time code, value) pairs of a plain tag of program 0 of an open file; none when
+// the tag holds nothing or a call fails.
+std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,
+                                                     int32_t tag);
 
 // The pid of the process that owns the server's bus name now, or -1.
 pid_t ServerPid();

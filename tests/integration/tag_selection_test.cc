@@ -37,15 +37,7 @@ class TagSelection : public BusTest {
     return h;
   }
 
-  Pairs Stored(int32_t h, int32_t tag) {
-    int32_t n = 0;
-    Pairs got;
-    if (client_->QueryOneTagSize2(h, 0, tag, &n) != S_OK || n <= 0) return got;
-    std::vector<MarquelOneTag> tags(static_cast<size_t>(n));
-    if (client_->GetDataAll2(h, 0, tag, n, tags.data()) != S_OK) return got;
-    for (const MarquelOneTag& t : tags) got.emplace_back(t.llTimeCode, t.value);
-    return got;
-  }
+  Pairs Stored(int32_t h, int32_t tag) { return PlainPairs(*client_, h, tag); }
 
   // After a server restart, what the file holds under tags 16 and 20.
   std::pair<Pairs, Pairs> AfterRestart(const std::string& path) {

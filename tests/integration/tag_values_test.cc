@@ -44,15 +44,7 @@ class TagValues : public BusTest {
     return path;
   }
 
-  Pairs Stored(int32_t h, int32_t tag) {
-    int32_t n = 0;
-    Pairs got;
-    if (client_->QueryOneTagSize2(h, 0, tag, &n) != S_OK || n <= 0) return got;
-    std::vector<MarquelOneTag> tags(static_cast<size_t>(n));
-    if (client_->GetDataAll2(h, 0, tag, n, tags.data()) != S_OK) return got;
-    for (const MarquelOneTag& t : tags) got.emplace_back(t.llTimeCode, t.value);
-    return got;
-  }
+  Pairs Stored(int32_t h, int32_t tag) { return PlainPairs(*client_, h, tag); }
 
   // Inserts into program 0, closes, restarts the server and opens the file again.
   int32_t InsertAndReopen(const std::string& path, int32_t tag, const Pairs& samples) {
