@@ -391,6 +391,30 @@ TEST(GenerateMQTempMPEGData, WritesThePackStreamWithoutAnEndRecord) {
   EXPECT_EQ(payload, block);
 }
 
+TEST(GenerateMQTempMPEGData, AFailedWriteStopsTheStreamAndStillAnswersOne) {
+  std::string path = CopyMedia("mpeg2ps.mpg", "a.mpg");
+  auto f = Open(path);
+  Tag(*f, 2, 20000);
+  const std::string out = test::TestPath("packs.bin");
+  FileHandle h = OpenFileHandle(out, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL, kInvalidFileHandle);
+  ASSERT_NE(h, kInvalidFileHandle);
+  struct rlimit old_limit;
+  getrlimit(RLIMIT_FSIZE, &old_limit);
+  signal(SIGXFSZ, SIG_IGN);
+  struct rlimit limit = old_limit;
+  limit.rlim_cur = 4096;  // two packs fit
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  LogCapture log;
+  const int32_t result = f->GenerateMQTempMPEGData(h, 3000);
+  setrlimit(RLIMIT_FSIZE, &old_limit);
+  signal(SIGXFSZ, SIG_DFL);
+  CloseFileHandle(h);
+  EXPECT_EQ(result, 1);
+  EXPECT_TRUE(log.Has("[3] GenerateMQTempMPEGData: the pack stream is cut short"));
+  EXPECT_LE(FileSize(out), 4096);
+}
+
 TEST(GenerateMQTempMPEGData, WithoutABlockSucceedsWithoutWriting) {
   std::string path = CopyMedia("mpeg2ps.mpg", "a.mpg");
   auto f = Open(path);

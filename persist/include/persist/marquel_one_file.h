@@ -169,8 +169,9 @@ class MarquelOneFile {
   // Writes program 0's finalised block as a pack stream of its own into `out` from offset
   // 0, packs of the format's size with `muxRate` and a zero clock, without an end record
   // (the in-place interleave merges it into the media file). Returns 1 when the stream
-  // is written and synced, or when there is no block to write; 0 when the muxer cannot be
-  // made or a write fails.
+  // is written and synced, when there is no block to write, and also when a write fails
+  // (the stream is then cut short, and the merge's read-back refuses it); 0 when the
+  // muxer cannot be made.
   int32_t GenerateMQTempMPEGData(FileHandle out, uint32_t muxRate);
 
  protected:
