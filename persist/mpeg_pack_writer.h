@@ -33,8 +33,10 @@ class PackFileWriter {
   PackFileWriter(FileHandle file, int32_t session);
   // Moves every finished byte out of the muxer; false when a block write fails.
   bool TakeFrom(MQPackMuxer& muxer);
-  // Writes what is collected and makes the file's data durable; false on a failure.
-  bool Finish();
+  // Writes what is collected and, with `sync`, makes the file's data durable; false on a
+  // failure. A pack stream that is only a step of the merge needs no sync: the merge
+  // syncs the media file it writes, and the stream is made again after a crash.
+  bool Finish(bool sync = true);
 
  private:
   bool WriteBlock();

@@ -99,7 +99,8 @@ int32_t ProgramStreamStore::GeneratePacks(MarquelOneFile& f, FileHandle out, uin
   // no tag is lost by it: the merge reads its data back from the media file before it
   // counts, and a stream cut short fails that check and is undone (ps_store_merge.cc).
   const bool whole = FeedProgramStreams(*program, *muxer, writer) &&
-                     muxer->Flush(nullptr) == 1 && writer.TakeFrom(*muxer) && writer.Finish();
+                     muxer->Flush(nullptr) == 1 && writer.TakeFrom(*muxer) &&
+                     writer.Finish(false);
   if (!whole) MQ_LOG("[%d] GenerateMQTempMPEGData: the pack stream is cut short", f.handle_);
   return 1;
 }

@@ -169,7 +169,7 @@ class MarquelOneFile {
   // Writes program 0's finalised block as a pack stream of its own into `out` from offset
   // 0, packs of the format's size with `muxRate` and a zero clock, without an end record
   // (the in-place interleave merges it into the media file). Returns 1 when the stream
-  // is written and synced, when there is no block to write, and also when a write fails
+  // is written (not synced: the merge syncs the media file), when there is no block, and also when a write fails
   // (the stream is then cut short, and the merge's read-back refuses it); 0 when the
   // muxer cannot be made.
   int32_t GenerateMQTempMPEGData(FileHandle out, uint32_t muxRate);
