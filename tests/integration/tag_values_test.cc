@@ -102,6 +102,15 @@ TEST_F(TagValues, AValueWiderThanItsTagIsKeptUntilTheCloseAndLogged) {
   EXPECT_EQ(Stored(h, kByteTag), (Pairs{{100000, 39}})) << "the block holds the low 8 bits";
 }
 
+TEST_F(TagValues, AStateTagValueAboveOneIsLoggedAndComesBackAsItsLowBit) {
+  LogToFile();
+  int32_t h = InsertAndReopen(Media(), 17, {{100000, 2}});
+  EXPECT_NE(ReadFile(LogPath()).find("tag 17 is 1 bits wide; value 2"), std::string::npos);
+  int32_t value = -1;
+  ASSERT_EQ(client_->GetDataOne(h, 17, 100000, &value), S_OK);
+  EXPECT_EQ(value, 0) << "a state tag's block item keeps one bit";
+}
+
 TEST_F(TagValues, AnInsertIntoAMissingProgramSucceedsStoresNothingAndIsLogged) {
   LogToFile();
   int32_t h = -1;
