@@ -23,8 +23,8 @@ using cachetest::ReadAll;
 using sessiontest::Expected;
 using sessiontest::HasRawSample;
 using sessiontest::InsertSamples;
-using sessiontest::PlainSamples;
 using sessiontest::kPlainTag;
+using sessiontest::PlainSamples;
 
 // Tags the file and closes it, which leaves the tags in its cache.
 void TagAndClose(const std::string& path, int32_t seed) {
@@ -124,10 +124,9 @@ INSTANTIATE_TEST_SUITE_P(FfmpegStreams, MigrateInto,
                          testing::Values("mpeg2ps_long.mpg", "svcd.mpg", "dvd_as.mpg"));
 
 TEST(MigrateRefused, MpegOneVcdVobAviAndWmvFilesKeepTheirCachesAndTags) {
-  for (auto [media, as] :
-       {std::pair{"mpeg1.mpg", "a.mpg"}, std::pair{"vcd.mpg", "b.mpg"},
-        std::pair{"dvd.vob", "c.vob"}, std::pair{"avi.avi", "d.avi"},
-        std::pair{"wmv.wmv", "e.wmv"}}) {
+  for (auto [media, as] : {std::pair{"mpeg1.mpg", "a.mpg"}, std::pair{"vcd.mpg", "b.mpg"},
+                           std::pair{"dvd.vob", "c.vob"}, std::pair{"avi.avi", "d.avi"},
+                           std::pair{"wmv.wmv", "e.wmv"}}) {
     SCOPED_TRACE(media);
     const std::string path = CopyMedia(media, as);
     const Bytes before = ReadAll(path);
@@ -143,9 +142,21 @@ TEST(MigrateRefused, MpegOneVcdVobAviAndWmvFilesKeepTheirCachesAndTags) {
   }
 }
 
-TEST(InFileStores, ProgramStreamsHaveOneAndOtherFormatsKeepTheirDataInTheCaches) {
-  for (int32_t format : {1, 2, 3, 4, 5}) EXPECT_NE(InFileStoreFor(format), nullptr) << format;
-  for (int32_t format : {0, 6, 7, 8, 9, 10, 17}) EXPECT_EQ(InFileStoreFor(format), nullptr) << format;
+TEST(InFileStores, ProgramAndTransportStreamsHaveOneAndOtherFormatsKeepTheirDataInTheCaches) {
+  for (int32_t format : {1, 2, 3, 4, 5, 10}) EXPECT_NE(InFileStoreFor(format), nullptr) << format;
+  for (int32_t format : {0, 6, 7, 8, 9, 17}) EXPECT_EQ(InFileStoreFor(format), nullptr) << format;
+}
+
+TEST(InFileStores, TheTransportStreamWritersRefuseUntilTheyAreBuilt) {
+  cachetest::LogCapture log;
+  MarquelOneFile f;
+  f.SetHandle(4);
+  InFileStore* store = InFileStoreFor(10);
+  ASSERT_NE(store, nullptr);
+  EXPECT_EQ(store->Write(f, kInvalidFileHandle, 0, 0, 0), -1);
+  EXPECT_EQ(store->Merge(f, 0), 0);
+  EXPECT_TRUE(log.Has("[4] writing MQ data into a transport stream is not supported yet"));
+  EXPECT_TRUE(log.Has("[4] merging MQ data into a transport stream is not supported yet"));
 }
 
 TEST(MigrateLimits, TheMoveTestsStrictlyAboveTheLimitWhereTheCloseTestsAtOrAbove) {
