@@ -5,8 +5,10 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "in_file_store.h"
+#include "media/mq_ts_info.h"
 
 namespace marquel {
 
@@ -37,5 +39,13 @@ struct MQTsPacketRun {
 // or a failed read; the file position is left anywhere.
 bool WalkMQTsPackets(FileHandle file, int32_t unit_size, int64_t begin, int64_t end, uint16_t pid,
                      MQTsPacketRun* run, std::string* why);
+
+// The file's data as the open's check finds it: the information packet in the last unit
+// of `unit` bytes, then for each program its packet run (WalkMQTsPackets, program 0's
+// walk beginning at the later of `first_offset` and half the original size) and its block
+// read with every CRC checked. True with the packet's fields and the programs; false, with
+// a log line of session `session` for damage, when anything is missing or wrong.
+bool FindTsInFileData(FileHandle file, int32_t unit, int64_t first_offset, int32_t session,
+                      MQTsInfo* info, std::vector<InFileProgram>* programs);
 
 }  // namespace marquel

@@ -72,54 +72,64 @@ bool WalkMQTsPackets(FileHandle file, int32_t unit_size, int64_t begin, int64_t 
   return true;
 }
 
-MQDataInFile TransportStreamStore::Check(MarquelOneFile& f, FileHandle file) {
-  MQDataInFile result;
-  const int32_t unit = static_cast<int32_t>(f.ts_packet_size_);
+bool FindTsInFileData(FileHandle file, int32_t unit, int64_t first_offset, int32_t session,
+                      MQTsInfo* info_out, std::vector<InFileProgram>* programs) {
+  programs->clear();
   const int64_t size = GetFileSize64(file);
-  if (f.file_type_ != static_cast<int32_t>(MQ_FORMAT_TS) || TsUnitPrefixBytes(unit) < 0 ||
-      size < unit)
-    return result;
+  if (TsUnitPrefixBytes(unit) < 0 || size < unit) return false;
   // The information packet is the file's last unit, read in one go.
   std::vector<uint8_t> last(static_cast<size_t>(unit));
   const int64_t info_at = size - unit;
-  if (!ReadAllAt(file, static_cast<uint64_t>(info_at), last.data(), last.size())) return result;
+  if (!ReadAllAt(file, static_cast<uint64_t>(info_at), last.data(), last.size())) return false;
   std::optional<MQTsInfo> info = ParseMQTsInfo(last.data(), unit, info_at, size);
   if (!info) {
     const uint8_t* p = last.data() + TsUnitPrefixBytes(unit);
     if (p[0] == 0x47 && (((p[1] & 0x1F) << 8) | p[2]) == kMQInfoPid)
-      MQ_LOG("[%d] MQ information packet in the file is damaged, ignored", f.handle_);
-    return result;
+      MQ_LOG("[%d] MQ information packet in the file is damaged, ignored", session);
+    return false;
   }
-  int64_t begin = FirstWalkBegin(*info, f.ts_first_packet_offset_, unit);
+  int64_t begin = FirstWalkBegin(*info, first_offset, unit);
   for (size_t i = 0; i < info->programs.size(); ++i) {
     const MQTsInfoProgram& p = info->programs[i];
     MQTsPacketRun run;
     std::string why;
     if (!WalkMQTsPackets(file, unit, begin, p.end_offset, info->mq_pid, &run, &why)) {
-      MQ_LOG("[%d] MQ packets of program %d in the file are damaged (%s), ignored", f.handle_,
+      MQ_LOG("[%d] MQ packets of program %d in the file are damaged (%s), ignored", session,
              static_cast<int32_t>(i), why.c_str());
-      return MQDataInFile{};
+      programs->clear();
+      return false;
     }
     // Only a block whose CRCs all hold counts as data in the file; the open reads it again
     // into the program it makes.
     MQOneProgram scratch(static_cast<int32_t>(i));
-    if (ReadBlockFromTransportStream(scratch, file, unit, run.start, info->mq_pid, f.handle_) !=
-        1) {
-      MQ_LOG("[%d] MQ data of program %d in the file at %" PRId64 " is damaged, ignored", f.handle_,
+    if (ReadBlockFromTransportStream(scratch, file, unit, run.start, info->mq_pid, session) != 1) {
+      MQ_LOG("[%d] MQ data of program %d in the file at %" PRId64 " is damaged, ignored", session,
              static_cast<int32_t>(i), run.start);
-      return MQDataInFile{};
+      programs->clear();
+      return false;
     }
     InFileProgram program;
     program.pmt_pid = p.pmt_pid;
     program.data_pid = info->mq_pid;
     program.start = run.start;
-    result.programs.push_back(program);
+    programs->push_back(program);
     begin = p.end_offset;
   }
+  *info_out = *info;
+  return true;
+}
+
+MQDataInFile TransportStreamStore::Check(MarquelOneFile& f, FileHandle file) {
+  MQDataInFile result;
+  if (f.file_type_ != static_cast<int32_t>(MQ_FORMAT_TS)) return result;
+  MQTsInfo info;
+  if (!FindTsInFileData(file, static_cast<int32_t>(f.ts_packet_size_), f.ts_first_packet_offset_,
+                        f.handle_, &info, &result.programs))
+    return result;
   result.has_data = true;
   result.start_address = result.programs[0].start;
-  result.identity[0] = info->original_size;
-  result.identity[1] = static_cast<uint64_t>(info->original_mtime);
+  result.identity[0] = info.original_size;
+  result.identity[1] = static_cast<uint64_t>(info.original_mtime);
   return result;
 }
 

@@ -96,6 +96,31 @@ TEST_F(InFileTs, EveryProgramInTheFileComesBackThroughTheBus) {
   }
 }
 
+TEST_F(InFileTs, ALaterCloseKeepsItsTagsOverTheOlderCopyInTheFile) {
+  int64_t start = 0;
+  const std::string path = StreamWithTags("ts2prog.ts", 188, 2, 5, &start);
+  int32_t h = -1;
+  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  ASSERT_EQ(PlainSamples(*client_, h, 1), Samples(6));
+  for (auto [t, v] : Samples(9)) ASSERT_EQ(client_->InsertDataOne2(h, 1, kPlainTag, t, v), S_OK);
+  const auto both = PlainSamples(*client_, h, 1);
+  ASSERT_EQ(both.size(), 80u);
+  const int32_t closed = client_->CloseFile(h, 0);
+  client_.reset();
+  StopServer();
+  client_ = Connect();
+  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  // A close that reports success has kept the new tags; one that fails says so.
+  if (closed == S_OK) {
+    EXPECT_EQ(PlainSamples(*client_, h, 1), both);
+    EXPECT_EQ(PlainSamples(*client_, h, 0), Samples(5));
+  }
+  int32_t status = -1;
+  ASSERT_EQ(client_->QueryMQDataStatus(h, &status), S_OK);
+  EXPECT_EQ(status, closed == S_OK ? 2 : 1) << closed;
+  ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
+}
+
 TEST_F(InFileTs, ADamagedInformationPacketOrBlockIsNotTaken) {
   for (int64_t back : {188 - 20, 0}) {
     int64_t start = 0;
