@@ -40,9 +40,19 @@ struct MQTsPacketRun {
 bool WalkMQTsPackets(FileHandle file, int32_t unit_size, int64_t begin, int64_t end, uint16_t pid,
                      MQTsPacketRun* run, std::string* why);
 
+// Finds where a program's run of MQ packets begins, walking back from `end` to `floor`
+// (both on the unit grid): the nearest packet on `pid` with counter 0 whose payload opens
+// a block header with a right CRC, whose block fills exactly the MQ packets from there to
+// `end`. So the search reads only the program's own stretch of the file. On the way the
+// counters must fall by one from packet to packet. False, with the reason in *why, for a
+// hole or a bad header, no packet or no start found, or a failed read.
+bool FindMQTsRunStart(FileHandle file, int32_t unit_size, int64_t floor, int64_t end, uint16_t pid,
+                      int64_t* start, std::string* why);
+
 // The file's data as the open's check finds it: the information packet in the last unit
-// of `unit` bytes, then for each program its packet run (WalkMQTsPackets, program 0's
-// walk beginning at the later of `first_offset` and half the original size) and its block
+// of `unit` bytes, then for each program the start of its packet run (FindMQTsRunStart,
+// never before the later of `first_offset` and half the original size, nor before the
+// previous program's end), the run walked (WalkMQTsPackets) and its block
 // read with every CRC checked. True with the packet's fields and the programs; false, with
 // a log line of session `session` for damage, when anything is missing or wrong.
 bool FindTsInFileData(FileHandle file, int32_t unit, int64_t first_offset, int32_t session,

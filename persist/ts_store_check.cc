@@ -9,6 +9,7 @@
 #include "media/mq_ts_packetizer.h"
 #include "persist/block_from_media.h"
 #include "persist/marquel_one_file.h"
+#include "tags/block_format.h"
 #include "ts_in_file_store.h"
 
 namespace marquel {
@@ -34,7 +35,53 @@ int64_t FirstWalkBegin(const MQTsInfo& info, int64_t first_offset, int32_t unit)
   return end - (end - floor) / unit * unit;
 }
 
+// Whether the packet's payload opens a block header, CRC right, whose block fills exactly
+// `packets` packets of payload.
+bool OpensBlockOf(const uint8_t* payload, int64_t packets) {
+  if (!BlockHeaderCrcOk(payload)) return false;
+  const BlockHeader h = ParseBlockHeader(payload);
+  const uint64_t total = uint64_t{kBlockHeaderSize} + h.tag_id_size + h.length_size + h.data_size;
+  return (total + kMQTsPayloadBytes - 1) / kMQTsPayloadBytes == static_cast<uint64_t>(packets);
+}
+
 }  // namespace
+
+bool FindMQTsRunStart(FileHandle file, int32_t unit_size, int64_t floor, int64_t end, uint16_t pid,
+                      int64_t* start, std::string* why) {
+  const int32_t prefix = TsUnitPrefixBytes(unit_size);
+  *why = "bad range";
+  if (prefix < 0 || floor < 0 || end < floor || (end - floor) % unit_size != 0) return false;
+  int32_t next = -1;  // the counter of the packet after this one
+  std::vector<uint8_t> chunk(static_cast<size_t>(kWalkUnits * unit_size));
+  int64_t packets = 0;
+  for (int64_t at = end; at > floor;) {
+    const int64_t units = std::min<int64_t>(kWalkUnits, (at - floor) / unit_size);
+    const int64_t from = at - units * unit_size;
+    if (!ReadAllAt(file, static_cast<uint64_t>(from), chunk.data(),
+                   static_cast<size_t>(units * unit_size))) {
+      *why = "read failed";
+      return false;
+    }
+    for (int64_t u = units - 1; u >= 0; --u) {
+      const uint8_t* p = chunk.data() + u * unit_size + prefix;
+      if (p[0] != 0x47 || (((p[1] & 0x1F) << 8) | p[2]) != pid) continue;
+      const int32_t counter = MQPacketCounter(p);
+      if (counter < 0 || (next >= 0 && counter != ((next + 15) & 0x0F))) {
+        *why = counter < 0 ? "bad packet header" : "continuity counter hole";
+        return false;
+      }
+      next = counter;
+      ++packets;
+      if (counter == 0 && OpensBlockOf(p + 5, packets)) {
+        *start = from + u * unit_size;
+        return true;
+      }
+    }
+    at = from;
+  }
+  *why = packets == 0 ? "no packets" : "no block start";
+  return false;
+}
 
 bool WalkMQTsPackets(FileHandle file, int32_t unit_size, int64_t begin, int64_t end, uint16_t pid,
                      MQTsPacketRun* run, std::string* why) {
@@ -93,7 +140,9 @@ bool FindTsInFileData(FileHandle file, int32_t unit, int64_t first_offset, int32
     const MQTsInfoProgram& p = info->programs[i];
     MQTsPacketRun run;
     std::string why;
-    if (!WalkMQTsPackets(file, unit, begin, p.end_offset, info->mq_pid, &run, &why)) {
+    int64_t start = -1;
+    if (!FindMQTsRunStart(file, unit, begin, p.end_offset, info->mq_pid, &start, &why) ||
+        !WalkMQTsPackets(file, unit, start, p.end_offset, info->mq_pid, &run, &why)) {
       MQ_LOG("[%d] MQ packets of program %d in the file are damaged (%s), ignored", session,
              static_cast<int32_t>(i), why.c_str());
       programs->clear();

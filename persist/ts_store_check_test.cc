@@ -7,6 +7,8 @@
 
 #include "cache_test_util.h"
 #include "session_test_util.h"
+#include "tags/block_content.h"
+#include "tags/block_writer.h"
 #include "ts_in_file_store.h"
 #include "ts_in_file_test_util.h"
 
@@ -122,11 +124,10 @@ TEST(TsInFileDamage, AHoleInTheCounterRejectsTheData) {
   const std::string path = FileWithData("ts188.ts", 1, &info, &packets);
   ASSERT_GE(packets.size(), 2u * 188);
   Bytes file = ReadAll(path);
-  // Turn the first MQ packet (just after the original) into a null packet.
-  const size_t second = info.original_size;
-  ASSERT_EQ(file[second + 3], 0x10);
-  file[second + 1] = 0x1F;
-  file[second + 2] = 0xFF;
+  // The second MQ packet (just after the first) gets another counter: one went missing.
+  const size_t second = info.original_size + 188;
+  ASSERT_EQ(file[second + 3], 0x11);
+  file[second + 3] = 0x15;
   WriteAll(path, file);
   LogCapture log;
   auto g = OpenSession(path, 0, 5);
@@ -143,13 +144,13 @@ TEST(TsInFileDamage, ADamagedBlockIsRejectedWithItsCrcLine) {
   Bytes file = ReadAll(path);
   const size_t first = info.original_size;
   ASSERT_EQ(file[first], 0x47);
-  file[first + 5 + 3] ^= 0x40;  // a byte of the block header
+  file[first + 5 + 30] ^= 0x40;  // a byte of the tag-id stream
   WriteAll(path, file);
   LogCapture log;
   auto g = OpenSession(path, 0, 5);
   EXPECT_EQ(g->m_bMQExisted, 0);
   EXPECT_EQ(g->DataSource(), kSourceNone);
-  EXPECT_TRUE(log.Has("MarquelOneFile: [5]Check header crc failed"));
+  EXPECT_TRUE(log.Has("MarquelOneFile: [5]Check tag id crc failed"));
   EXPECT_TRUE(log.Has("[5] MQ data of program 0 in the file at"));
 }
 
@@ -221,6 +222,46 @@ TEST(TsInFileWalk, PacketsOfOtherPidsAreSkippedAndABadHeaderStopsTheWalk) {
   h = OpenRegularFile(path, GENERIC_READ);
   EXPECT_FALSE(WalkMQTsPackets(h, 188, 0, 8 * 188, kMQPid, &run, &why));
   EXPECT_EQ(why, "bad packet header");
+  CloseFileHandle(h);
+}
+
+TEST(TsInFileWalk, TheRunStartIsTheBlockThatFillsThePacketsUpToTheEnd) {
+  BlockContent content;
+  for (int32_t i = 0; i < 1500; ++i) content.tags[19].AddPlain(i * 1000, i);
+  const Bytes block = EncodeBlockBytes(content);
+  Bytes packets;
+  MQTsPacketizer p(188, kMQPid, [&](const uint8_t* b, size_t n) {
+    packets.insert(packets.end(), b, b + n);
+    return true;
+  });
+  ASSERT_TRUE(p.Feed(block.data(), block.size()) && p.Finish());
+  ASSERT_GT(p.PacketCount(), 16u);  // the counter wraps inside the run
+  // A stray packet on the PID with counter 0 and a copy of the block's first packet, then
+  // a null unit, then the run with a null unit after every packet.
+  const Bytes null_unit = tstest::NullUnit(188);
+  Bytes file(packets.begin(), packets.begin() + 188);
+  file.insert(file.end(), null_unit.begin(), null_unit.end());
+  for (size_t at = 0; at < packets.size(); at += 188) {
+    file.insert(file.end(), packets.begin() + at, packets.begin() + at + 188);
+    file.insert(file.end(), null_unit.begin(), null_unit.end());
+  }
+  const std::string path = CopyMedia("ts188.ts", "s.ts");
+  WriteAll(path, file);
+  FileHandle h = OpenRegularFile(path, GENERIC_READ);
+  ASSERT_NE(h, kInvalidFileHandle);
+  int64_t start = -1;
+  std::string why;
+  ASSERT_TRUE(FindMQTsRunStart(h, 188, 0, static_cast<int64_t>(file.size()), kMQPid, &start, &why))
+      << why;
+  EXPECT_EQ(start, 2 * 188);
+  // Without the run's last packet the block fills no run, and the stray packet before
+  // it breaks the counter.
+  EXPECT_FALSE(FindMQTsRunStart(h, 188, 0, static_cast<int64_t>(file.size()) - 2 * 188, kMQPid,
+                                &start, &why));
+  EXPECT_EQ(why, "continuity counter hole");
+  EXPECT_FALSE(
+      FindMQTsRunStart(h, 188, 3 * 188, static_cast<int64_t>(file.size()), kMQPid, &start, &why));
+  EXPECT_EQ(why, "no block start");
   CloseFileHandle(h);
 }
 
