@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bus_fixture.h"
+#include "in_file_test_util.h"
 #include "media/mq_ts_info.h"
 #include "media/mq_ts_packetizer.h"
 #include "sample_set.h"
@@ -56,17 +57,6 @@ std::string StreamWithTags(const char* media, int32_t unit, int32_t programs, in
   return path;
 }
 
-std::vector<std::pair<int64_t, int32_t>> PlainSamples(IMarquelClient& c, int32_t h,
-                                                      int32_t program) {
-  std::vector<std::pair<int64_t, int32_t>> out;
-  int32_t n = 0;
-  if (c.QueryOneTagSize2(h, program, kPlainTag, &n) != S_OK || n <= 0) return out;
-  std::vector<MarquelOneTag> tags(static_cast<size_t>(n));
-  EXPECT_EQ(c.GetDataAll2(h, program, kPlainTag, n, tags.data()), S_OK);
-  for (int32_t i = 0; i < n; ++i) out.emplace_back(tags[i].llTimeCode, tags[i].value);
-  return out;
-}
-
 class InFileTs : public BusTest {};
 
 TEST_F(InFileTs, EveryProgramInTheFileComesBackThroughTheBus) {
@@ -90,7 +80,7 @@ TEST_F(InFileTs, EveryProgramInTheFileComesBackThroughTheBus) {
     EXPECT_EQ(status, 1) << c.media;
     EXPECT_EQ(address, start) << c.media;
     for (int32_t i = 0; i < c.programs; ++i) {
-      EXPECT_EQ(PlainSamples(*client_, h, i), Samples(5 + i)) << c.media << " program " << i;
+      EXPECT_EQ(ProgramPlainSamples(*client_, h, i), Samples(5 + i)) << c.media << " program " << i;
     }
     ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
   }
@@ -101,9 +91,9 @@ TEST_F(InFileTs, ALaterCloseKeepsItsTagsOverTheOlderCopyInTheFile) {
   const std::string path = StreamWithTags("ts2prog.ts", 188, 2, 5, &start);
   int32_t h = -1;
   ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
-  ASSERT_EQ(PlainSamples(*client_, h, 1), Samples(6));
+  ASSERT_EQ(ProgramPlainSamples(*client_, h, 1), Samples(6));
   for (auto [t, v] : Samples(9)) ASSERT_EQ(client_->InsertDataOne2(h, 1, kPlainTag, t, v), S_OK);
-  const auto both = PlainSamples(*client_, h, 1);
+  const auto both = ProgramPlainSamples(*client_, h, 1);
   ASSERT_EQ(both.size(), 80u);
   const int32_t closed = client_->CloseFile(h, 0);
   client_.reset();
@@ -112,8 +102,8 @@ TEST_F(InFileTs, ALaterCloseKeepsItsTagsOverTheOlderCopyInTheFile) {
   ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
   // A close that reports success has kept the new tags; one that fails says so.
   if (closed == S_OK) {
-    EXPECT_EQ(PlainSamples(*client_, h, 1), both);
-    EXPECT_EQ(PlainSamples(*client_, h, 0), Samples(5));
+    EXPECT_EQ(ProgramPlainSamples(*client_, h, 1), both);
+    EXPECT_EQ(ProgramPlainSamples(*client_, h, 0), Samples(5));
   }
   int32_t status = -1;
   ASSERT_EQ(client_->QueryMQDataStatus(h, &status), S_OK);
@@ -126,15 +116,8 @@ TEST_F(InFileTs, ADamagedInformationPacketOrBlockIsNotTaken) {
     int64_t start = 0;
     const std::string path = StreamWithTags("ts188.ts", 188, 1, 7, &start);
     // A byte of "MQDATA" in the information packet, or of the block's header.
-    const std::streamoff at = back != 0 ? std::filesystem::file_size(path) - back : start + 5 + 2;
-    std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
-    f.seekg(at);
-    char byte = 0;
-    f.read(&byte, 1);
-    byte = static_cast<char>(byte ^ 0x40);
-    f.seekp(at);
-    f.write(&byte, 1);
-    f.close();
+    const int64_t at = back != 0 ? std::filesystem::file_size(path) - back : start + 5 + 2;
+    FlipByte(path, at);
     int32_t h = -1;
     ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
     int32_t existed = -1, status = -1;
@@ -142,7 +125,7 @@ TEST_F(InFileTs, ADamagedInformationPacketOrBlockIsNotTaken) {
     ASSERT_EQ(client_->QueryMQDataStatus(h, &status), S_OK);
     EXPECT_EQ(existed, 0) << back;
     EXPECT_EQ(status, 0) << back;
-    EXPECT_TRUE(PlainSamples(*client_, h, 0).empty()) << back;
+    EXPECT_TRUE(ProgramPlainSamples(*client_, h, 0).empty()) << back;
     ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
   }
 }
