@@ -23,8 +23,8 @@ using cachetest::ReadAll;
 using sessiontest::Expected;
 using sessiontest::HasRawSample;
 using sessiontest::InsertSamples;
-using sessiontest::kPlainTag;
 using sessiontest::PlainSamples;
+using sessiontest::kPlainTag;
 
 // Tags the file and closes it, which leaves the tags in its cache.
 void TagAndClose(const std::string& path, int32_t seed) {
@@ -124,9 +124,10 @@ INSTANTIATE_TEST_SUITE_P(FfmpegStreams, MigrateInto,
                          testing::Values("mpeg2ps_long.mpg", "svcd.mpg", "dvd_as.mpg"));
 
 TEST(MigrateRefused, MpegOneVcdVobAviAndWmvFilesKeepTheirCachesAndTags) {
-  for (auto [media, as] : {std::pair{"mpeg1.mpg", "a.mpg"}, std::pair{"vcd.mpg", "b.mpg"},
-                           std::pair{"dvd.vob", "c.vob"}, std::pair{"avi.avi", "d.avi"},
-                           std::pair{"wmv.wmv", "e.wmv"}}) {
+  for (auto [media, as] :
+       {std::pair{"mpeg1.mpg", "a.mpg"}, std::pair{"vcd.mpg", "b.mpg"},
+        std::pair{"dvd.vob", "c.vob"}, std::pair{"avi.avi", "d.avi"},
+        std::pair{"wmv.wmv", "e.wmv"}}) {
     SCOPED_TRACE(media);
     const std::string path = CopyMedia(media, as);
     const Bytes before = ReadAll(path);
