@@ -3,11 +3,14 @@
 #include "media/file_type.h"
 #include "persist/marquel_one_file.h"
 #include "ps_in_file_store.h"
+#include "ts_in_file_store.h"
 
 namespace marquel {
 
 InFileStore* InFileStoreFor(int32_t format) {
   static ProgramStreamStore program_streams;
+  static TransportStreamStore transport_streams;
+  if (format == static_cast<int32_t>(MQ_FORMAT_TS)) return &transport_streams;
   // MPEG-1, MPEG-2, VCD, SVCD and MPEG-4 in packs.
   if (format >= static_cast<int32_t>(MQ_FORMAT_MPEG1) &&
       format <= static_cast<int32_t>(MQ_FORMAT_MPEG4))

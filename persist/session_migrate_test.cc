@@ -143,9 +143,21 @@ TEST(MigrateRefused, MpegOneVcdVobAviAndWmvFilesKeepTheirCachesAndTags) {
   }
 }
 
-TEST(InFileStores, ProgramStreamsHaveOneAndOtherFormatsKeepTheirDataInTheCaches) {
-  for (int32_t format : {1, 2, 3, 4, 5}) EXPECT_NE(InFileStoreFor(format), nullptr) << format;
-  for (int32_t format : {0, 6, 7, 8, 9, 10, 17}) EXPECT_EQ(InFileStoreFor(format), nullptr) << format;
+TEST(InFileStores, ProgramAndTransportStreamsHaveOneAndOtherFormatsKeepTheirDataInTheCaches) {
+  for (int32_t format : {1, 2, 3, 4, 5, 10}) EXPECT_NE(InFileStoreFor(format), nullptr) << format;
+  for (int32_t format : {0, 6, 7, 8, 9, 17}) EXPECT_EQ(InFileStoreFor(format), nullptr) << format;
+}
+
+TEST(InFileStores, TheTransportStreamWritersRefuseUntilTheyAreBuilt) {
+  cachetest::LogCapture log;
+  MarquelOneFile f;
+  f.SetHandle(4);
+  InFileStore* store = InFileStoreFor(10);
+  ASSERT_NE(store, nullptr);
+  EXPECT_EQ(store->Write(f, kInvalidFileHandle, 0, 0, 0), -1);
+  EXPECT_EQ(store->Merge(f, 0), 0);
+  EXPECT_TRUE(log.Has("[4] writing MQ data into a transport stream is not supported yet"));
+  EXPECT_TRUE(log.Has("[4] merging MQ data into a transport stream is not supported yet"));
 }
 
 TEST(MigrateLimits, TheMoveTestsStrictlyAboveTheLimitWhereTheCloseTestsAtOrAbove) {

@@ -19,11 +19,14 @@ void SessionSteps::OpenTransportStream(MarquelOneFile& f, FileHandle file, int32
     f.cache_file_path_ = entry.FirstCacheFile();
     f.cache_entry_key_ = entry.KeyPath();
   }
-  f.data_source_ = in_file.has_data ? kSourceMediaFile
-                   : in_registry    ? kSourceRegistry
-                                    : kSourceNone;
+  // Both: the cache wins. Its entry matches the file as it is now, its data included, so
+  // a close wrote it after that data was read: it holds the data and what came since.
+  const bool read_file = in_file.has_data && !in_registry;
+  if (in_file.has_data && in_registry)
+    MQ_LOG("[%d] the cache is newer than the data in the file", f.handle_);
+  f.data_source_ = read_file ? kSourceMediaFile : in_registry ? kSourceRegistry : kSourceNone;
   if (bLoad) {
-    if (in_file.has_data && !in_file.programs.empty()) LoadTsFromFile(f, file, in_file);
+    if (read_file && !in_file.programs.empty()) LoadTsFromFile(f, file, in_file);
     if (f.m_bMQExisted == 0 && in_registry) LoadTsFromRegistry(f, entry);
   }
   if (in_file.has_data) {

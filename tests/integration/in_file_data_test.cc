@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bus_fixture.h"
+#include "in_file_test_util.h"
 #include "media/mq_end_record.h"
 #include "media/mq_pack_muxer.h"
 #include "sample_set.h"
@@ -54,25 +55,9 @@ std::string StreamWithTags(int32_t seed, int64_t* start, int64_t* record) {
   return path;
 }
 
-void FlipByte(const std::string& path, int64_t at) {
-  std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
-  f.seekg(at);
-  char c = 0;
-  f.read(&c, 1);
-  c = static_cast<char>(c ^ 0x40);
-  f.seekp(at);
-  f.write(&c, 1);
-}
-
-// The plain samples of program 0; none when the tag is missing (its size query fails).
+// The plain samples of program 0.
 Pairs PlainSamples(IMarquelClient& c, int32_t h) {
-  Pairs out;
-  int32_t n = 0;
-  if (c.QueryOneTagSize2(h, 0, kPlainTag, &n) != S_OK || n <= 0) return out;
-  std::vector<MarquelOneTag> tags(static_cast<size_t>(n));
-  EXPECT_EQ(c.GetDataAll2(h, 0, kPlainTag, n, tags.data()), S_OK);
-  for (int32_t i = 0; i < n; ++i) out.emplace_back(tags[i].llTimeCode, tags[i].value);
-  return out;
+  return ProgramPlainSamples(c, h, 0);
 }
 
 class InFileData : public BusTest {};

@@ -95,6 +95,8 @@ class MarquelOneFile {
 
   int32_t FileType() const { return file_type_; }
   int64_t MQStartAddress() const { return mq_start_address_; }
+  // The unit size of a transport stream (188, 192 or 204) as the open found it; else 0.
+  uint32_t TsPacketSize() const { return ts_packet_size_; }
   int32_t m_bMQExisted = 0;
   int32_t DataSource() const { return data_source_; }
   uint64_t OriginalSize() const { return identity_[0]; }
@@ -194,8 +196,9 @@ class MarquelOneFile {
   uint64_t identity_[2] = {0, 0};
 
  private:
-  friend class SessionSteps;  // the open and close steps (session_steps.h)
-  friend class ProgramStreamStore;  // the in-file store of program streams
+  friend class SessionSteps;          // the open and close steps (session_steps.h)
+  friend class ProgramStreamStore;    // the in-file store of program streams
+  friend class TransportStreamStore;  // the in-file store of transport streams
   int32_t MoveIntoProgramStream(FileHandle file, const FileStatusRecord& status, int64_t limit,
                                 int32_t bRemoveCache, bool* moved);
   void MakeProgramZero();
