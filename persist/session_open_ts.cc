@@ -28,6 +28,13 @@ void SessionSteps::OpenTransportStream(MarquelOneFile& f, FileHandle file, int32
   if (bLoad) {
     if (read_file && !in_file.programs.empty()) LoadTsFromFile(f, file, in_file);
     if (f.m_bMQExisted == 0 && in_registry) LoadTsFromRegistry(f, entry);
+    // A cache that cannot be read hides nothing: the data in the file is taken instead,
+    // else a later close would write a cache without it, and that cache would win.
+    if (f.m_bMQExisted == 0 && in_registry && in_file.has_data && !in_file.programs.empty()) {
+      MQ_LOG("[%d] the cache could not be read, the data in the file is taken", f.handle_);
+      LoadTsFromFile(f, file, in_file);
+      if (f.m_bMQExisted == 1) f.data_source_ = kSourceMediaFile;
+    }
   }
   if (in_file.has_data) {
     f.mq_start_address_ = in_file.start_address;

@@ -181,6 +181,25 @@ TEST(TsInFileDamage, WithDamagedDataTheOpenFallsBackToTheCache) {
   EXPECT_TRUE(log.Has("[5] read from registry, m_bMQExisted = 1"));
 }
 
+TEST(TsInFileDamage, ACacheThatCannotBeReadGivesWayToTheDataInTheFile) {
+  const std::string path = FileWithData("ts188.ts", 1);
+  {
+    auto f = OpenSession(path);
+    ASSERT_EQ(f->m_bMQExisted, 1);
+    f->CloseFile(0);  // the data goes to the TS cache too
+  }
+  std::vector<CacheEntry> entries = ListCacheEntries(CacheKind::kTS);
+  ASSERT_EQ(entries.size(), 1u);
+  Bytes cache = ReadAll(entries[0].FirstCacheFile());
+  ASSERT_GT(cache.size(), 10u);
+  cache[5] ^= 0x5A;  // the header's CRC no longer holds
+  WriteAll(entries[0].FirstCacheFile(), cache);
+  LogCapture log;
+  auto g = OpenSession(path, 0, 5);
+  ExpectEveryProgramBack(*g, 1);
+  EXPECT_TRUE(log.Has("[5] the cache could not be read, the data in the file is taken"));
+}
+
 TEST(TsInFileWalk, PacketsOfOtherPidsAreSkippedAndABadHeaderStopsTheWalk) {
   const std::string path = CopyMedia("ts188.ts", "w.ts");
   Bytes file;
