@@ -83,7 +83,7 @@ int32_t MarquelFiles::QueryRawDataTagSampleSize(int32_t handle, int32_t program,
 
 int32_t MarquelFiles::SetTimeIntervalForTag(int32_t handle, int32_t program, int32_t tagId,
                                             int64_t interval) {
-  MQOneProgram* p = ProgramAt(handle, program);
+  MQOneProgram* p = WritableSessionAt(handle) ? ProgramAt(handle, program) : nullptr;
   return p ? p->SetTimeIntervalForTag(tagId, interval) : -1;
 }
 
@@ -137,7 +137,7 @@ int32_t MarquelFiles::InsertNewProgram(int32_t handle, int32_t pmtPid, int32_t* 
 }
 
 int32_t MarquelFiles::SetPMTPID(int32_t handle, int32_t program, int32_t pmtPid) {
-  MarquelOneFile* file = SessionAt(handle);
+  MarquelOneFile* file = WritableSessionAt(handle);
   return file ? file->SetPMTPID(program, pmtPid) : -1;
 }
 

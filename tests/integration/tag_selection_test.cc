@@ -74,6 +74,9 @@ TEST_F(TagSelection, AReadOnlyOpenLoadsItsSelectionAndRefusesEveryChange) {
   EXPECT_EQ(client_->DeleteDataPeriodForOneTag(h, 16, 0, -1), E_FAIL);
   EXPECT_EQ(client_->MinusTimeOffset(h, 1000), E_FAIL);
   EXPECT_EQ(client_->CleanFile(h), E_FAIL);
+  // The intervals and PMT PIDs the block keeps are changes too.
+  EXPECT_EQ(client_->SetTimeIntervalForTag2(h, 0, 16, 5000), E_FAIL);
+  EXPECT_EQ(client_->SetPMTPID(h, 0, 0x42), E_FAIL);
   EXPECT_EQ(Stored(h, 16), (Pairs{{100000, 1}}));
   EXPECT_EQ(client_->CloseFile(h, 1), S_OK);
   auto [tag16, tag20] = AfterRestart(path);
