@@ -1,6 +1,8 @@
 // The integration tests' world: a private session bus per test and process helpers.
 #include "bus_fixture.h"
 
+#include <filesystem>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -256,6 +258,12 @@ void BusTest::StopServer() {
   if (pid <= 0) return;
   kill(pid, SIGTERM);
   WaitUntil([&] { return !ProcessAlive(pid); }, std::chrono::milliseconds(10000));
+}
+
+std::string CopyTestMedia(const std::string& source, const std::string& as) {
+  const std::string path = TestPath(as);
+  std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/" + source, path);
+  return path;
 }
 
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,

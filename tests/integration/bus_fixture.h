@@ -64,6 +64,9 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 bool ProcessAlive(pid_t pid);
 // The text of a file ("" when missing).
 std::string ReadFile(const std::string& path);
+// A copy of the ffmpeg-made test media file `source` in the test's folder as `as`; its
+// path.
+std::string CopyTestMedia(const std::string& source, const std::string& as);
 // The (time code, value) pairs of a plain tag of program 0 of an open file; none when
 // the tag holds nothing or a call fails.
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,

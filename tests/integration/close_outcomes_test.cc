@@ -32,20 +32,9 @@ void Insert(IMarquelClient& c, int32_t h, int32_t seed) {
 }
 
 std::vector<std::pair<int64_t, int32_t>> Stored(IMarquelClient& c, int32_t h) {
-  int32_t n = 0;
-  std::vector<std::pair<int64_t, int32_t>> got;
-  if (c.QueryOneTagSize2(h, 0, kPlainTag, &n) != S_OK || n <= 0) return got;
-  std::vector<MarquelOneTag> tags(static_cast<size_t>(n));
-  if (c.GetDataAll2(h, 0, kPlainTag, n, tags.data()) != S_OK) return got;
-  for (const MarquelOneTag& t : tags) got.emplace_back(t.llTimeCode, t.value);
-  return got;
+  return PlainPairs(c, h, kPlainTag);
 }
 
-std::string CopyMedia(const char* source, const std::string& as) {
-  std::string path = TestPath(as);
-  std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/" + source, path);
-  return path;
-}
 
 std::string CacheFolder() {
   return std::string(getenv("XDG_DATA_HOME")) + "/Halvern/MQInfo";
@@ -103,9 +92,9 @@ TEST_F(CloseOutcomes, AnUnwritableCacheFolderFailsTheCloseAndLeavesNothingPendin
   } else {
     ASSERT_EQ(chmod(CacheFolder().c_str(), 0500), 0);
   }
-  ExpectCloseFails(CopyMedia("mpeg2ps.mpg", "a.mpg"));
-  ExpectCloseFails(CopyMedia("svcd.mpg", "b.mpg"));
-  ExpectCloseFails(CopyMedia("ts2prog.ts", "c.ts"));
+  ExpectCloseFails(CopyTestMedia("mpeg2ps.mpg", "a.mpg"));
+  ExpectCloseFails(CopyTestMedia("svcd.mpg", "b.mpg"));
+  ExpectCloseFails(CopyTestMedia("ts2prog.ts", "c.ts"));
   EXPECT_EQ(CacheEntries(), 0u);
   if (!read_only) chmod(CacheFolder().c_str(), 0700);
 }
@@ -119,8 +108,8 @@ TEST_F(CloseOutcomes, AFullDiskFailsTheCloseAndLeavesNothingPending) {
     std::string block(4096, 'x');
     for (int i = 0; i < 64 && filler; ++i) filler.write(block.data(), 4096).flush();
   }
-  ExpectCloseFails(CopyMedia("mpeg2ps.mpg", "a.mpg"));
-  ExpectCloseFails(CopyMedia("ts2prog.ts", "c.ts"));
+  ExpectCloseFails(CopyTestMedia("mpeg2ps.mpg", "a.mpg"));
+  ExpectCloseFails(CopyTestMedia("ts2prog.ts", "c.ts"));
   EXPECT_EQ(CacheEntries(), 0u);
   std::vector<std::string> left;
   for (const auto& f : std::filesystem::directory_iterator(CacheFolder()))
@@ -131,7 +120,7 @@ TEST_F(CloseOutcomes, AFullDiskFailsTheCloseAndLeavesNothingPending) {
 TEST_F(CloseOutcomes, AMediaFileRemovedBeforeTheCloseFailsIt) {
   for (auto [source, as] : {std::pair{"mpeg2ps.mpg", "a.mpg"}, std::pair{"ts2prog.ts", "c.ts"},
                             std::pair{"avi.avi", "e.avi"}}) {
-    std::string path = CopyMedia(source, as);
+    std::string path = CopyTestMedia(source, as);
     int32_t h = -1;
     ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
     Insert(*client_, h, 5);
@@ -145,8 +134,8 @@ TEST_F(CloseOutcomes, AMediaFileRemovedBeforeTheCloseFailsIt) {
 // A record holds 259 UTF-16 units of path: a longer one is refused, never cut.
 TEST_F(CloseOutcomes, APathTooLongForACacheRecordFailsTheClose) {
   std::string name(300 - TestDir().size(), 'x');
-  ExpectCloseFails(CopyMedia("ts2prog.ts", name + ".ts"));
-  ExpectCloseFails(CopyMedia("mpeg2ps.mpg", name + ".mpg"));
+  ExpectCloseFails(CopyTestMedia("ts2prog.ts", name + ".ts"));
+  ExpectCloseFails(CopyTestMedia("mpeg2ps.mpg", name + ".mpg"));
   EXPECT_EQ(CacheEntries(), 0u);
 }
 
@@ -155,8 +144,8 @@ TEST_F(CloseOutcomes, APathTooLongForACacheRecordFailsTheClose) {
 TEST_F(CloseOutcomes, APathOfManyCapitalsIsCachedAndComesBackAfterARestart) {
   std::string name = "Recording_";
   while (TestDir().size() + name.size() + 5 < 230) name.push_back('A' + name.size() % 26);
-  std::string ts = CopyMedia("ts2prog.ts", name + ".ts");
-  std::string mpg = CopyMedia("mpeg2ps.mpg", name + ".mpg");
+  std::string ts = CopyTestMedia("ts2prog.ts", name + ".ts");
+  std::string mpg = CopyTestMedia("mpeg2ps.mpg", name + ".mpg");
   for (const std::string& path : {ts, mpg}) {
     int32_t h = -1;
     ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
@@ -177,7 +166,7 @@ TEST_F(CloseOutcomes, APathOfManyCapitalsIsCachedAndComesBackAfterARestart) {
 }
 
 TEST_F(CloseOutcomes, ACopyMadeWithCpKeepsTagsOfItsOwnAndTheOriginalKeepsItsTags) {
-  std::string d2 = CopyMedia("ts2prog.ts", "d2.ts");
+  std::string d2 = CopyTestMedia("ts2prog.ts", "d2.ts");
   int32_t h = -1;
   ASSERT_EQ(client_->InitialFile(d2.c_str(), 0, 0, &h), S_OK);
   Insert(*client_, h, 2);

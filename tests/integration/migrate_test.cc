@@ -14,8 +14,7 @@ namespace {
 class Migrate : public BusTest {
  protected:
   std::string Tagged(const char* media, const char* as) {
-    std::string path = TestPath(as);
-    std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/" + media, path);
+    const std::string path = CopyTestMedia(media, as);
     int32_t h = -1;
     EXPECT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
     EXPECT_EQ(client_->InsertDataOne2(h, 0, 16, 100000, 7), S_OK);

@@ -24,11 +24,6 @@ std::vector<uint8_t> Bytes(int64_t seed, size_t n) {
   return b;
 }
 
-std::string CopyMedia(const char* source, const std::string& as) {
-  std::string path = TestPath(as);
-  std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/" + source, path);
-  return path;
-}
 
 int32_t Open(IMarquelClient& c, const std::string& path) {
   int32_t h = -1;
@@ -51,7 +46,7 @@ void ExpectRaw(IMarquelClient& c, int32_t h, int32_t tag, int64_t t, size_t n) {
 }
 
 TEST_F(RawSamples, EveryLengthComesBackAfterARestart) {
-  std::string path = CopyMedia("avi.avi", "raw.avi");
+  std::string path = CopyTestMedia("avi.avi", "raw.avi");
   int32_t h = Open(*client_, path);
   // The first sample fixes the tag's sample size; later ones are longer and shorter.
   const std::vector<std::pair<int64_t, size_t>> lengths = {
@@ -102,8 +97,8 @@ TEST_F(RawSamples, SamplesThatCannotBeKeptFail) {
 TEST_F(RawSamples, AMoveIntoAReadOnlyTargetLeavesTheSourceWhole) {
   // Which samples of a move the target refused is pinned in the tag store; through the
   // bus, a target that takes nothing at all is a file opened read-only.
-  std::string source = CopyMedia("avi.avi", "source.avi");
-  std::string target = CopyMedia("avi.avi", "target.avi");
+  std::string source = CopyTestMedia("avi.avi", "source.avi");
+  std::string target = CopyTestMedia("avi.avi", "target.avi");
   int32_t t = Open(*client_, target);
   ASSERT_EQ(client_->InsertDataOne(t, 16, 1, 1), S_OK);
   ASSERT_EQ(client_->CloseFile(t, 1), S_OK);

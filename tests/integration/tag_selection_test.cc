@@ -18,8 +18,7 @@ class TagSelection : public BusTest {
  protected:
   // A copy of the MPEG-2 test media holding tag 16 = {100000: 1} and tag 20 = {100000: 7}.
   std::string TaggedMedia() {
-    std::string path = TestPath("clip.mpg");
-    std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/mpeg2ps.mpg", path);
+    const std::string path = CopyTestMedia("mpeg2ps.mpg", "clip.mpg");
     int32_t h = -1;
     EXPECT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
     EXPECT_EQ(client_->InsertDataOne2(h, 0, 16, 100000, 1), S_OK);

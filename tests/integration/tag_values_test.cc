@@ -39,9 +39,7 @@ class TagValues : public BusTest {
 
   // A copy of the MPEG-2 test media, whose close leaves its tags in the cache.
   static std::string Media() {
-    std::string path = TestPath("clip.mpg");
-    std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/mpeg2ps.mpg", path);
-    return path;
+    return CopyTestMedia("mpeg2ps.mpg", "clip.mpg");
   }
 
   Pairs Stored(int32_t h, int32_t tag) { return PlainPairs(*client_, h, tag); }
