@@ -193,6 +193,14 @@ void SessionSteps::OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t
       f.m_bMQExisted = LoadCacheFile(f, program, entry.temp.cache_path);
       MQ_LOG("[%d] read from registry %d", f.handle_, f.m_bMQExisted);
     }
+    // A cache that cannot be read hides nothing: the data in the file is taken instead,
+    // else a later close would write a cache without it, and that cache would win.
+    if (f.m_bMQExisted == 0 && in_registry && in_file.has_data) {
+      MQ_LOG("[%d] the cache could not be read, the data in the file is taken", f.handle_);
+      f.m_bMQExisted = ReadBlockFromProgramStream(program, file, f.file_type_,
+                                                  in_file.start_address, f.handle_) == 1;
+      if (f.m_bMQExisted == 1) f.data_source_ = kSourceMediaFile;
+    }
   }
   if (!bLoad && in_file.block_in_buffers) f.Program(0)->ReleaseBuffers();
   if (in_file.has_data) {

@@ -26,12 +26,13 @@ void SessionSteps::OpenTransportStream(MarquelOneFile& f, FileHandle file, int32
     MQ_LOG("[%d] the cache is newer than the data in the file", f.handle_);
   f.data_source_ = read_file ? kSourceMediaFile : in_registry ? kSourceRegistry : kSourceNone;
   if (bLoad) {
-    if (read_file && !in_file.programs.empty()) LoadTsFromFile(f, file, in_file);
-    if (f.m_bMQExisted == 0 && in_registry) LoadTsFromRegistry(f, entry);
-    // A cache that cannot be read hides nothing: the data in the file is taken instead,
-    // else a later close would write a cache without it, and that cache would win.
-    if (f.m_bMQExisted == 0 && in_registry && in_file.has_data && !in_file.programs.empty()) {
-      MQ_LOG("[%d] the cache could not be read, the data in the file is taken", f.handle_);
+    if (in_registry) LoadTsFromRegistry(f, entry);
+    // The file's data when there is no cache, and also when the cache cannot be read: it
+    // hides nothing then, else a later close would write a cache without the file's data,
+    // and that cache would win.
+    if (f.m_bMQExisted == 0 && in_file.has_data && !in_file.programs.empty()) {
+      if (in_registry)
+        MQ_LOG("[%d] the cache could not be read, the data in the file is taken", f.handle_);
       LoadTsFromFile(f, file, in_file);
       if (f.m_bMQExisted == 1) f.data_source_ = kSourceMediaFile;
     }

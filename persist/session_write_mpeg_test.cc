@@ -11,6 +11,7 @@
 
 #include "cache_test_util.h"
 #include "ffmpeg_test_util.h"
+#include "persist/cache_entry.h"
 #include "media/mpeg_system_dec.h"
 #include "media/mq_end_record.h"
 #include "persist/block_from_media.h"
@@ -367,6 +368,31 @@ TEST(InFileCheck, ACacheWrittenAfterTheFileDataWinsOverIt) {
   EXPECT_TRUE(log.Has("[3] Check file time 1700000000, reg time 1700000000"));
   EXPECT_TRUE(log.Has("[3] read from registry 1"));
   EXPECT_EQ(PlainSamples(*h, 0), both);
+}
+
+TEST(InFileCheck, ACacheThatCannotBeReadGivesWayToTheDataInTheFile) {
+  std::string path = CopyMedia("mpeg2ps.mpg", "a.mpg");
+  {
+    auto f = Open(path);
+    Tag(*f, 1, 100);
+    ASSERT_EQ(WriteInto(*f, FileSize(path), 1700000000), 1);
+  }
+  {
+    auto g = Open(path);
+    ASSERT_EQ(g->WriteToFile(1), 1);  // a cache that wins over the file's data
+  }
+  CacheEntry entry;
+  ASSERT_TRUE(FindTempCacheEntry(path, &entry));
+  Bytes cache = ReadAll(entry.temp.cache_path);
+  ASSERT_GT(cache.size(), 10u);
+  cache[5] ^= 0x5A;  // the header's CRC no longer holds
+  cachetest::WriteAll(entry.temp.cache_path, cache);
+  LogCapture log;
+  auto h = Open(path);
+  EXPECT_TRUE(log.Has("[3] the cache could not be read, the data in the file is taken"));
+  EXPECT_EQ(h->m_bMQExisted, 1);
+  EXPECT_EQ(h->DataSource(), kSourceMediaFile);
+  EXPECT_EQ(PlainSamples(*h, 0), Expected(1, 100));
 }
 
 TEST(GenerateMQTempMPEGData, WritesThePackStreamWithoutAnEndRecord) {
