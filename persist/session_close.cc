@@ -20,13 +20,17 @@ bool MarquelOneFile::HasTags() {
   return false;
 }
 
+bool SessionSteps::FinaliseProgram(MQOneProgram& program) {
+  // A failed flush drops the samples still waiting in memory: the block written after it
+  // would lack them, so it fails too.
+  return program.FlushAllMemoryBlocks() == 1 && WriteProgramBlock(program) == 1;
+}
+
 bool SessionSteps::FinalisePrograms(MarquelOneFile& f) {
   for (int32_t i = 0, n = f.ProgramCount(); i < n; ++i) {
-    MQOneProgram& program = *f.Program(i);
-    program.FlushAllMemoryBlocks();
     // A program whose block is missing would be skipped by the cache writers, and the
     // close would report its tags kept.
-    if (WriteProgramBlock(program) != 1) {
+    if (!FinaliseProgram(*f.Program(i))) {
       MQ_LOG("[%d] program %d: its data block could not be written", f.handle_, i);
       return false;
     }

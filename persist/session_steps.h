@@ -27,6 +27,8 @@ class SessionSteps {
   // when a block cannot be written (logged), so that the close fails instead of leaving
   // that program out.
   static bool FinalisePrograms(MarquelOneFile& f);
+  // Flushes the program's waiting samples and writes its block. False when either fails.
+  static bool FinaliseProgram(MQOneProgram& program);
   // Detects the format from the file again (when it can be opened) and stores it.
   static void DetectFormat(MarquelOneFile& f);
   // The force-to-cache flag of the close: bWriteToCache, raised by the FAT limits (at or

@@ -66,10 +66,7 @@ int32_t MarquelOneFile::WriteToFile(int32_t bCache) {
 
   int32_t result = 0;
   if (bCache != 0) {
-    if (program->m_ptpHeader == nullptr) {
-      program->FlushAllMemoryBlocks();
-      if (WriteProgramBlock(*program) != 1) return -1;
-    }
+    if (program->m_ptpHeader == nullptr && !SessionSteps::FinaliseProgram(*program)) return -1;
     result = SessionSteps::WriteTempCache(*this, *program, media.h);
   } else {
     result =
