@@ -77,8 +77,9 @@ HRESULT CMQInterface::MoveCacheDataToOrgFile(const std::string& wOriFileName) {
   session->SetHandle(MarquelOneFile::kDetachedSessionNumber);
   bool moved = false;
   const int32_t result = session->MoveCacheDataToOrgFile(wOriFileName, 1, &moved);
-  if (result == -1) return E_FAIL;
-  return moved ? S_OK : S_FALSE;
+  // Tags in the file are there even when their cache could not be removed afterwards.
+  if (moved) return S_OK;
+  return result == -1 ? E_FAIL : S_FALSE;
 }
 
 // --- IMarquelEx ----------------------------------------------------------------------
