@@ -42,9 +42,9 @@ int64_t SizeOf(const std::string& path) {
   return FileStatus(path, &status) == 0 ? status.size : -1;
 }
 
-// Whether the file and both backups are there to restore from.
-bool Restorable(const RollBackRecord& r) {
-  return SizeOf(r.backups.packs) >= 0 && SizeOf(r.backups.tail) >= 0 && IsRegularFile(r.media);
+// Whether both backups are there to restore from.
+bool HasBackups(const RollBackRecord& r) {
+  return SizeOf(r.backups.packs) >= 0 && SizeOf(r.backups.tail) >= 0;
 }
 
 // Copies the backups back; true when the file is as it was before the merge.
@@ -78,8 +78,10 @@ int RollBackInterruptedMerges() {
     RollBackRecord r;
     const bool known = ReadRecord(key, &r);
     MQ_LOG("MQCtrl: RollBackToOrg(%s)", known ? r.media.c_str() : name.c_str());
-    if (known && Restorable(r)) {
-      if (!Restore(r)) {
+    if (known && HasBackups(r)) {
+      // A file that is not there now (a volume not mounted) is restored at a later start:
+      // the backups are the only copy of its old bytes.
+      if (!IsRegularFile(r.media) || !Restore(r)) {
         // The backups are the only copy of the old bytes: both stay for the next start.
         MQ_LOG("MQCtrl: RollBackToOrg(%s) failed, kept for the next start", r.media.c_str());
         continue;

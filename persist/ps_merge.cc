@@ -5,6 +5,7 @@
 
 #include "log/log.h"
 #include "media/ps_pack_walker.h"
+#include "persist/cache_sweep.h"
 #include "ps_merge.h"
 
 namespace marquel {
@@ -202,14 +203,19 @@ int32_t MergeIntoProgramStream(const PsMergeRequest& r, PsMergeResult* result) {
          plan.group_stream_packs, static_cast<long long>(plan.file_size - plan.packs_end));
   auto started = std::chrono::steady_clock::now();
   MergeBackups backups;
-  if (!MakeMergeBackups(r.media, plan, &backups)) {
-    MQ_LOG("[%d] ProcessMQInterLeave: can not make the backups", r.session);
-    return -1;
-  }
-  if (!WriteRollBackRecord(r.media_path, backups, plan.start)) {
-    MQ_LOG("[%d] ProcessMQInterLeave: can not write the roll-back record", r.session);
-    RemoveMergeBackups(backups);
-    return -1;
+  {
+    // The backups have the cache files' shape: a sweep must not take them before the
+    // record names them.
+    CacheWriteLock lock;
+    if (!MakeMergeBackups(r.media, plan, &backups)) {
+      MQ_LOG("[%d] ProcessMQInterLeave: can not make the backups", r.session);
+      return -1;
+    }
+    if (!WriteRollBackRecord(r.media_path, backups, plan.start)) {
+      MQ_LOG("[%d] ProcessMQInterLeave: can not write the roll-back record", r.session);
+      RemoveMergeBackups(backups);
+      return -1;
+    }
   }
   MQ_LOG("[%d] ProcessMQInterLeave: backups and roll-back record synced in %.1f ms", r.session,
          MillisecondsSince(started));

@@ -11,8 +11,9 @@ namespace marquel {
 // For each roll-back record of type 1 under "Software\Halvern\Marquel\RollBack": copies
 // the first and then the second backup back into the media file at the record's offset,
 // cuts the file where the old bytes end (so it is the file it was) and syncs it, then
-// deletes the record and both backups. A record whose file or backups are missing is
-// deleted without a copy. Logs "MQCtrl: RollBackToOrg(%s)" and, once the file is
+// deletes the record and both backups. A record whose backups are missing is deleted
+// without a copy; one whose file is missing, or whose restore fails, stays for the next
+// start with its backups. Logs "MQCtrl: RollBackToOrg(%s)" and, once the file is
 // restored, "MQCtrl: RollBackToOrg() OK". Returns the number of files restored.
 int RollBackInterruptedMerges();
 
