@@ -31,7 +31,7 @@ void FreeBuffers(SampleRecord* records, int64_t count) {
 int32_t WidthCutting(int32_t tag, int32_t value) {
   const TagDefinition* d = FindTagDefinition(tag);
   if (d == nullptr || d->nType == kTagTypeDelta || d->nBits <= 0 || d->nBits >= 32) return 0;
-  const int32_t kept = d->nType == 3 || d->nType == 4 ? 1 : d->nBits;
+  const int32_t kept = IsStateTagType(d->nType) ? 1 : d->nBits;
   return static_cast<uint32_t>(value) >> kept != 0 ? kept : 0;
 }
 
