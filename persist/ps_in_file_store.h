@@ -16,7 +16,9 @@ class ProgramStreamStore final : public InFileStore {
                 uint64_t size) override;
   // The block merged in place near the file's end (ps_store_merge.cc).
   int32_t Merge(MarquelOneFile& f, int32_t hasData) override;
-  // Program 0's block as a pack stream of its own into `out` (ps_store_write.cc).
+  // Program 0's block as a pack stream of its own into `out` (ps_store_write.cc): 1 when
+  // written whole, or when there is no block; 0 when the muxer cannot be made; -1 when a
+  // write failed and the stream is cut short.
   static int32_t GeneratePacks(MarquelOneFile& f, FileHandle out, uint32_t muxRate);
 };
 

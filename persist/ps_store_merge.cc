@@ -68,7 +68,11 @@ int32_t ProgramStreamStore::Merge(MarquelOneFile& f, int32_t bHasMQ) {
   TempPackFile packs;
   const int32_t pack_size = f.file_type_ == 1 || f.file_type_ == 3 || f.file_type_ == 4 ? 2324 : 2048;
   int32_t result = -1;
-  if (packs.Make() && GeneratePacks(f, packs.h, mux_rate) == 1) {
+  // Only a whole pack stream of at least one pack is merged.
+  const int64_t pack_count =
+      packs.Make() && GeneratePacks(f, packs.h, mux_rate) == 1 ? GetFileSize64(packs.h) / pack_size
+                                                               : 0;
+  if (pack_count > 0) {
     PsMergeRequest r;
     r.media_path = f.file_name_;
     r.media = media;
@@ -76,7 +80,7 @@ int32_t ProgramStreamStore::Merge(MarquelOneFile& f, int32_t bHasMQ) {
     r.keep_before = f.mq_start_address_;
     r.data_packs = packs.h;
     r.data_pack_size = static_cast<uint32_t>(pack_size);
-    r.data_pack_count = GetFileSize64(packs.h) / pack_size;
+    r.data_pack_count = pack_count;
     r.end_pack = EndPackMaker(f.file_type_, mux_rate, static_cast<int64_t>(f.identity_[1]),
                               f.identity_[0]);
     r.session = f.handle_;

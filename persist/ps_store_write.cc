@@ -95,14 +95,11 @@ int32_t ProgramStreamStore::GeneratePacks(MarquelOneFile& f, FileHandle out, uin
   if (SeekFile(out, 0, FILE_BEGIN) != 0) return 0;
   muxer->SetMuxRate(muxRate);
   PackFileWriter writer(out, f.handle_);
-  // A failed write stops the stream and still answers 1, as the merge's caller expects;
-  // no tag is lost by it: the merge reads its data back from the media file before it
-  // counts, and a stream cut short fails that check and is undone (ps_store_merge.cc).
   const bool whole = FeedProgramStreams(*program, *muxer, writer) &&
                      muxer->Flush(nullptr) == 1 && writer.TakeFrom(*muxer) &&
                      writer.Finish(false);
   if (!whole) MQ_LOG("[%d] GenerateMQTempMPEGData: the pack stream is cut short", f.handle_);
-  return 1;
+  return whole ? 1 : -1;
 }
 
 }  // namespace marquel

@@ -36,7 +36,9 @@ int32_t MarquelOneFile::ProcessMQInterLeave(int32_t bHasMQ) {
 }
 
 int32_t MarquelOneFile::GenerateMQTempMPEGData(FileHandle out, uint32_t muxRate) {
-  return ProgramStreamStore::GeneratePacks(*this, out, muxRate);
+  // A stream cut short by a failed write still answers 1, as described; the merge calls
+  // GeneratePacks itself and refuses such a stream.
+  return ProgramStreamStore::GeneratePacks(*this, out, muxRate) == 0 ? 0 : 1;
 }
 
 }  // namespace marquel
