@@ -35,6 +35,11 @@ int32_t MarquelOneFile::ProcessMQInterLeave(int32_t bHasMQ) {
   return store != nullptr ? store->Merge(*this, bHasMQ) : -1;
 }
 
+int32_t MarquelOneFile::ProcessMQInterLeaveInTS() {
+  if (file_type_ != static_cast<int32_t>(MQ_FORMAT_TS)) return 0;
+  return InFileStoreFor(file_type_)->Merge(*this, mq_start_address_ >= 0 ? 1 : 0) == 1 ? 1 : 0;
+}
+
 int32_t MarquelOneFile::GenerateMQTempMPEGData(FileHandle out, uint32_t muxRate) {
   // A stream cut short by a failed write still answers 1, as described; the merge calls
   // GeneratePacks itself and refuses such a stream.

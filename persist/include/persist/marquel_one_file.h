@@ -135,6 +135,13 @@ class MarquelOneFile {
   // back (persist/ps_merge.h), and reads it back from the file before it counts. 1, or
   // -1 with the file as it was.
   int32_t ProcessMQInterLeave(int32_t bHasMQ);
+  // Interleaves the data of every program that holds some into the transport stream's
+  // last packets in place, as MQ packets on one private PID closed by the information
+  // packet (persist/ts_in_file_store.h), and reads it back from the file before it
+  // counts. The session gives the file name, its programs with their PMT PIDs, the unit
+  // size and first-packet offset, the original size and time and the MQ start address.
+  // 1, or 0 with the file as it was.
+  int32_t ProcessMQInterLeaveInTS();
   // The cache file and the cache entry key (under the current user's root) the open
   // found or the close wrote; empty when none.
   const std::string& CacheFilePath() const { return cache_file_path_; }
