@@ -1,5 +1,5 @@
 // MarquelOneFile::MoveCacheDataToOrgFile: a program stream's cached tags moved into the
-// file itself, once nobody holds it open.
+// file itself, once nobody holds it open (transport streams: session_migrate_ts.cc).
 #include <cinttypes>
 
 #include "log/log.h"
@@ -39,15 +39,13 @@ int32_t MarquelOneFile::MoveCacheDataToOrgFile(const std::string& path, int32_t 
     MQ_LOG("[%d] can not read '%s'", handle_, path.c_str());
     return -1;
   }
-  file_type_ = static_cast<int32_t>(DetectFileType(nullptr, file, path));
+  TsLayout layout;
+  file_type_ = static_cast<int32_t>(DetectFileType(&layout, file, path));
+  ts_packet_size_ = layout.packet_size;
+  ts_first_packet_offset_ = layout.first_packet_offset;
   MQ_LOG("[%d] process with type %s", handle_, GetFormatName(static_cast<uint32_t>(file_type_)));
-  if (file_type_ == MQ_FORMAT_TS) {
-    CloseFileHandle(file);
-    // Transport streams keep their cache until their in-place writer exists.
-    MQ_LOG("[%d] moving into a transport stream is not supported; the data stays cached",
-           handle_);
-    return -1;
-  }
+  if (file_type_ == MQ_FORMAT_TS)
+    return MoveIntoTransportStream(file, status, limit, bRemoveCache, moved);
   if (file_type_ != MQ_FORMAT_MPEG2 && file_type_ != MQ_FORMAT_SVCD) {
     CloseFileHandle(file);
     MQ_LOG("[%d] not mpeg2, svcd file or ts file", handle_);

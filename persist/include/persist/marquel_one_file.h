@@ -20,6 +20,8 @@
 
 namespace marquel {
 
+struct CacheEntry;
+
 class MarquelOneFile {
  public:
   static constexpr int32_t kMaxPrograms = 8;
@@ -121,14 +123,16 @@ class MarquelOneFile {
 
   // --- Moving cached data into the media file (session_migrate.cc) ------------------
 
-  // Moves the temp-cached tags of the program stream `path` into the file itself
-  // (ProcessMQInterLeave). Returns 1 when they were moved (*moved true), and also when
-  // there was nothing to move or the file cannot take them: a format other than MPEG-2
-  // and SVCD, no cache entry, or a predicted size strictly above its FAT volume's limit
-  // (the data then stays in its cache). -1 when the move failed: a missing or unreadable
-  // file, no owner write permission, a transport stream (not supported yet), or a failed
-  // merge, which leaves the file as it was. bRemoveCache non-zero removes the cache
-  // entry and its file after a move.
+  // Moves the cached tags of `path` into the file itself: a program stream's temp-cache
+  // entry (ProcessMQInterLeave), or every program of a transport stream's TS-cache entry
+  // that matches the file as it is now (ProcessMQInterLeaveInTS). Returns 1 when they
+  // were moved (*moved true), and also when there was nothing to move or the file cannot
+  // take them: a format other than MPEG-2, SVCD and TS, no cache entry, or a predicted
+  // size strictly above its FAT volume's limit (the data then stays in its cache). -1
+  // when the move failed: a missing or unreadable file, no owner write permission, cached
+  // tags that cannot be read, or a failed merge, which leaves the file as it was and the
+  // cache in place. bRemoveCache non-zero removes the cache entry and its files after a
+  // move.
   int32_t MoveCacheDataToOrgFile(const std::string& path, int32_t bRemoveCache,
                                  bool* moved = nullptr);
   // Merges program 0's block into the media file in place from the MQ start address
@@ -208,6 +212,9 @@ class MarquelOneFile {
   friend class TransportStreamStore;  // the in-file store of transport streams
   int32_t MoveIntoProgramStream(FileHandle file, const FileStatusRecord& status, int64_t limit,
                                 int32_t bRemoveCache, bool* moved);
+  int32_t MoveIntoTransportStream(FileHandle file, const FileStatusRecord& status, int64_t limit,
+                                  int32_t bRemoveCache, bool* moved);
+  bool LoadTsCachePrograms(const CacheEntry& entry);
   void MakeProgramZero();
 
   int32_t handle_ = -1;
