@@ -260,6 +260,21 @@ void BusTest::StopServer() {
   WaitUntil([&] { return !ProcessAlive(pid); }, std::chrono::milliseconds(10000));
 }
 
+void BusTest::LogToFile(const std::string& path) {
+  client_.reset();
+  StopServer();
+  const std::string key = "Software\\Halvern\\Common\\Marquel";
+  for (const std::vector<std::string>& value :
+       {std::vector<std::string>{"DumpMQInfo2", "--dword", "1"},
+        std::vector<std::string>{"DumpToFile", "--dword", "1"},
+        std::vector<std::string>{"DumpFileName", "--string", path}}) {
+    std::vector<std::string> argv = {MarquelctlPath(), "reg", "set", "--machine", key};
+    argv.insert(argv.end(), value.begin(), value.end());
+    ASSERT_EQ(RunProgram(argv), 0);
+  }
+  client_ = Connect();
+}
+
 std::string CopyTestMedia(const std::string& source, const std::string& as) {
   const std::string path = TestPath(as);
   std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/" + source, path);
@@ -267,7 +282,7 @@ std::string CopyTestMedia(const std::string& source, const std::string& as) {
 }
 
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,
-                                                     int32_t tag) {
+                                                    int32_t tag) {
   int32_t n = 0;
   std::vector<std::pair<int64_t, int32_t>> got;
   if (client.QueryOneTagSize2(handle, 0, tag, &n) != S_OK || n <= 0) return got;

@@ -70,7 +70,7 @@ std::string CopyTestMedia(const std::string& source, const std::string& as);
 // The (time code, value) pairs of a plain tag of program 0 of an open file; none when
 // the tag holds nothing or a call fails.
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,
-                                                     int32_t tag);
+                                                    int32_t tag);
 
 // The pid of the process that owns the server's bus name now, or -1.
 pid_t ServerPid();
@@ -98,6 +98,9 @@ class BusTest : public testing::Test {
   std::string MediaFile(const std::string& name, size_t bytes = 1);
   // Stops the server with SIGTERM, if one runs, and waits for it.
   void StopServer();
+  // Turns the server's log on into `path` in the machine store and starts the server
+  // again (through a new client_), since the log settings are read at start-up.
+  void LogToFile(const std::string& path);
 
   PrivateBus bus_;
   std::unique_ptr<IMarquelClient> client_;
