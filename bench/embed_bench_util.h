@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -66,6 +67,34 @@ inline bool TagIntoCache(const std::string& path) {
   return f.CloseFile(0) != -1;
 }
 
+// A 1 GiB file made by repeating test medium `source` in a scratch folder of the bench's
+// own, which also holds the bench's XDG folders (the caches it writes stay inside), and
+// ffmpeg's time to copy the file with `-map 0 -c copy -f <format>`: negative when making
+// or copying failed. The caller removes `dir`.
+struct BigFile {
+  std::filesystem::path dir;
+  std::string path;
+  int64_t size = 0;
+  double ffmpeg = -1;
+};
+
+inline BigFile MakeBigFileAndCopyIt(const char* bench, const char* source, const char* name,
+                                    const char* format) {
+  constexpr int64_t kFileBytes = int64_t{1} << 30;
+  BigFile big;
+  big.dir = MakeScratchFolder(bench);
+  setenv("XDG_DATA_HOME", (big.dir / "data").c_str(), 1);
+  setenv("XDG_CONFIG_HOME", (big.dir / "config").c_str(), 1);
+  big.path = (big.dir / name).string();
+  big.size = MakeRepeated(std::string(MARQUEL_TEST_MEDIA_DIR) + "/" + source, big.path, kFileBytes);
+  if (big.size <= 0) return big;
+  const std::filesystem::path copy = big.dir / (std::string("copy.") + format);
+  big.ffmpeg = TimeCommand("ffmpeg -nostdin -loglevel quiet -y -i '" + big.path +
+                           "' -map 0 -c copy -f " + format + " '" + copy.string() + "'");
+  std::filesystem::remove(copy);
+  return big;
+}
+
 // What the child reports about its move.
 struct MoveFigures {
   double seconds = 0;
@@ -111,6 +140,24 @@ inline void PrintFigure(const char* name, double value, const char* unit, double
                         bool pass) {
   std::printf("BENCH %s %.3f %s ratio=%.3f goal=%g %s\n", name, value, unit, ratio, goal,
               pass ? "pass" : "short");
+}
+
+// The three BENCH lines of an embedding bench named `bench` (speed against ffmpeg, bytes
+// written against tag bytes plus the rewritten tail, peak RSS), written bytes shown in
+// `unit` ("bytes" or "MB"), and a line of the raw figures.
+inline void ReportMove(const std::string& bench, const BigFile& big, const MoveFigures& m,
+                       long long tail, const char* unit) {
+  const double speed = big.ffmpeg / m.seconds;
+  PrintFigure((bench + "_speed").c_str(), speed, "x", speed, 100, speed >= 100);
+  const double written = std::strcmp(unit, "MB") == 0
+                             ? static_cast<double>(m.written) / (1024.0 * 1024.0)
+                             : static_cast<double>(m.written);
+  const double share = static_cast<double>(m.written) / static_cast<double>(kEmbedTagBytes + tail);
+  PrintFigure((bench + "_bytes_written").c_str(), written, unit, share, 3, share <= 3);
+  const double rss_mb = static_cast<double>(m.rss_kb) / 1024.0;
+  PrintFigure((bench + "_peak_rss").c_str(), rss_mb, "MB", rss_mb, 32, rss_mb <= 32);
+  std::printf("%s: ffmpeg %.3f s, move %.3f s, tail %lld bytes of %lld\n", bench.c_str(),
+              big.ffmpeg, m.seconds, tail, static_cast<long long>(big.size));
 }
 
 }  // namespace marquel::bench

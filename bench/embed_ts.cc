@@ -23,7 +23,6 @@ namespace {
 
 namespace bench = marquel::bench;
 
-constexpr int64_t kFileBytes = int64_t{1} << 30;
 constexpr int32_t kUnit = 188;  // ts188.ts
 
 // The offset of the file's first packet on the MQ PID named by its information packet,
@@ -58,40 +57,22 @@ int64_t FirstMQPacket(const std::string& path, int64_t original_size) {
 
 int main(int argc, char** argv) {
   if (argc == 3 && std::strcmp(argv[1], "--move") == 0) return bench::MoveChild(argv[2]);
-  const auto dir = bench::MakeScratchFolder("embed_ts");
-  setenv("XDG_DATA_HOME", (dir / "data").c_str(), 1);
-  setenv("XDG_CONFIG_HOME", (dir / "config").c_str(), 1);
-  const std::string path = (dir / "big.ts").string();
+  const bench::BigFile big =
+      bench::MakeBigFileAndCopyIt("embed_ts", "ts188.ts", "big.ts", "mpegts");
+  const std::string& path = big.path;
   int status = 1;
-  const int64_t size =
-      bench::MakeRepeated(std::string(MARQUEL_TEST_MEDIA_DIR) + "/ts188.ts", path, kFileBytes);
-  const double ffmpeg = size <= 0 ? -1
-                                  : bench::TimeCommand("ffmpeg -nostdin -loglevel quiet -y -i '" +
-                                                       path + "' -map 0 -c copy -f mpegts '" +
-                                                       (dir / "copy.ts").string() + "'");
-  std::filesystem::remove(dir / "copy.ts");
   bench::MoveFigures m;
-  if (ffmpeg <= 0 || !bench::FlushMadeFile(path) || !bench::TagIntoCache(path)) {
+  if (big.ffmpeg <= 0 || !bench::FlushMadeFile(path) || !bench::TagIntoCache(path)) {
     std::printf("embed_ts: could not make, copy or tag the file\n");
   } else if (!bench::RunMoveChild(path, &m)) {
     std::printf("embed_ts: the move failed; the tags stayed in the cache\n");
-  } else if (const int64_t first = FirstMQPacket(path, size); first < 0) {
+  } else if (const int64_t first = FirstMQPacket(path, big.size); first < 0) {
     std::printf("embed_ts: the move answered success but the file has no sound MQ packets\n");
   } else {
-    const long long tail = m.size - first;
-    const double speed = ffmpeg / m.seconds;
-    bench::PrintFigure("embed_ts_speed", speed, "x", speed, 100, speed >= 100);
-    const double written_mb = static_cast<double>(m.written) / (1024.0 * 1024.0);
-    const double share =
-        static_cast<double>(m.written) / static_cast<double>(bench::kEmbedTagBytes + tail);
-    bench::PrintFigure("embed_ts_bytes_written", written_mb, "MB", share, 3, share <= 3);
-    bench::PrintFigure("embed_ts_peak_rss", m.rss_kb / 1024.0, "MB", m.rss_kb / 1024.0, 32,
-                       m.rss_kb / 1024.0 <= 32);
-    std::printf("embed_ts: ffmpeg %.3f s, move %.3f s, tail %lld bytes of %lld\n", ffmpeg,
-                m.seconds, tail, static_cast<long long>(size));
+    bench::ReportMove("embed_ts", big, m, m.size - first, "MB");
     status = 0;
   }
   std::error_code ec;
-  std::filesystem::remove_all(dir, ec);
+  std::filesystem::remove_all(big.dir, ec);
   return status;
 }
