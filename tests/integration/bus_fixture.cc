@@ -226,6 +226,9 @@ const char* TestClientPath() {
 
 void BusTest::SetUp() {
   setenv("MARQUEL_IDLE_GRACE_MS", "300", 1);
+  // The close monitor makes its first round at the start, then waits this long; tests of
+  // the monitor ask for short rounds.
+  setenv("MARQUEL_MONITOR_INTERVAL_MS", std::to_string(monitor_interval_ms_).c_str(), 1);
   ASSERT_EQ(RunProgram({Marquel64Path(), "-RegServer"}), 0);
   ASSERT_TRUE(bus_.Start());
   client_ = Connect();
@@ -267,7 +270,7 @@ std::string CopyTestMedia(const std::string& source, const std::string& as) {
 }
 
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,
-                                                     int32_t tag) {
+                                                    int32_t tag) {
   int32_t n = 0;
   std::vector<std::pair<int64_t, int32_t>> got;
   if (client.QueryOneTagSize2(handle, 0, tag, &n) != S_OK || n <= 0) return got;

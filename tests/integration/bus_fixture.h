@@ -70,7 +70,7 @@ std::string CopyTestMedia(const std::string& source, const std::string& as);
 // The (time code, value) pairs of a plain tag of program 0 of an open file; none when
 // the tag holds nothing or a call fails.
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,
-                                                     int32_t tag);
+                                                    int32_t tag);
 
 // The pid of the process that owns the server's bus name now, or -1.
 pid_t ServerPid();
@@ -101,6 +101,9 @@ class BusTest : public testing::Test {
 
   PrivateBus bus_;
   std::unique_ptr<IMarquelClient> client_;
+  // Time between two rounds of the server's close monitor (set before SetUp runs). The
+  // default keeps rounds out of the way of tests that look at pending moves.
+  int monitor_interval_ms_ = 600000;
 };
 
 }  // namespace marquel::test
