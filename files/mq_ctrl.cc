@@ -115,6 +115,7 @@ int32_t MQCtrl::Start() {
   std::lock_guard<std::mutex> lock(wake_mu_);
   if (!options_.run_thread || worker_.joinable()) return 1;
   stopping_ = false;
+  stop_requested_ = false;
   try {
     worker_ = std::thread([this] { Monitor(); });
   } catch (const std::system_error&) {
@@ -125,6 +126,7 @@ int32_t MQCtrl::Start() {
 }
 
 int32_t MQCtrl::Stop() {
+  stop_requested_ = true;  // the round ends after the file it is working on
   {
     std::lock_guard<std::mutex> lock(wake_mu_);
     stopping_ = true;

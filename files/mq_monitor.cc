@@ -26,7 +26,7 @@ size_t MQCtrl::RunRound() {
   std::lock_guard<std::mutex> round(round_mu_);
   const std::vector<std::string> files = PendingFiles();
   const int32_t n = static_cast<int32_t>(files.size());
-  for (int32_t i = 0; i < n; ++i) {
+  for (int32_t i = 0; i < n && !stop_requested_.load(); ++i) {
     const std::string& path = files[static_cast<size_t>(i)];
     MQ_LOG("MQCtrl: process '%s' (%d/%d)", path.c_str(), i + 1, n);
     // The claim makes the open-file check and the move one step: a client that opens the

@@ -8,6 +8,7 @@
 // Stop writes the rest back.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -37,8 +38,8 @@ class MQCtrl : public MarquelFiles {
   // round runs at once. 1, or 0 when the thread cannot be made (the list is kept).
   // Started again it only loads what the store holds.
   int32_t Start();
-  // Ends the monitor after its current round, then writes what is left under MQTemp and
-  // empties the list. 1.
+  // Ends the monitor once the file its round works on is done (a move ends or restores
+  // the file), then writes what is left under MQTemp and empties the list. 1.
   int32_t Stop();
 
   // Puts a file on the list (once, names compared as the table compares them), its
@@ -71,6 +72,7 @@ class MQCtrl : public MarquelFiles {
   std::mutex wake_mu_;
   std::condition_variable wake_;
   bool stopping_ = false;  // under wake_mu_
+  std::atomic<bool> stop_requested_{false};  // read by a round between two files
   std::thread worker_;
 };
 
