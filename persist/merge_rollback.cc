@@ -8,12 +8,11 @@
 #include "log/log.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
+#include "merge_record.h"
 #include "ps_merge.h"
 
 namespace marquel {
 namespace {
-
-constexpr char kRollBackRoot[] = "Software\\Halvern\\Marquel\\RollBack";
 
 struct RollBackRecord {
   std::string media;
