@@ -108,8 +108,7 @@ int32_t Interleave(FileHandle media, const TsMergeInput& in, int64_t* dataStart)
   TsMergePlan plan;
   if (!PlanTsMerge(in, media, &plan)) return 0;
   MQ_LOG("[%d] ProcessMQInterLeaveInTS: MQ PID %u, rewrite from %" PRId64
-         ", interleave from "
-         "%" PRId64 " of %" PRId64 " bytes",
+         ", interleave from %" PRId64 " of %" PRId64 " bytes",
          in.session, plan.mq_pid, plan.rewrite_from, plan.start, plan.size);
   PacketFiles packets;
   for (size_t i : plan.programs) {

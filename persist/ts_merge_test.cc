@@ -225,6 +225,22 @@ TEST(TsMerge, ABlockOnePacketAboveTheRoundedSizeStillGoesIn) {
   EXPECT_EQ(UnitsWithout(ReadAll(path), 0, 188, kTsFirstCandidatePid, kMQInfoPid), before);
 }
 
+TEST(TsMerge, ABlockTooSmallToCountAPacketGoesInAtTheFileEnd) {
+  const std::string path = CopyMedia("ts188.ts", "tiny.ts");
+  const Bytes before = ReadAll(path);
+  auto f = OpenSession(path);
+  f->SetPMTPID(0, 0x1000);
+  ASSERT_EQ(WriteProgramBlock(*f->Program(0)), 1);  // no tag: the header and empty streams
+  ASSERT_LT(SerialisedBlockBytes(*f->Program(0)), 89) << "rounds to no packet at all";
+  ASSERT_EQ(f->ProcessMQInterLeaveInTS(), 1);
+  EXPECT_EQ(f->MQStartAddress(), static_cast<int64_t>(before.size()));
+  const Bytes after = ReadAll(path);
+  EXPECT_EQ(after.size(), before.size() + 2 * 188) << "one MQ packet, one information packet";
+  EXPECT_TRUE(std::equal(before.begin(), before.end(), after.begin()));
+  auto g = OpenSession(path);
+  EXPECT_EQ(g->DataSource(), kSourceMediaFile);
+}
+
 TEST(TsMerge, WithEveryCandidatePidInUseTheFileStaysAsItWas) {
   const std::string path = CopyMedia("ts188.ts", "full.ts");
   Bytes file = ReadAll(path);
