@@ -74,8 +74,7 @@ bool PlanTsMerge(const TsMergeInput& in, FileHandle media, TsMergePlan* plan);
 
 struct TsBackup {
   std::string path;
-  int64_t units = 0;               // units in it
-  int64_t units_before_start = 0;  // of those, the ones from before S
+  int64_t units_before_start = 0;  // its units from before S
 };
 
 // Copies every byte from plan.rewrite_from to the end, as it is, into a new file of the
@@ -100,16 +99,18 @@ bool RestoreTsFromBackup(FileHandle media, const std::string& backup, int64_t of
 
 // --- The interleave (ts_merge.cc, ts_merge_write.cc) -------------------------------------
 
+// What the rewrite reads: the programs' packet files (in plan order), the backup, and
+// the file's modified time read just before it.
+struct TsRewriteSources {
+  const std::vector<std::string>* program_files = nullptr;
+  const TsBackup* backup = nullptr;
+  int64_t merge_mtime = 0;
+};
 // The interleave itself, from the files made before it: the backup's original units
 // (those not on the earlier data's MQ PID or PID 225, when the file held data) from
 // before S written back, then groups of M MQ units each followed by up to O original
 // units, the information packet, the cut and the sync. False on any failure; the file
 // is then in any state (the caller restores it).
-struct TsRewriteSources {
-  const std::vector<std::string>* program_files = nullptr;  // MQ packets, one per program
-  const TsBackup* backup = nullptr;
-  int64_t merge_mtime = 0;
-};
 bool RewriteTransportStream(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan,
                             const TsRewriteSources& sources);
 

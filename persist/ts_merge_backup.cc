@@ -22,7 +22,6 @@ bool MakeTsBackup(FileHandle media, const TsMergePlan& plan, int32_t unit, TsBac
   *b = TsBackup{};
   if (TsUnitPrefixBytes(unit) < 0 || GetMQInfoTempFileName("MQ", 0, &b->path) == 0) return false;
   const int64_t bytes = plan.size - plan.rewrite_from;
-  b->units = bytes / unit;
   b->units_before_start = (plan.start - plan.rewrite_from) / unit;
   if (CopyRegionToFile(media, plan.rewrite_from, bytes, b->path) && SyncFolder(FolderOf(b->path)))
     return true;
