@@ -12,10 +12,14 @@ bool IsAbsoluteFileName(const std::string& name) {
   return !name.empty() && name[0] == '/';
 }
 
-CMQInterface::CMQInterface() : CMQInterface(std::make_unique<MQCtrl>()) {}
+CMQInterface::CMQInterface(MonitorOptions monitor)
+    : CMQInterface(std::make_unique<MQCtrl>(monitor)) {}
 
 CMQInterface::CMQInterface(std::unique_ptr<MQCtrl> controller) : ctrl_(std::move(controller)) {
-  log::LoadSettings();
+  log::LoadSettings();  // before anything of the controller runs
+  // Without its monitor the server still serves; the moves wait in the store until a
+  // later start.
+  if (ctrl_->Start() != 1) MQ_LOG("MQCtrl: the monitor thread could not be started");
 }
 
 CMQInterface::~CMQInterface() {

@@ -169,6 +169,7 @@ HRESULT CMQInterface::ReadPieces(int32_t h, int32_t program, int32_t tag, bool a
   for (;;) {
     int64_t want = std::min<int64_t>(piece, m - total);
     int64_t n = ctrl_->GetDataPeriod(h, program, tag, from, to, temp.get(), want);
+    if (n == kReadFailed) return E_FAIL;  // stored samples that cannot be read
     struct Release {
       SampleRecord* records;
       int64_t count;

@@ -36,6 +36,8 @@ class ScriptedSession : public MarquelOneFile {
 // A controller whose new sessions are ScriptedSessions.
 class ScriptedCtrl : public MQCtrl {
  public:
+  // No monitor thread: the list changes only as the test says.
+  ScriptedCtrl() : MQCtrl(MonitorOptions{std::chrono::milliseconds(10000), false}) {}
   int32_t close_result = MQ_SUCCESS;
   int32_t vob_result = 1;
 

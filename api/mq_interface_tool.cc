@@ -69,7 +69,9 @@ HRESULT CMQInterface::CacheRename(const std::string& wOriFileName, const std::st
 HRESULT CMQInterface::MoveCacheDataToOrgFile(const std::string& wOriFileName) {
   MQ_LOG("CMQInterface::MoveCacheDataToOrgFile(%s)", wOriFileName.c_str());
   if (!IsAbsoluteFileName(wOriFileName)) return E_INVALIDARG;
-  if (ctrl_->FindFile(wOriFileName) >= 0) {
+  // The claim keeps sessions off the file while it is rewritten, and waits for a move of
+  // the monitor's to end first.
+  if (!ctrl_->ClaimClosedFile(wOriFileName)) {
     MQ_LOG("CMQInterface::MoveCacheDataToOrgFile: %s is open, not moved", wOriFileName.c_str());
     return S_FALSE;
   }
@@ -77,6 +79,7 @@ HRESULT CMQInterface::MoveCacheDataToOrgFile(const std::string& wOriFileName) {
   session->SetHandle(MarquelOneFile::kDetachedSessionNumber);
   bool moved = false;
   const int32_t result = session->MoveCacheDataToOrgFile(wOriFileName, 1, &moved);
+  ctrl_->ReleaseFile(wOriFileName);
   // Tags in the file are there even when their cache could not be removed afterwards.
   if (moved) return S_OK;
   return result == -1 ? E_FAIL : S_FALSE;

@@ -75,6 +75,9 @@ int32_t MarquelFiles::OpenFile(const std::string& name, int32_t nFileType, int32
   (void)llStartTime;  // the time window belongs to the loading of stored data
   (void)llEndTime;
   std::unique_lock<std::mutex> lock(table_mu_);
+  // A file being rewritten by a move is opened once the move is over: half rewritten it
+  // would show neither its cache nor its data.
+  claims_cv_.wait(lock, [&] { return !ClaimedLocked(name); });
   int32_t handle = FindLocked(name);
   MarquelOneFile* file = nullptr;
   if (handle < 0) {

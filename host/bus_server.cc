@@ -7,6 +7,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <optional>
@@ -28,6 +29,7 @@ class Server {
       : options_(options),
         signal_fd_(signal_fd),
         connection_(connection),
+        mq_(MonitorOptions{std::chrono::milliseconds(options.monitor_interval_ms)}),
         registry_(connection, getuid()),
         bulk_(mq_, registry_),
         adaptor_(connection, mq_, registry_) {
@@ -135,13 +137,28 @@ void BlockServerSignals() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-int IdleGraceFromEnvironment() {
-  const char* text = getenv(kIdleGraceEnv);
-  if (text == nullptr || *text == '\0') return kDefaultIdleGraceMs;
+namespace {
+
+// A number of milliseconds from the environment, up to a day; `fallback` when unset or
+// not such a number.
+int MillisecondsFromEnvironment(const char* name, int fallback) {
+  const char* text = getenv(name);
+  if (text == nullptr || *text == '\0') return fallback;
   char* end = nullptr;
   long value = strtol(text, &end, 10);
-  if (*end != '\0' || value < 0 || value > 24L * 3600 * 1000) return kDefaultIdleGraceMs;
+  if (*end != '\0' || value < 0 || value > 24L * 3600 * 1000) return fallback;
   return static_cast<int>(value);
+}
+
+}  // namespace
+
+int IdleGraceFromEnvironment() {
+  return MillisecondsFromEnvironment(kIdleGraceEnv, kDefaultIdleGraceMs);
+}
+
+int MonitorIntervalFromEnvironment() {
+  // At least 10 ms: a round that never waits would spin.
+  return std::max(10, MillisecondsFromEnvironment(kMonitorIntervalEnv, kDefaultMonitorIntervalMs));
 }
 
 int RunServer(const ServerOptions& options) {

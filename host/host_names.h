@@ -45,5 +45,9 @@ constexpr const char* kServiceParameters = "-Service";
 // has gone, in milliseconds.
 constexpr const char* kIdleGraceEnv = "MARQUEL_IDLE_GRACE_MS";
 constexpr int kDefaultIdleGraceMs = 5000;
+// Environment variable that sets the time between two rounds of the close monitor, in
+// milliseconds.
+constexpr const char* kMonitorIntervalEnv = "MARQUEL_MONITOR_INTERVAL_MS";
+constexpr int kDefaultMonitorIntervalMs = 10000;
 
 }  // namespace marquel::host

@@ -78,5 +78,6 @@ int main(int argc, char** argv) {
   ServerOptions options;
   options.service = service;
   options.idle_grace_ms = IdleGraceFromEnvironment();
+  options.monitor_interval_ms = MonitorIntervalFromEnvironment();
   return RunServer(options);
 }

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <cstdint>
 #include <fstream>
@@ -92,6 +94,28 @@ class ScopedEnv {
  public:
   explicit ScopedEnv(Env* env) { SetEnvForTesting(env); }
   ~ScopedEnv() { SetEnvForTesting(nullptr); }
+};
+
+// Limits the size of files this process writes to `bytes` while alive, the limit's signal
+// ignored, so a write past it fails as on a full disk. ok() says whether it took.
+class ScopedFileSizeLimit {
+ public:
+  explicit ScopedFileSizeLimit(size_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &old_);
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = old_;
+    limit.rlim_cur = bytes;
+    ok_ = setrlimit(RLIMIT_FSIZE, &limit) == 0;
+  }
+  ~ScopedFileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &old_);
+    signal(SIGXFSZ, SIG_DFL);
+  }
+  bool ok() const { return ok_; }
+
+ private:
+  struct rlimit old_;
+  bool ok_ = false;
 };
 
 // Points XDG_DATA_HOME (the store and the cache folder) at a new folder in memory

@@ -25,8 +25,9 @@ class InFileStore {
   // `start` on. 1 when the data is in the file; otherwise as WriteMPEGFile says.
   virtual int32_t Write(MarquelOneFile& session, FileHandle file, int64_t start, int64_t mtime,
                         uint64_t size) = 0;
-  // Merges program 0's block into the session's media file in place. 1, or -1 with the
-  // file as it was.
+  // Merges the session's data into its media file in place: program 0's block into a
+  // program stream (1, or -1 with the file as it was), every program's block into a
+  // transport stream (1, or 0 with the file as it was).
   virtual int32_t Merge(MarquelOneFile& session, int32_t hasData) = 0;
 };
 

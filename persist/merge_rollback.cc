@@ -6,35 +6,43 @@
 #include <vector>
 
 #include "log/log.h"
+#include "merge_record.h"
 #include "platform/access_reg.h"
 #include "platform/text.h"
 #include "ps_merge.h"
+#include "ts_merge.h"
 
 namespace marquel {
 namespace {
 
-constexpr char kRollBackRoot[] = "Software\\Halvern\\Marquel\\RollBack";
-
 struct RollBackRecord {
   std::string media;
-  MergeBackups backups;
+  uint32_t type = 0;
+  MergeBackups backups;   // type 1
+  std::string ts_backup;  // type 2
   int64_t offset = -1;
 };
 
-bool ReadRecord(const std::string& key, RollBackRecord* r) {
-  AccessReg reg;
-  if (!reg.Open(HKEY_CURRENT_USER, key.c_str())) return false;
-  uint32_t type = 0, kind = 0;
-  std::vector<uint8_t> buf;
-  char path[4096];
-  if (!reg.QueryDword("TYPE", &type) || type != 1 || !reg.QueryValue("BUF", &kind, &buf) ||
-      buf.size() != 1056 || !reg.QueryString("PATH", path, sizeof path))
-    return false;
-  r->media = path;
+bool DecodeBuf(const std::vector<uint8_t>& buf, RollBackRecord* r) {
+  if (r->type == kRollBackTransportStream) return DecodeTsRollBack(buf, &r->ts_backup, &r->offset);
+  if (r->type != kRollBackProgramStream || buf.size() != 1056) return false;
   r->backups.tail = WideRecordToUtf8(reinterpret_cast<const char16_t*>(buf.data()), 260);
   r->backups.packs = WideRecordToUtf8(reinterpret_cast<const char16_t*>(buf.data() + 520), 260);
   std::memcpy(&r->offset, buf.data() + 1040, sizeof(r->offset));
   return r->offset >= 0;
+}
+
+bool ReadRecord(const std::string& key, RollBackRecord* r) {
+  AccessReg reg;
+  if (!reg.Open(HKEY_CURRENT_USER, key.c_str())) return false;
+  uint32_t kind = 0;
+  std::vector<uint8_t> buf;
+  char path[4096];
+  if (!reg.QueryDword("TYPE", &r->type) || !reg.QueryValue("BUF", &kind, &buf) ||
+      !reg.QueryString("PATH", path, sizeof path))
+    return false;
+  r->media = path;
+  return DecodeBuf(buf, r);
 }
 
 int64_t SizeOf(const std::string& path) {
@@ -42,24 +50,39 @@ int64_t SizeOf(const std::string& path) {
   return FileStatus(path, &status) == 0 ? status.size : -1;
 }
 
-// Whether both backups are there to restore from.
+// Whether the backups are there to restore from.
 bool HasBackups(const RollBackRecord& r) {
+  if (r.type == kRollBackTransportStream) return SizeOf(r.ts_backup) >= 0;
   return SizeOf(r.backups.packs) >= 0 && SizeOf(r.backups.tail) >= 0;
 }
 
-// Copies the backups back; true when the file is as it was before the merge.
+// Copies the backups back; true when the file is as it was before the merge (for an
+// interleave: its original units, without the server's own).
 bool Restore(const RollBackRecord& r) {
-  const int64_t packs = SizeOf(r.backups.packs);
-  const int64_t tail = SizeOf(r.backups.tail);
   FileHandle media = OpenRegularFile(r.media, GENERIC_READ | GENERIC_WRITE);
   if (media == kInvalidFileHandle) return false;
-  MergePlan plan;
-  plan.start = r.offset;
-  plan.packs_end = r.offset + packs;
-  plan.file_size = r.offset + packs + tail;
-  const bool ok = RestoreFromBackups(media, plan, r.backups);
+  bool ok;
+  if (r.type == kRollBackTransportStream) {
+    ok = RestoreTsFromBackup(media, r.ts_backup, r.offset);
+  } else {
+    const int64_t packs = SizeOf(r.backups.packs);
+    const int64_t tail = SizeOf(r.backups.tail);
+    MergePlan plan;
+    plan.start = r.offset;
+    plan.packs_end = r.offset + packs;
+    plan.file_size = r.offset + packs + tail;
+    ok = RestoreFromBackups(media, plan, r.backups);
+  }
   CloseFileHandle(media);
   return ok;
+}
+
+void RemoveBackups(const RollBackRecord& r) {
+  if (r.type == kRollBackTransportStream) {
+    RemoveFile(r.ts_backup);
+  } else {
+    RemoveMergeBackups(r.backups);
+  }
 }
 
 }  // namespace
@@ -91,7 +114,7 @@ int RollBackInterruptedMerges() {
     }
     // Restored, or nothing to restore it with: the record has done its work either way.
     AccessReg reg;
-    if (reg.DeleteKey(HKEY_CURRENT_USER, key.c_str()) && known) RemoveMergeBackups(r.backups);
+    if (reg.DeleteKey(HKEY_CURRENT_USER, key.c_str()) && known) RemoveBackups(r);
   }
   return restored;
 }

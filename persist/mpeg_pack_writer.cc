@@ -99,20 +99,22 @@ bool PackFileWriter::Finish(bool sync) {
   return ok;
 }
 
-bool FeedProgramStreams(MQOneProgram& program, MQPackMuxer& muxer, PackFileWriter& writer) {
+bool ForEachProgramBlockChunk(MQOneProgram& program, size_t max_chunk, const StreamChunkFn& f) {
   ProgramBuffer* header = program.HeaderBuffer();
   if (header == nullptr || header->bytes.size() < kBlockHeaderSize) return false;
-  if (!FeedBytes(header->bytes.data(), kBlockHeaderSize, muxer, writer)) return false;
+  if (!f(header->bytes.data(), kBlockHeaderSize)) return false;
   for (ProgramBuffer* stream :
        {program.TagIdBuffer(), program.DataLengthBuffer(), program.DataBuffer()}) {
     // A large stream was set aside while the block was written: read it back in chunks.
-    if (stream == nullptr ||
-        !stream->ForEachChunk(kPackWriterChunk, [&](const uint8_t* bytes, size_t n) {
-          return FeedBytes(bytes, n, muxer, writer);
-        }))
-      return false;
+    if (stream == nullptr || !stream->ForEachChunk(max_chunk, f)) return false;
   }
   return true;
+}
+
+bool FeedProgramStreams(MQOneProgram& program, MQPackMuxer& muxer, PackFileWriter& writer) {
+  return ForEachProgramBlockChunk(program, kPackWriterChunk, [&](const uint8_t* bytes, size_t n) {
+    return FeedBytes(bytes, n, muxer, writer);
+  });
 }
 
 }  // namespace marquel

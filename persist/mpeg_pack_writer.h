@@ -47,6 +47,12 @@ class PackFileWriter {
   size_t used_ = 0;
 };
 
+// Hands the program's block to `f` in the order its readers expect: the header (its 26
+// bytes), then the tag-id, length and data streams in chunks of at most `max_chunk` bytes
+// (spilled streams are read back). The buffers are only read. False when a buffer is
+// missing, a spill cannot be read, or `f` stops.
+bool ForEachProgramBlockChunk(MQOneProgram& program, size_t max_chunk, const StreamChunkFn& f);
+
 // Feeds the program's header (its 26 bytes), then its tag-id, length and data streams in
 // chunks of kPackWriterChunk, taking the finished packs after each piece. The buffers are
 // only read. False when a write fails or a buffer is missing.

@@ -5,46 +5,16 @@
 
 #include "log/log.h"
 #include "media/ps_pack_walker.h"
+#include "merge_output.h"
 #include "persist/cache_sweep.h"
 #include "ps_merge.h"
 
 namespace marquel {
 namespace {
 
-constexpr size_t kOutputBytes = 1u << 20;
-
 double MillisecondsSince(std::chrono::steady_clock::time_point t) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t).count();
 }
-
-// Writes into the media file from `at` on through a large buffer.
-class MergeOutput {
- public:
-  MergeOutput(FileHandle media, int64_t at) : media_(media), at_(at) { buffer_.reserve(kOutputBytes); }
-  bool Put(const uint8_t* bytes, size_t n) {
-    if (buffer_.size() + n > kOutputBytes && !Flush()) return false;
-    if (n > kOutputBytes) return WriteNow(bytes, n);
-    buffer_.insert(buffer_.end(), bytes, bytes + n);
-    return true;
-  }
-  bool Flush() {
-    bool ok = WriteNow(buffer_.data(), buffer_.size());
-    buffer_.clear();
-    return ok;
-  }
-  int64_t Position() const { return at_ + static_cast<int64_t>(buffer_.size()); }
-
- private:
-  bool WriteNow(const uint8_t* bytes, size_t n) {
-    if (n == 0) return true;
-    if (!WriteAllAt(media_, static_cast<uint64_t>(at_), bytes, n)) return false;
-    at_ += static_cast<int64_t>(n);
-    return true;
-  }
-  FileHandle media_;
-  int64_t at_;
-  std::vector<uint8_t> buffer_;
-};
 
 // The stream packs of a backup file, in order; own packs are passed over.
 class StreamPackSource {
@@ -81,8 +51,8 @@ struct Sources {
 
 // Writes up to kMergeGroupDataPacks data packs with clocks stepped from `previous`
 // towards `next`.
-bool WriteDataGroup(Sources* s, const PackClock& previous, const PackClock& next,
-                    MergeOutput* out, std::vector<uint8_t>* scratch) {
+bool WriteDataGroup(Sources* s, const PackClock& previous, const PackClock& next, MergeOutput* out,
+                    std::vector<uint8_t>* scratch) {
   const uint32_t count =
       static_cast<uint32_t>(std::min<int64_t>(kMergeGroupDataPacks, s->data_left));
   scratch->resize(s->data_pack_size);
@@ -197,10 +167,11 @@ int32_t MergeIntoProgramStream(const PsMergeRequest& r, PsMergeResult* result) {
   if (r.data_pack_count < 0 || !r.end_pack || !PlanMerge(r, &plan)) return -1;
   MQ_LOG("ProcessMQInterLeave: [%d] The merge start time is about %lld", r.session,
          static_cast<long long>(plan.clock_before.base * 1000 / 9));
-  MQ_LOG("[%d] ProcessMQInterLeave: merge from %lld over %lld stream packs, %u per data pack, "
-         "tail %lld bytes",
-         r.session, static_cast<long long>(plan.start), static_cast<long long>(plan.stream_packs),
-         plan.group_stream_packs, static_cast<long long>(plan.file_size - plan.packs_end));
+  MQ_LOG(
+      "[%d] ProcessMQInterLeave: merge from %lld over %lld stream packs, %u per data pack, "
+      "tail %lld bytes",
+      r.session, static_cast<long long>(plan.start), static_cast<long long>(plan.stream_packs),
+      plan.group_stream_packs, static_cast<long long>(plan.file_size - plan.packs_end));
   auto started = std::chrono::steady_clock::now();
   MergeBackups backups;
   {

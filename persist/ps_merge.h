@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "media/pack_clock.h"
+#include "merge_record.h"
 #include "platform/files.h"
 
 namespace marquel {
@@ -28,9 +29,8 @@ constexpr int64_t kMergeClockLookBack = 10240;
 
 // Builds the closing pack(s) holding the end record: merge start, merged region's end,
 // and the clock to repeat. Appends to *out; false when they cannot be made.
-using MergeEndPackFn =
-    std::function<bool(int64_t mergeStart, int64_t mergedEnd, const PackClock& clock,
-                       std::vector<uint8_t>* out)>;
+using MergeEndPackFn = std::function<bool(int64_t mergeStart, int64_t mergedEnd,
+                                          const PackClock& clock, std::vector<uint8_t>* out)>;
 
 struct PsMergeRequest {
   std::string media_path;
@@ -89,10 +89,7 @@ bool MakeMergeBackups(FileHandle media, const MergePlan& plan, MergeBackups* bac
 // 1056-byte record: tail path, packs path, each 260 UTF-16 units, then the start offset
 // at 1040) and "PATH" (the media file's path, since a hashed key name cannot be turned
 // back into one). False when it cannot be written (nothing is left then).
-bool WriteRollBackRecord(const std::string& mediaPath, const MergeBackups& backups,
-                         int64_t start);
-// Deletes the record. False when it stays.
-bool DeleteRollBackRecord(const std::string& mediaPath);
+bool WriteRollBackRecord(const std::string& mediaPath, const MergeBackups& backups, int64_t start);
 // Copies the backups back at plan.start and cuts the file at its old size. True when the
 // file is whole again.
 bool RestoreFromBackups(FileHandle media, const MergePlan& plan, const MergeBackups& backups);

@@ -4,8 +4,6 @@
 #include "ps_merge.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -140,8 +138,7 @@ TEST_F(PsMerge, KeepsEveryStreamPackInOrderAndTheBytesBeforeTheMergeStart) {
   for (size_t i = 1; i + 1 < w.clocks.size(); ++i)
     EXPECT_LE(w.clocks[i - 1], w.clocks[i]) << "clocks step forward at pack " << i;
   AccessReg reg;
-  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
-                                            CacheSubKeyName(media)).c_str()));
+  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, RollBackKey(media).c_str()));
   EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty()) << "the backups are gone";
 }
 
@@ -188,8 +185,7 @@ TEST_F(PsMerge, TheRollBackRecordNamesBothBackupsAndTheStartWhileTheFileIsRewrit
   uint32_t type = 0;
   on_end_ = [&] {
     AccessReg reg;
-    ASSERT_TRUE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
-                                             CacheSubKeyName(media)).c_str()));
+    ASSERT_TRUE(reg.Open(HKEY_CURRENT_USER, RollBackKey(media).c_str()));
     ASSERT_TRUE(reg.QueryDword("TYPE", &type));
     uint32_t kind = 0;
     Bytes buf;
@@ -252,8 +248,7 @@ TEST_F(PsMerge, AMergeAKilledServerLeftHalfDoneIsUndoneAtTheNextStart) {
   EXPECT_TRUE(log.HasMessage("MQCtrl: RollBackToOrg(" + media + ")"));
   EXPECT_TRUE(log.HasMessage("MQCtrl: RollBackToOrg() OK"));
   AccessReg reg;
-  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
-                                            CacheSubKeyName(media)).c_str()));
+  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, RollBackKey(media).c_str()));
   EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty()) << "the backups are gone";
   EXPECT_EQ(RollBackInterruptedMerges(), 0) << "nothing is left to undo";
 }
@@ -261,22 +256,18 @@ TEST_F(PsMerge, AMergeAKilledServerLeftHalfDoneIsUndoneAtTheNextStart) {
 TEST_F(PsMerge, AFailedRewriteLeavesTheFileByteForByteAsItWas) {
   const std::string media = cachetest::CopyMedia("mpeg2ps_long.mpg", "full.mpg");
   const Bytes before = cachetest::ReadAll(media);
-  // A file-size limit just above the file: the backups fit, the grown file does not.
-  struct rlimit old_limit;
-  getrlimit(RLIMIT_FSIZE, &old_limit);
-  signal(SIGXFSZ, SIG_IGN);
-  struct rlimit limit = old_limit;
-  limit.rlim_cur = before.size() + 4096;
-  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
   PsMergeResult result;
-  const int32_t rc = Merge(media, 20, -1, &result);
-  setrlimit(RLIMIT_FSIZE, &old_limit);
-  signal(SIGXFSZ, SIG_DFL);
+  int32_t rc = 0;
+  {
+    // A file-size limit just above the file: the backups fit, the grown file does not.
+    cachetest::ScopedFileSizeLimit limit(before.size() + 4096);
+    ASSERT_TRUE(limit.ok());
+    rc = Merge(media, 20, -1, &result);
+  }
   EXPECT_EQ(rc, -1);
   EXPECT_EQ(cachetest::ReadAll(media), before);
   AccessReg reg;
-  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, ("Software\\Halvern\\Marquel\\RollBack\\" +
-                                            CacheSubKeyName(media)).c_str()));
+  EXPECT_FALSE(reg.Open(HKEY_CURRENT_USER, RollBackKey(media).c_str()));
   EXPECT_TRUE(cachetest::FolderFiles(Folder()).empty());
 }
 

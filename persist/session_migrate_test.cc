@@ -148,7 +148,7 @@ TEST(InFileStores, ProgramAndTransportStreamsHaveOneAndOtherFormatsKeepTheirData
   for (int32_t format : {0, 6, 7, 8, 9, 17}) EXPECT_EQ(InFileStoreFor(format), nullptr) << format;
 }
 
-TEST(InFileStores, TheTransportStreamWritersRefuseUntilTheyAreBuilt) {
+TEST(InFileStores, TheTransportStreamWriteRefusesAndAMergeWithoutAFileFails) {
   cachetest::LogCapture log;
   MarquelOneFile f;
   f.SetHandle(4);
@@ -157,7 +157,8 @@ TEST(InFileStores, TheTransportStreamWritersRefuseUntilTheyAreBuilt) {
   EXPECT_EQ(store->Write(f, kInvalidFileHandle, 0, 0, 0), -1);
   EXPECT_EQ(store->Merge(f, 0), 0);
   EXPECT_TRUE(log.Has("[4] writing MQ data into a transport stream is not supported yet"));
-  EXPECT_TRUE(log.Has("[4] merging MQ data into a transport stream is not supported yet"));
+  EXPECT_TRUE(log.Has("[4] ProcessMQInterLeaveInTS"));
+  EXPECT_TRUE(log.Has("[4] can not open '' as read/write"));
 }
 
 TEST(MigrateLimits, TheMoveTestsStrictlyAboveTheLimitWhereTheCloseTestsAtOrAbove) {

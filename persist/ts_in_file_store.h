@@ -9,6 +9,7 @@
 
 #include "in_file_store.h"
 #include "media/mq_ts_info.h"
+#include "ts_merge.h"
 
 namespace marquel {
 
@@ -22,8 +23,14 @@ class TransportStreamStore final : public InFileStore {
   // (ts_store_write.cc).
   int32_t Write(MarquelOneFile& f, FileHandle file, int64_t start, int64_t mtime,
                 uint64_t size) override;
-  // Not built yet either: 0, with a log line.
+  // ProcessMQInterLeaveInTS: every program with data interleaved into the file's last
+  // units in place and read back (InterleaveIntoTransportStream, ts_merge.h); the session's
+  // MQ start address follows the data. 1, or 0 with the file as it was. `hasData` is not
+  // used: the file itself is checked for earlier data.
   int32_t Merge(MarquelOneFile& f, int32_t hasData) override;
+  // What the interleave takes from the session: path, number, unit layout, original size
+  // and time, and the programs.
+  static TsMergeInput MergeInputOf(MarquelOneFile& f);
 };
 
 // One program's run of MQ packets as the walk found it.

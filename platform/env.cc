@@ -136,6 +136,11 @@ std::string Env::TempFolder() {
   return dir;
 }
 
+bool Env::IsPathPresent(const std::string& path) {
+  struct stat st;
+  return !path.empty() && stat(path.c_str(), &st) == 0;
+}
+
 Env* CurrentEnv() {
   Env* env = g_testEnv.load(std::memory_order_acquire);
   return env != nullptr ? env : Env::Default();

@@ -97,7 +97,8 @@ int64_t MQOneProgram::GetDataPeriod(int32_t tagId, int64_t start, int64_t end, S
                                     int64_t capacity) {
   TagObject* tag = TagOrNull(tagId);
   if (tag == nullptr || out == nullptr || capacity < 1) return 0;
-  return tag->ReadPeriod(start, end, out, capacity);
+  const int64_t n = tag->ReadPeriod(start, end, out, capacity);
+  return n < 0 ? kReadFailed : n;
 }
 
 int32_t MQOneProgram::QueryTagCount() {

@@ -138,6 +138,11 @@ int CopyOneTag(TagObject* source, MQOneProgram& target, int32_t tagId, int64_t t
     // Samples may be longer than the tag's sample size, so chunks are bounded in bytes too.
     int64_t got = source->ReadPeriod(from, srcEnd, chunk.data(), chunkMax,
                                      sameTag ? kSameTagCopyBytes : kStorePieceBytes);
+    if (got < 0) {
+      // Unread samples are neither copied nor, for a move, deleted: the source keeps them.
+      result = -1;
+      move = false;
+    }
     if (got <= 0) break;
     chunk.resize(static_cast<size_t>(got));
     if (sameTag && got < total) {

@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <set>
 #include <vector>
+
+#include "platform/temp_folders.h"
 
 namespace marquel {
 namespace {
@@ -16,6 +20,45 @@ std::vector<int64_t> Times(MQOneProgram& p, int32_t tag) {
   for (auto& r : recs) out.push_back(r.llTimeCode);
   FreeSampleBuffers(recs.data(), n);
   return out;
+}
+
+std::set<std::string> RecordFiles() {
+  std::set<std::string> out;
+  for (const auto& e : std::filesystem::directory_iterator(ProcessTempFolder()))
+    if (e.path().filename().string().rfind("MQT", 0) == 0) out.insert(e.path().string());
+  return out;
+}
+
+// A program whose tag 16 holds 5000 samples in record files that are then cut to nothing.
+void FillAndCutRecords(MQOneProgram& p) {
+  const std::set<std::string> before = RecordFiles();
+  for (int32_t i = 0; i < 5000; ++i) ASSERT_EQ(p.InsertOne(16, MakePlainSample(i * 10, i)), 1);
+  ASSERT_EQ(p.FlushAllMemoryBlocks(), 1);
+  int cut = 0;
+  for (const std::string& f : RecordFiles())
+    if (!before.count(f)) {
+      std::filesystem::resize_file(f, 0);
+      ++cut;
+    }
+  ASSERT_GT(cut, 0);
+}
+
+TEST(PeriodTest, RecordsThatCannotBeReadAreAFailedReadNotAnEmptyTag) {
+  MQOneProgram p;
+  FillAndCutRecords(p);
+  std::vector<SampleRecord> out(10);
+  EXPECT_EQ(p.GetDataAll(16, out.data(), 10), kReadFailed);
+  EXPECT_EQ(p.GetDataPeriod(16, 0, 1000, out.data(), 10), kReadFailed);
+}
+
+TEST(PeriodTest, AMoveWhoseSourceCannotBeReadFailsAndCopiesNothing) {
+  MQOneProgram source;
+  FillAndCutRecords(source);
+  MQOneProgram target;
+  EXPECT_EQ(
+      CopyPeriodBetweenPrograms(source, target, TagScope::OneTag(16), 0, 0, 100000, 1, 1, true),
+      -1);
+  EXPECT_EQ(target.QueryOneTagSize(16), 0);
 }
 
 TEST(StretchTest, FormulaScalesTheTargetStartToo) {

@@ -28,12 +28,14 @@ int64_t TagObject::ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int
   if (!file_ || FlushPendingLocked() < 0) return 0;
   int64_t written = 0;
   int64_t bytes = 0;
-  file_->Scan(start, true, end >= 0, end, [&](const SampleRecord& r) {
+  const bool read = file_->Scan(start, true, end >= 0, end, [&](const SampleRecord& r) {
     out[written++] = CopyOut(r);
     bytes += Block::Cost(out[written - 1]) - 32;
     return written < capacity && bytes < maxBytes;
-  });
-  return written;
+  }) >= 0;
+  if (read) return written;
+  FreeSampleBuffers(out, written);
+  return -1;
 }
 
 int TagObject::DeletePeriod(int64_t start, int64_t end) {

@@ -226,6 +226,9 @@ const char* TestClientPath() {
 
 void BusTest::SetUp() {
   setenv("MARQUEL_IDLE_GRACE_MS", "300", 1);
+  // The close monitor makes its first round at the start, then waits this long; tests of
+  // the monitor ask for short rounds.
+  setenv("MARQUEL_MONITOR_INTERVAL_MS", std::to_string(monitor_interval_ms_).c_str(), 1);
   ASSERT_EQ(RunProgram({Marquel64Path(), "-RegServer"}), 0);
   ASSERT_TRUE(bus_.Start());
   client_ = Connect();

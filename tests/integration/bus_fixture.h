@@ -104,6 +104,9 @@ class BusTest : public testing::Test {
 
   PrivateBus bus_;
   std::unique_ptr<IMarquelClient> client_;
+  // Time between two rounds of the server's close monitor (set before SetUp runs). The
+  // default keeps rounds out of the way of tests that look at pending moves.
+  int monitor_interval_ms_ = 600000;
 };
 
 }  // namespace marquel::test

@@ -86,11 +86,14 @@ TEST_F(InFileData, TagsInTheFileAreReadAndALaterCloseKeepsItsOwn) {
   client_.reset();
   StopServer();
 
+  // The next server's monitor may move the cache into the file first (its first round
+  // runs at the start): then the data begins at or before where the older copy began.
   client_ = Connect();
   ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
   EXPECT_EQ(PlainSamples(*client_, h), both);
   ASSERT_EQ(client_->GetMQDataStartAddress(h, &address), S_OK);
-  EXPECT_EQ(address, start);
+  EXPECT_LE(address, start);
+  EXPECT_GT(address, start / 2);
   ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
 }
 

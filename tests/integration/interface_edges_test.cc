@@ -128,8 +128,8 @@ TEST_F(InterfaceEdges, ExecuteCmdOnTheBus) {
 
 // Closing a transport stream with bWriteToCache 0 caches its data and marks the move into
 // the file as pending: the close reports S_OK and the name stays on the controller's list,
-// so IsWriteToFileDone reports 0. Nothing moves it yet (the close monitor is a later
-// step), so it stays 0.
+// so IsWriteToFileDone reports 0 until the close monitor's next round (far off in these
+// tests) has moved it.
 TEST_F(InterfaceEdges, CloseFileOfATransportStreamLeavesItsWritePending) {
   std::string name = TestPath("clip.ts");
   std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/ts188.ts", name);

@@ -39,8 +39,15 @@ nlohmann::json SavedPending() {
   AccessReg reg;
   if (!reg.Open(HKEY_CURRENT_USER, "Software\\Halvern\\Common\\MQTemp")) return list;
   char name[4096];
-  for (uint32_t i = 0; reg.EnumKey(i, name, sizeof name); ++i)
-    list.push_back(PathFromKeyName(name));
+  for (uint32_t i = 0; reg.EnumKey(i, name, sizeof name); ++i) {
+    // The key name may be a hash of a long path; the path itself is in "PATH".
+    AccessReg key;
+    char path[4096];
+    const std::string sub = std::string("Software\\Halvern\\Common\\MQTemp\\") + name;
+    const bool named = key.Open(HKEY_CURRENT_USER, sub.c_str()) &&
+                       key.QueryString("PATH", path, sizeof path) && path[0] == '/';
+    list.push_back(named ? std::string(path) : PathFromKeyName(name));
+  }
   return list;
 }
 

@@ -52,9 +52,11 @@ class CMQInterface {
   // answer other than S_OK ends the read with that answer.
   using ReadSink = std::function<HRESULT(const SampleRecord* records, size_t count)>;
 
-  // Makes the controller (which loads the log settings) and runs its start-up.
-  CMQInterface();
-  // Uses a given controller (tests).
+  // Loads the log settings, makes the controller and starts it: its list of files whose
+  // cached tags wait for a move comes back from the store, and its monitor moves them
+  // every `monitor.interval` once no session holds them (files/mq_ctrl.h).
+  explicit CMQInterface(MonitorOptions monitor = {});
+  // Uses a given controller (tests), started the same way.
   explicit CMQInterface(std::unique_ptr<MQCtrl> controller);
   // Stops the controller's monitor and destroys the controller.
   ~CMQInterface();

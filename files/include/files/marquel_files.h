@@ -20,10 +20,12 @@
 // rely on the tags' own locks.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "persist/marquel_one_file.h"
 #include "persist/result_codes.h"
@@ -52,10 +54,21 @@ class MarquelFiles {
   // and stays writable); otherwise the lowest free slot gets a new session, opened with the
   // type, bLoad 1 and the selection. bOverwrite deletes every sample afterwards (negative
   // time codes too). Returns the handle, or -1 (table full, open failed, or bOverwrite on
-  // a read-only session, which could not keep the deletion).
+  // a read-only session, which could not keep the deletion). The open of a file that a
+  // move holds (ClaimClosedFile) waits until that move is over.
   int32_t OpenFile(const std::string& name, int32_t nFileType, int32_t bOverwrite, int32_t nTags,
                    const int32_t* pnTags, int32_t bReadOnly, int64_t llStartTime,
                    int64_t llEndTime);
+  // --- Work on closed files (the move of cached tags into them) -----------------------
+
+  // Takes `name` for work on the file itself while no session has it. Waits while
+  // another claim holds the same file; then false when a session has it open, else true,
+  // and until ReleaseFile every OpenFile of it waits. So a file is never rewritten under
+  // a session, nor opened half rewritten.
+  bool ClaimClosedFile(const std::string& name);
+  // Ends a claim that ClaimClosedFile gave.
+  void ReleaseFile(const std::string& name);
+
   // Drops one reference; the last one closes the session (bWriteToCache) and frees the
   // slot. MQ_SUCCESS, the session's close result, or MQ_ERR for an empty slot.
   int32_t CloseFile(int32_t handle, int32_t bWriteToCache);
@@ -185,7 +198,11 @@ class MarquelFiles {
                     int64_t srcStart, int64_t srcEnd, int32_t numerator, int32_t denominator,
                     bool move);
 
-  mutable std::mutex table_mu_;  // the table lock
+  bool ClaimedLocked(const std::string& name) const;
+
+  mutable std::mutex table_mu_;        // the table lock
+  std::condition_variable claims_cv_;  // signalled when a claim ends
+  std::vector<std::string> claims_;    // files taken by ClaimClosedFile (under the table lock)
   std::unique_ptr<Slot[]> slots_;
 };
 

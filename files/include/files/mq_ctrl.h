@@ -1,32 +1,79 @@
-// MQCtrl: the server's controller, the open-file table plus the list of files whose data
-// must still be moved into the media file. The list is kept here under its own lock; the
-// monitor that works it off comes with the close policy.
+// MQCtrl: the server's controller, the open-file table plus the list of files whose
+// cached tags must still be moved into the media files, and the monitor thread that
+// works that list off once nobody holds a file open (docs/monitor.md).
+//
+// The list outlasts restarts: every listed file has a sub-key under
+// "Software\Halvern\Common\MQTemp" (its key name, with the path in "PATH"), written before
+// the file joins the list and removed when it leaves it. Start reads and deletes them;
+// Stop writes the rest back.
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "files/marquel_files.h"
 
 namespace marquel {
 
+struct MonitorOptions {
+  // Time between two rounds over the list.
+  std::chrono::milliseconds interval{10000};
+  // Whether Start runs the monitor thread; without it only RunRound works the list.
+  bool run_thread = true;
+};
+
 class MQCtrl : public MarquelFiles {
  public:
-  MQCtrl();
+  explicit MQCtrl(MonitorOptions options = {});
+  // Stops the monitor (Stop) when it runs.
   ~MQCtrl() override;
 
-  // Adds a file name to the pending list (once). Returns 1.
+  // Loads the persisted list (and deletes its keys), then starts the monitor, whose first
+  // round runs at once. 1, or 0 when the thread cannot be made (the list is kept).
+  // Started again it only loads what the store holds.
+  int32_t Start();
+  // Ends the monitor once the file its round works on is done (a move ends or restores
+  // the file), then writes what is left under MQTemp and empties the list. 1.
+  int32_t Stop();
+
+  // Puts a file on the list (once, names compared as the table compares them), its
+  // MQTemp sub-key first, so that a crash right after a close still finds it. 1 when it
+  // is on the list afterwards, 0 when the file does not exist.
   int32_t AddPendingFile(const std::string& name);
-  // Whether a name is on the pending list (compared as the table compares file names).
+  // Whether a name is on the list.
   bool IsPendingFile(const std::string& name);
   // A copy of the list, in order.
   std::vector<std::string> PendingFiles();
 
+  // One round over the list, as the monitor makes it: a file that a session holds open
+  // is skipped; a file gone from a folder that is there has its caches deleted; a file
+  // whose folder is gone too (a volume not mounted) stays; any other file has its cached
+  // tags moved into it, and stays on the list only when that move failed. Returns the
+  // number of files left.
+  size_t RunRound();
+
  private:
-  std::mutex list_mu_;  // guards pending_
+  // Whether the file is done with (to be taken off the list).
+  bool ProcessFile(const std::string& path);
+  void RemoveFromList(const std::string& path);
+  size_t MirrorPendingKeys();
+  void Monitor();
+
+  MonitorOptions options_;
+  std::mutex list_mu_;  // guards pending_; never held while a file is worked on
   std::vector<std::string> pending_;
+  std::mutex round_mu_;  // one round at a time
+  std::mutex wake_mu_;
+  std::condition_variable wake_;
+  bool stopping_ = false;  // under wake_mu_
+  std::atomic<bool> stop_requested_{false};  // read by a round between two files
+  std::thread worker_;
 };
 
 }  // namespace marquel

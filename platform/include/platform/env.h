@@ -39,6 +39,10 @@ class Env {
 
   // The temporary folder: $TMPDIR, else /tmp. Read on each call.
   virtual std::string TempFolder();
+
+  // Whether anything (a file, a folder) is at `path` now. A path on a volume that is not
+  // mounted is not there; tests fake such a volume here.
+  virtual bool IsPathPresent(const std::string& path);
 };
 
 // The Env in use: the one installed for testing, else Env::Default().

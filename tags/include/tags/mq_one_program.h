@@ -38,6 +38,9 @@ struct ProgramBuffer {
   bool ForEachChunk(size_t max_chunk, const StreamChunkFn& f) const;
 };
 
+// GetDataAll / GetDataPeriod: the tag's records could not be read.
+constexpr int64_t kReadFailed = -2;
+
 class MQOneProgram {
  public:
   // Bytes of the header buffer, always.
@@ -85,7 +88,9 @@ class MQOneProgram {
   int64_t QueryOneTagSize(int32_t tagId);
   int64_t QueryOneTagPeriodSize(int32_t tagId, int64_t start, int64_t end);
   // Copies the samples into out[0..capacity) and returns how many were written; 0 for a
-  // missing tag, a null array or a capacity below 1. Raw bytes are fresh copies to free.
+  // missing tag, a null array or a capacity below 1; kReadFailed (nothing handed out)
+  // when the tag's records cannot be read, which is never told as "no samples". Raw
+  // bytes are fresh copies to free.
   int64_t GetDataAll(int32_t tagId, SampleRecord* out, int64_t capacity);
   int64_t GetDataPeriod(int32_t tagId, int64_t start, int64_t end, SampleRecord* out,
                         int64_t capacity);

@@ -39,8 +39,9 @@ bool ScopeCovers(const TagScope& scope, const MQOneProgram& program, int32_t tag
 // inserts (when it kept all, the whole source period is deleted, so samples that land
 // inside the source period of the same program are deleted again); samples the target
 // refused stay in the source. `source` and `target` may be the same program. Returns 1;
-// -1 for a zero denominator (before any change), when a buffer cannot be had, or when the
-// target refused a sample (every other sample is still copied or moved).
+// -1 for a zero denominator (before any change), when a buffer cannot be had, when the
+// target refused a sample (every other sample is still copied or moved), or when the
+// source's records cannot be read (a move then deletes nothing).
 int CopyPeriodBetweenPrograms(MQOneProgram& source, MQOneProgram& target, const TagScope& scope,
                               int64_t targetStart, int64_t srcStart, int64_t srcEnd,
                               int32_t numerator, int32_t denominator, bool move);

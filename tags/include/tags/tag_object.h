@@ -73,6 +73,8 @@ class TagObject {
   // Copies the samples of [start, end) in order into out[0..capacity) and returns how many
   // were written (never more than capacity; raw bytes are fresh copies to free). The read
   // also stops once the copied raw bytes reach maxBytes (after at least one sample).
+  // -1, with nothing handed out, when the records cannot be read: a short answer would
+  // pass for the whole period.
   int64_t ReadPeriod(int64_t start, int64_t end, SampleRecord* out, int64_t capacity,
                      int64_t maxBytes = INT64_MAX);
 

@@ -1,0 +1,78 @@
+// The roll-back record's key and values, and the copy of a backup back into the media
+// file, shared by the program-stream merge and the transport-stream interleave.
+#include "merge_record.h"
+
+#include <algorithm>
+
+#include "persist/cache_keys.h"
+#include "platform/access_reg.h"
+
+namespace marquel {
+namespace {
+
+constexpr size_t kCopyBytes = 1u << 20;
+
+}  // namespace
+
+std::string RollBackKey(const std::string& mediaPath) {
+  return std::string(kRollBackRoot) + "\\" + CacheSubKeyName(mediaPath);
+}
+
+bool WriteRollBackValues(const std::string& mediaPath, uint32_t type,
+                         const std::vector<uint8_t>& buf) {
+  const std::string key = RollBackKey(mediaPath);
+  AccessReg reg;
+  bool ok = reg.CreateKey(HKEY_CURRENT_USER, key.c_str()) &&
+            reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
+            reg.SetValue("BUF", buf.data(), REG_BINARY, static_cast<uint32_t>(buf.size())) &&
+            reg.SetString("PATH", mediaPath.c_str()) && reg.SetDword("TYPE", type);
+  reg.Close();
+  if (!ok) DeleteRollBackRecord(mediaPath);
+  return ok;
+}
+
+bool DeleteRollBackRecord(const std::string& mediaPath) {
+  AccessReg reg;
+  const std::string key = RollBackKey(mediaPath);
+  if (!reg.Open(HKEY_CURRENT_USER, key.c_str())) return true;
+  reg.Close();
+  return reg.DeleteKey(HKEY_CURRENT_USER, key.c_str());
+}
+
+bool CopyRegionToFile(FileHandle from, int64_t at, int64_t count, const std::string& to) {
+  FileHandle out = OpenFileHandle(to, GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL, kInvalidFileHandle);
+  if (out == kInvalidFileHandle) return false;
+  std::vector<uint8_t> buffer(static_cast<size_t>(std::min<int64_t>(kCopyBytes, count)));
+  bool ok = true;
+  for (int64_t done = 0; ok && done < count;) {
+    size_t n = static_cast<size_t>(std::min<int64_t>(kCopyBytes, count - done));
+    ok = ReadAllAt(from, static_cast<uint64_t>(at + done), buffer.data(), n) &&
+         WriteAllAt(out, static_cast<uint64_t>(done), buffer.data(), n);
+    done += static_cast<int64_t>(n);
+  }
+  ok = ok && SyncFileHandle(out);
+  return CloseFileHandle(out) && ok;
+}
+
+int64_t CopyFileInto(const std::string& from, FileHandle media, int64_t at) {
+  FileHandle in = OpenRegularFile(from, GENERIC_READ);
+  if (in == kInvalidFileHandle) return -1;
+  const int64_t size = GetFileSize64(in);
+  std::vector<uint8_t> buffer(kCopyBytes);
+  bool ok = size >= 0;
+  for (int64_t done = 0; ok && done < size;) {
+    size_t n = static_cast<size_t>(std::min<int64_t>(kCopyBytes, size - done));
+    ok = ReadAllAt(in, static_cast<uint64_t>(done), buffer.data(), n) &&
+         WriteAllAt(media, static_cast<uint64_t>(at + done), buffer.data(), n);
+    done += static_cast<int64_t>(n);
+  }
+  CloseFileHandle(in);
+  return ok ? size : -1;
+}
+
+std::string FolderOf(const std::string& path) {
+  return path.substr(0, path.find_last_of('/'));
+}
+
+}  // namespace marquel

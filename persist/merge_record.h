@@ -1,0 +1,40 @@
+// The pieces both in-place merges share: the roll-back record's key and values, and the
+// copy of a backup file back into the media file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/files.h"
+
+namespace marquel {
+
+// Where the roll-back records live: one subkey per media file.
+constexpr char kRollBackRoot[] = "Software\\Halvern\\Marquel\\RollBack";
+// The record types: the program-stream merge, and the transport-stream interleave.
+constexpr uint32_t kRollBackProgramStream = 1;
+constexpr uint32_t kRollBackTransportStream = 2;
+// UTF-16 units of a path field in a record.
+constexpr size_t kRollBackPathUnits = 260;
+
+// The record's key of `mediaPath`: kRollBackRoot + "\" + the cache key name of the path.
+std::string RollBackKey(const std::string& mediaPath);
+// Writes the record of `mediaPath`: "TYPE" `type`, "BUF" `buf` and "PATH" (the media
+// file's path, since a hashed key name cannot be turned back into one). False when it
+// cannot be written whole (nothing is left then).
+bool WriteRollBackValues(const std::string& mediaPath, uint32_t type,
+                         const std::vector<uint8_t>& buf);
+// Deletes the record. True also when there was none; false when it stays.
+bool DeleteRollBackRecord(const std::string& mediaPath);
+
+// Copies `count` bytes of `from` at `at` into the new file `to` in large blocks, and syncs
+// the file (not its folder). False on a failure.
+bool CopyRegionToFile(FileHandle from, int64_t at, int64_t count, const std::string& to);
+// Copies the whole file `from` into `media` at `at` in large blocks; the bytes copied,
+// or -1.
+int64_t CopyFileInto(const std::string& from, FileHandle media, int64_t at);
+// The folder part of a path.
+std::string FolderOf(const std::string& path);
+
+}  // namespace marquel
