@@ -284,6 +284,16 @@ std::string CopyTestMedia(const std::string& source, const std::string& as) {
   return path;
 }
 
+bool WaitForMoveDone(IMarquelClient& client, const std::string& path) {
+  for (int i = 0; i < 200; ++i) {
+    int32_t done = 0;
+    if (client.IsWriteToFileDone(path.c_str(), &done) != S_OK) return false;
+    if (done == 1) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
+}
+
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,
                                                     int32_t tag) {
   int32_t n = 0;

@@ -29,15 +29,7 @@ class CloseMonitor : public BusTest {
     return path;
   }
   // Polls IsWriteToFileDone for up to 20 s.
-  bool Done(const std::string& path) {
-    for (int i = 0; i < 200; ++i) {
-      int32_t done = 0;
-      if (client_->IsWriteToFileDone(path.c_str(), &done) != S_OK) return false;
-      if (done == 1) return true;
-      std::this_thread::sleep_for(100ms);
-    }
-    return false;
-  }
+  bool Done(const std::string& path) { return WaitForMoveDone(*client_, path); }
   // Tag 16's values and where they came from (QueryMQDataStatus).
   std::vector<int32_t> Values(const std::string& path, int32_t* status) {
     int32_t h = -1;

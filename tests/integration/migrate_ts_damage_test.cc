@@ -66,6 +66,7 @@ class MovedTsDamage : public TsMove {
     for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++count;
     EXPECT_EQ(count, 2u) << line << " once per open in:\n" << log;
     Restart();
+    ASSERT_TRUE(WaitForMoveDone(*client_, moved_));
     ASSERT_EQ(client_->InitialFile(moved_.c_str(), 0, 0, &h), S_OK);
     EXPECT_EQ(Found(h), std::make_pair(1, 1));
     ExpectEverySample(h);

@@ -151,7 +151,9 @@ class TsMove : public BusTest {
   void TagFile(const std::string& path, int32_t programs, int32_t seed) {
     int32_t h = -1;
     ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
-    if (programs > 1) ASSERT_EQ(client_->SetPMTPID(h, 0, 0x1000), S_OK);
+    if (programs > 1) {
+      ASSERT_EQ(client_->SetPMTPID(h, 0, 0x1000), S_OK);
+    }
     for (int32_t p = 1; p < programs; ++p) {
       int32_t index = -1;
       ASSERT_EQ(client_->InsertNewProgram(h, 0x1000 + p, &index), S_OK);
