@@ -105,9 +105,14 @@ TEST_F(InFileTs, ALaterCloseKeepsItsTagsOverTheOlderCopyInTheFile) {
     EXPECT_EQ(ProgramPlainSamples(*client_, h, 1), both);
     EXPECT_EQ(ProgramPlainSamples(*client_, h, 0), Samples(5));
   }
+  // The cache (2), or the file (1) once the new server's first monitor round has moved
+  // the cache into it; a failed close leaves the file's older copy (1).
   int32_t status = -1;
   ASSERT_EQ(client_->QueryMQDataStatus(h, &status), S_OK);
-  EXPECT_EQ(status, closed == S_OK ? 2 : 1) << closed;
+  if (closed == S_OK)
+    EXPECT_TRUE(status == 2 || status == 1) << status;
+  else
+    EXPECT_EQ(status, 1);
   ASSERT_EQ(client_->CloseFile(h, 1), S_OK);
 }
 
