@@ -3,9 +3,11 @@
 #include "merge_record.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "persist/cache_keys.h"
 #include "platform/access_reg.h"
+#include "platform/crc32.h"
 
 namespace marquel {
 namespace {
@@ -18,17 +20,55 @@ std::string RollBackKey(const std::string& mediaPath) {
   return std::string(kRollBackRoot) + "\\" + CacheSubKeyName(mediaPath);
 }
 
+namespace {
+
+// Bytes before a merge's offset whose CRC tells whether the file is still the merge's.
+constexpr int64_t kGuardBytes = 65536;
+
+// The guard of `media`: {bytes, CRC} of the stretch before `offset`; false when it
+// cannot be read.
+bool ReadGuard(FileHandle media, int64_t offset, uint8_t out[12]) {
+  const int64_t bytes = std::min(offset, kGuardBytes);
+  std::vector<uint8_t> region(static_cast<size_t>(bytes));
+  if (bytes < 0 ||
+      !ReadAllAt(media, static_cast<uint64_t>(offset - bytes), region.data(), region.size()))
+    return false;
+  const uint32_t crc = Crc32Ieee(region.data(), region.size());
+  std::memcpy(out, &bytes, 8);
+  std::memcpy(out + 8, &crc, 4);
+  return true;
+}
+
+}  // namespace
+
 bool WriteRollBackValues(const std::string& mediaPath, uint32_t type,
-                         const std::vector<uint8_t>& buf) {
+                         const std::vector<uint8_t>& buf, int64_t offset) {
+  uint8_t guard[12];
+  FileHandle media = OpenRegularFile(mediaPath, GENERIC_READ);
+  const bool guarded = media != kInvalidFileHandle && ReadGuard(media, offset, guard);
+  if (media != kInvalidFileHandle) CloseFileHandle(media);
+  if (!guarded) return false;
   const std::string key = RollBackKey(mediaPath);
   AccessReg reg;
   bool ok = reg.CreateKey(HKEY_CURRENT_USER, key.c_str()) &&
             reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
             reg.SetValue("BUF", buf.data(), REG_BINARY, static_cast<uint32_t>(buf.size())) &&
+            reg.SetValue("GUARD", guard, REG_BINARY, sizeof guard) &&
             reg.SetString("PATH", mediaPath.c_str()) && reg.SetDword("TYPE", type);
   reg.Close();
   if (!ok) DeleteRollBackRecord(mediaPath);
   return ok;
+}
+
+bool RollBackGuardHolds(const std::string& key, FileHandle media, int64_t offset) {
+  AccessReg reg;
+  uint32_t kind = 0;
+  std::vector<uint8_t> stored;
+  if (!reg.Open(HKEY_CURRENT_USER, key.c_str()) || !reg.QueryValue("GUARD", &kind, &stored))
+    return true;
+  uint8_t now[12];
+  return stored.size() == sizeof now && ReadGuard(media, offset, now) &&
+         std::memcmp(stored.data(), now, sizeof now) == 0;
 }
 
 bool DeleteRollBackRecord(const std::string& mediaPath) {

@@ -20,11 +20,15 @@ constexpr size_t kRollBackPathUnits = 260;
 
 // The record's key of `mediaPath`: kRollBackRoot + "\" + the cache key name of the path.
 std::string RollBackKey(const std::string& mediaPath);
-// Writes the record of `mediaPath`: "TYPE" `type`, "BUF" `buf` and "PATH" (the media
-// file's path, since a hashed key name cannot be turned back into one). False when it
-// cannot be written whole (nothing is left then).
+// Writes the record of `mediaPath`: "TYPE" `type`, "BUF" `buf`, "PATH" (the media file's
+// path, since a hashed key name cannot be turned back into one) and "GUARD" (the CRC of
+// the bytes just before `offset`, which no merge rewrites). False when it cannot be
+// written whole (nothing is left then).
 bool WriteRollBackValues(const std::string& mediaPath, uint32_t type,
-                         const std::vector<uint8_t>& buf);
+                         const std::vector<uint8_t>& buf, int64_t offset);
+// Whether the file is still the one whose merge the record of `key` guards: the bytes
+// before `offset` are those the merge began with. A record without a guard passes.
+bool RollBackGuardHolds(const std::string& key, FileHandle media, int64_t offset);
 // Deletes the record. True also when there was none; false when it stays.
 bool DeleteRollBackRecord(const std::string& mediaPath);
 

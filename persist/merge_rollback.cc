@@ -56,11 +56,19 @@ bool HasBackups(const RollBackRecord& r) {
   return SizeOf(r.backups.packs) >= 0 && SizeOf(r.backups.tail) >= 0;
 }
 
-// Copies the backups back; true when the file is as it was before the merge (for an
-// interleave: its original units, without the server's own).
-bool Restore(const RollBackRecord& r) {
+enum class Restored { kYes, kFailed, kChangedSince };
+
+// Copies the backups back (synced before the caller deletes them); kYes when the file is
+// as it was before the merge. A file whose bytes before the offset are no longer those
+// the merge began with was changed by someone else since: copying old bytes into it would
+// damage it, so it is left alone.
+Restored Restore(const std::string& key, const RollBackRecord& r) {
   FileHandle media = OpenRegularFile(r.media, GENERIC_READ | GENERIC_WRITE);
-  if (media == kInvalidFileHandle) return false;
+  if (media == kInvalidFileHandle) return Restored::kFailed;
+  if (!RollBackGuardHolds(key, media, r.offset)) {
+    CloseFileHandle(media);
+    return Restored::kChangedSince;
+  }
   bool ok;
   if (r.type == kRollBackTransportStream) {
     ok = RestoreTsFromBackup(media, r.ts_backup, r.offset);
@@ -74,7 +82,7 @@ bool Restore(const RollBackRecord& r) {
     ok = RestoreFromBackups(media, plan, r.backups);
   }
   CloseFileHandle(media);
-  return ok;
+  return ok ? Restored::kYes : Restored::kFailed;
 }
 
 void RemoveBackups(const RollBackRecord& r) {
@@ -104,7 +112,16 @@ int RollBackInterruptedMerges() {
     if (known && HasBackups(r)) {
       // A file that is not there now (a volume not mounted) is restored at a later start:
       // the backups are the only copy of its old bytes.
-      if (!IsRegularFile(r.media) || !Restore(r)) {
+      const Restored done = IsRegularFile(r.media) ? Restore(key, r) : Restored::kFailed;
+      if (done == Restored::kChangedSince) {
+        MQ_LOG(
+            "MQCtrl: RollBackToOrg(%s): the file was changed by another program since the "
+            "merge was cut short; it is left alone, and the record and the backups of its "
+            "old bytes are kept",
+            r.media.c_str());
+        continue;
+      }
+      if (done == Restored::kFailed) {
         // The backups are the only copy of the old bytes: both stay for the next start.
         MQ_LOG("MQCtrl: RollBackToOrg(%s) failed, kept for the next start", r.media.c_str());
         continue;

@@ -34,7 +34,7 @@ bool WriteRollBackRecord(const std::string& mediaPath, const MergeBackups& b, in
   if (!CopyToWideRecord(b.packs, units, kRollBackPathUnits)) return false;
   std::memcpy(record.data() + 520, units, sizeof(units));
   std::memcpy(record.data() + 1040, &start, sizeof(start));
-  return WriteRollBackValues(mediaPath, kRollBackProgramStream, record);
+  return WriteRollBackValues(mediaPath, kRollBackProgramStream, record, start);
 }
 
 bool RestoreFromBackups(FileHandle media, const MergePlan& plan, const MergeBackups& b) {

@@ -112,8 +112,8 @@ TEST(MigrateTsRefused, DataThatWouldTakeOverHalfTheFileLeavesItUnchangedAndKeeps
   bool moved = true;
   EXPECT_EQ(Migrate(path, &moved), -1);
   EXPECT_FALSE(moved);
-  EXPECT_TRUE(log.Has("[-5203] ProcessMQInterLeaveInTS: " + path +
-                      " can not write to original file"));
+  EXPECT_TRUE(
+      log.Has("[-5203] ProcessMQInterLeaveInTS: " + path + " can not write to original file"));
   EXPECT_EQ(ReadAll(path), before);
   EXPECT_TRUE(Cached(path));
   EXPECT_EQ(ReopenedSamples(path), Expected(34, 10)) << "the tags still come from the cache";
@@ -131,6 +131,40 @@ TEST(MigrateTsRefused, AReadOnlyTransportStreamIsNeverWrittenAndKeepsItsCache) {
   EXPECT_TRUE(log.Has("do not have the write permission"));
   EXPECT_EQ(ReadAll(path), before);
   EXPECT_TRUE(Cached(path));
+}
+
+TEST(MigrateTs, EveryProgramMovesIntoTheFileWithItsLogLinesAndTheCacheGoes) {
+  const std::string path = CopyMedia("ts2prog.ts", "two.ts");
+  {
+    MarquelOneFile f;
+    f.SetHandle(4);
+    f.SetFileName(path);
+    ASSERT_EQ(f.Open(0, 1, 0), 1);
+    int32_t second = 1;
+    if (f.ProgramCount() < 2) ASSERT_EQ(f.InsertNewProgram(0x1001, &second), 1);
+    InsertSamples(f, 0, 41, 10);
+    InsertSamples(f, second, 42, 12);
+    EXPECT_EQ(f.CloseFile(0), MQ_AUTOPROCESSFAIL);
+  }
+  cachetest::LogCapture log;
+  bool moved = false;
+  EXPECT_EQ(Migrate(path, &moved), 1);
+  EXPECT_TRUE(moved);
+  EXPECT_TRUE(log.Has("[-5203] process with type MQ_FORMAT_TS"));
+  EXPECT_TRUE(log.Has("[-5203] MoveCacheDataToOrgFile: " + path + ", org modified time "));
+  EXPECT_TRUE(log.HasMessage("[-5203] ProcessMQInterLeaveInTS: process success"));
+  EXPECT_TRUE(
+      log.HasMessage("[-5203] MoveCacheDataToOrgFile: " + path + " move registry to file ok"));
+  EXPECT_FALSE(Cached(path)) << "the entry and its cache files are gone";
+  MarquelOneFile f;
+  f.SetHandle(5);
+  f.SetFileName(path);
+  ASSERT_EQ(f.Open(0, 1, 0), 1);
+  EXPECT_EQ(f.m_bMQExisted, 1);
+  EXPECT_EQ(f.DataSource(), kSourceMediaFile);
+  ASSERT_GE(f.ProgramCount(), 2);
+  EXPECT_EQ(PlainSamples(f, 0), Expected(41, 10));
+  EXPECT_EQ(PlainSamples(f, 1), Expected(42, 12));
 }
 
 }  // namespace

@@ -55,7 +55,7 @@ bool WriteTsRollBackRecord(const std::string& mediaPath, const std::string& back
                            int64_t mtime) {
   std::vector<uint8_t> buf;
   return EncodeTsRollBack(backup, offset, mtime, &buf) &&
-         WriteRollBackValues(mediaPath, kRollBackTransportStream, buf);
+         WriteRollBackValues(mediaPath, kRollBackTransportStream, buf, offset);
 }
 
 bool RestoreTsFromBackup(FileHandle media, const std::string& backup, int64_t offset) {

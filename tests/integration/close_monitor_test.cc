@@ -66,6 +66,8 @@ TEST_P(CloseMonitorMedia, AClosedFileGetsItsTagsInsideWithNoFurtherCall) {
 
 INSTANTIATE_TEST_SUITE_P(ProgramStreams, CloseMonitorMedia,
                          testing::Values("mpeg2ps.mpg", "svcd.mpg"));
+INSTANTIATE_TEST_SUITE_P(TransportStreams, CloseMonitorMedia,
+                         testing::Values("ts188.ts", "m2ts192.ts", "ts204.ts"));
 
 class PendingAcrossRestart : public BusTest {};
 

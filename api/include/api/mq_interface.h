@@ -263,11 +263,11 @@ class CMQInterface {
   // E_FAIL, and nothing carried over, when wNewFileName exists but is not a regular file.
   HRESULT CacheRename(const std::string& wOriFileName, const std::string& wNewFileName,
                       int32_t nFileType);
-  // Moves a program stream's cached tags into the file (MPEG-2 and SVCD): S_OK when they
-  // are in the file now; S_FALSE when they stay cached (no cache, another format, a FAT
-  // volume the grown file would not fit, the file open in a session); E_FAIL when the
-  // move failed (the file is left as it was) or the file is a transport stream, whose
-  // move is not supported yet.
+  // Moves a file's cached tags into the file (MPEG-2, SVCD and transport streams): S_OK
+  // when they are in the file now; S_FALSE when they stay cached (no cache, another
+  // format, a FAT volume the grown file would not fit, the file open in a session); E_FAIL
+  // when the move failed (the file is left as it was, the tags stay cached). A file being
+  // moved by the close monitor is moved after it.
   HRESULT MoveCacheDataToOrgFile(const std::string& wOriFileName);
 
   // --- IMarquelEx ----------------------------------------------------------------------

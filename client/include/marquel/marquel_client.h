@@ -228,11 +228,11 @@ class IMarquelTool {
   // E_FAIL, nothing carried over, when wNewFileName exists but is not a regular file.
   virtual HRESULT CacheRename(const char* wOriFileName, const char* wNewFileName,
                               int32_t nFileType) = 0;
-  // Moves a program stream's cached tags into the file itself (MPEG-2 and SVCD): S_OK
-  // when they are in the file now; S_FALSE when they stay in their cache (nothing cached,
-  // another format, a FAT volume that the grown file would not fit, the file open in a
-  // session); E_FAIL when the move failed and the file was left as it was, or for a
-  // transport stream (not supported yet).
+  // Moves a file's cached tags into the file itself (MPEG-2, SVCD and transport
+  // streams): S_OK when they are in the file now; S_FALSE when they stay in their cache
+  // (nothing cached, another format, a FAT volume that the grown file would not fit, the
+  // file open in a session); E_FAIL when the move failed, the file left as it was and the
+  // tags still cached.
   virtual HRESULT MoveCacheDataToOrgFile(const char* wOriFileName) = 0;
 };
 

@@ -13,10 +13,12 @@ namespace marquel {
 // the first and then the second backup back into the media file at the record's offset,
 // cuts the file where the old bytes end (so it is the file it was) and syncs it, then
 // deletes the record and both backups. Type 2 the same with its one backup: copied back
-// at the offset, the file cut at offset + backup size (its original units, without the
-// server's own), then the record and the backup deleted. A record whose backups are missing is
-// deleted without a copy; one whose file is missing, or whose restore fails, stays for the next
-// start with its backups. Logs "MQCtrl: RollBackToOrg(%s)" and, once the file is
+// at the offset, the file cut at offset + backup size, then the record and the backup
+// deleted. The backups go only once the restored file is synced. A record whose backups
+// are missing is deleted without a copy; one whose file is missing, or whose restore
+// fails, stays for the next start with its backups. A file whose bytes before the offset
+// changed since the merge began (another program rewrote it) is left alone, and its
+// record and backups stay, logged. Logs "MQCtrl: RollBackToOrg(%s)" and, once the file is
 // restored, "MQCtrl: RollBackToOrg() OK". Returns the number of files restored.
 int RollBackInterruptedMerges();
 
