@@ -3,11 +3,15 @@
 // and each block read with its CRCs (FindTsInFileData).
 //
 // Input: one mode byte, then bytes. Mode bits 0-1 choose the unit size (188, 192, 204).
-// Bit 2 clear: the bytes are the file. Bit 2 set: the bytes are up to three blocks (the
-// second byte's low bits say how many; each block's CRCs put right, split evenly) behind
+// Bit 2 clear: the bytes are the file. Bit 2 set: the bytes are up to three blocks (bits
+// 0-1 of the second byte say how many; each block's CRCs put right, split evenly) behind
 // a stand-in media part of (third byte) null units; each block is packetized on the MQ
 // PID, the information packet follows, and when bits 3-7 are set one byte of the MQ part
-// is damaged at a place chosen by the fourth byte. A block that is found is loaded.
+// is damaged at a place chosen by the fourth byte. Further bits of the second byte:
+// bit 2 reads the file with the next unit size, bit 3 puts a null unit in place of an MQ
+// packet (a hole in the counter), bit 4 ends the file a few bytes early. A block that is
+// found is loaded.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -38,7 +42,7 @@ Bytes NullUnits(int32_t unit, size_t count) {
 }
 
 Bytes Crafted(const uint8_t* data, size_t size, int32_t unit) {
-  const size_t programs = 1 + data[1] % 3;
+  const size_t programs = 1 + (data[1] & 3) % 3;
   Bytes file = NullUnits(unit, data[2]);
   const size_t lead = file.size();
   Bytes rest(data + 4, data + size);
@@ -69,6 +73,14 @@ Bytes Crafted(const uint8_t* data, size_t size, int32_t unit) {
   file.insert(file.end(), last.begin(), last.end());
   if ((data[0] & 0xF8) != 0 && file.size() > lead)
     file[lead + (size_t{data[3]} * 131 + data[0]) % (file.size() - lead)] ^= data[0];
+  const size_t units = (file.size() - lead) / static_cast<size_t>(unit);
+  if ((data[1] & 8) != 0 && units > 1) {
+    const Bytes null_unit = NullUnits(unit, 1);
+    const size_t at = lead + (data[3] % (units - 1)) * static_cast<size_t>(unit);
+    std::copy(null_unit.begin(), null_unit.end(), file.begin() + static_cast<std::ptrdiff_t>(at));
+  }
+  if ((data[1] & 0x10) != 0)
+    file.resize(file.size() - std::min(file.size(), size_t{data[3]} % 64 + 1));
   return file;
 }
 
@@ -78,15 +90,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 4) return 0;
   const int32_t units[] = {188, 192, 204};
   const int32_t unit = units[(data[0] & 3) % 3];
-  const Bytes bytes = (data[0] & 4) != 0 ? Crafted(data, size, unit) : Bytes(data + 1, data + size);
+  const bool crafted = (data[0] & 4) != 0;
+  const Bytes bytes = crafted ? Crafted(data, size, unit) : Bytes(data + 1, data + size);
+  // A file read with another unit size than it was written with.
+  const int32_t read_unit =
+      crafted && (data[1] & 4) != 0 ? units[((data[0] & 3) % 3 + 1) % 3] : unit;
   marquel::FileHandle f = fuzzblock::FreshFile("mq_ts_packets_fuzzer", "media", bytes);
   if (f == marquel::kInvalidFileHandle) return 0;
   marquel::MQTsInfo info;
   std::vector<marquel::InFileProgram> programs;
-  if (marquel::FindTsInFileData(f, unit, 0, 0, &info, &programs)) {
+  if (marquel::FindTsInFileData(f, read_unit, 0, 0, &info, &programs)) {
     for (const marquel::InFileProgram& p : programs) {
       marquel::MQOneProgram program(0);
-      if (marquel::ReadBlockFromTransportStream(program, f, unit, p.start, p.data_pid, 0) == 1)
+      if (marquel::ReadBlockFromTransportStream(program, f, read_unit, p.start, p.data_pid, 0) == 1)
         marquel::LoadProgramBlock(program, nullptr, nullptr, 1 << 16);
     }
   }

@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "cache_test_util.h"
-#include "ffmpeg_test_util.h"
+#include "testsupport/ffmpeg.h"
 #include "in_file_store.h"
 #include "media/mq_end_record.h"
 #include "persist/cache_entry.h"

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "cache_test_util.h"
-#include "ffmpeg_test_util.h"
+#include "testsupport/ffmpeg.h"
 #include "persist/cache_entry.h"
 #include "media/mpeg_system_dec.h"
 #include "media/mq_end_record.h"

@@ -263,10 +263,35 @@ void BusTest::StopServer() {
   WaitUntil([&] { return !ProcessAlive(pid); }, std::chrono::milliseconds(10000));
 }
 
+void BusTest::LogToFile(const std::string& path) {
+  client_.reset();
+  StopServer();
+  const std::string key = "Software\\Halvern\\Common\\Marquel";
+  for (const std::vector<std::string>& value :
+       {std::vector<std::string>{"DumpMQInfo2", "--dword", "1"},
+        std::vector<std::string>{"DumpToFile", "--dword", "1"},
+        std::vector<std::string>{"DumpFileName", "--string", path}}) {
+    std::vector<std::string> argv = {MarquelctlPath(), "reg", "set", "--machine", key};
+    argv.insert(argv.end(), value.begin(), value.end());
+    ASSERT_EQ(RunProgram(argv), 0);
+  }
+  client_ = Connect();
+}
+
 std::string CopyTestMedia(const std::string& source, const std::string& as) {
   const std::string path = TestPath(as);
   std::filesystem::copy_file(std::string(MARQUEL_TEST_MEDIA_DIR) + "/" + source, path);
   return path;
+}
+
+bool WaitForMoveDone(IMarquelClient& client, const std::string& path) {
+  for (int i = 0; i < 200; ++i) {
+    int32_t done = 0;
+    if (client.IsWriteToFileDone(path.c_str(), &done) != S_OK) return false;
+    if (done == 1) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
 }
 
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,

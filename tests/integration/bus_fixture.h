@@ -72,6 +72,10 @@ std::string CopyTestMedia(const std::string& source, const std::string& as);
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,
                                                     int32_t tag);
 
+// Polls IsWriteToFileDone for the file until it answers 1 (true), a call fails, or 20 s
+// have passed (false).
+bool WaitForMoveDone(IMarquelClient& client, const std::string& path);
+
 // The pid of the process that owns the server's bus name now, or -1.
 pid_t ServerPid();
 // A figure of /proc/<pid>/status in KiB (VmHWM, VmRSS), or -1.
@@ -98,6 +102,9 @@ class BusTest : public testing::Test {
   std::string MediaFile(const std::string& name, size_t bytes = 1);
   // Stops the server with SIGTERM, if one runs, and waits for it.
   void StopServer();
+  // Turns the server's log on into `path` in the machine store and starts the server
+  // again (through a new client_), since the log settings are read at start-up.
+  void LogToFile(const std::string& path);
 
   PrivateBus bus_;
   std::unique_ptr<IMarquelClient> client_;

@@ -3,7 +3,6 @@
 // the pending list outlasts a stop and a start.
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bus_fixture.h"
@@ -11,8 +10,6 @@
 
 namespace marquel::test {
 namespace {
-
-using namespace std::chrono_literals;
 
 class CloseMonitor : public BusTest {
  protected:
@@ -29,15 +26,7 @@ class CloseMonitor : public BusTest {
     return path;
   }
   // Polls IsWriteToFileDone for up to 20 s.
-  bool Done(const std::string& path) {
-    for (int i = 0; i < 200; ++i) {
-      int32_t done = 0;
-      if (client_->IsWriteToFileDone(path.c_str(), &done) != S_OK) return false;
-      if (done == 1) return true;
-      std::this_thread::sleep_for(100ms);
-    }
-    return false;
-  }
+  bool Done(const std::string& path) { return WaitForMoveDone(*client_, path); }
   // Tag 16's values and where they came from (QueryMQDataStatus).
   std::vector<int32_t> Values(const std::string& path, int32_t* status) {
     int32_t h = -1;
@@ -95,14 +84,9 @@ TEST_F(PendingAcrossRestart, AMoveLeftAtAStopIsDoneAfterTheNextStart) {
   client_ = Connect();
   int32_t count = 0;
   client_->QueryFileCount(&count);  // a first call starts it
-  bool moved = false;
-  for (int i = 0; i < 100 && !moved; ++i) {
-    moved = std::filesystem::file_size(path) > before;
-    if (!moved) std::this_thread::sleep_for(100ms);
-  }
-  EXPECT_TRUE(moved);
-  ASSERT_EQ(client_->IsWriteToFileDone(path.c_str(), &done), S_OK);
-  EXPECT_EQ(done, 1);
+  // The file grows while the move runs, so it is done first and then looked at.
+  EXPECT_TRUE(WaitForMoveDone(*client_, path));
+  EXPECT_GT(std::filesystem::file_size(path), before);
 }
 
 }  // namespace

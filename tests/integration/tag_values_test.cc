@@ -20,27 +20,10 @@ constexpr int32_t kByteTag = 50;    // type 0, 8 bits
 
 class TagValues : public BusTest {
  protected:
-  // The server, started again, logs into a file of the test's folder.
-  void LogToFile() {
-    client_.reset();
-    StopServer();
-    const std::string key = "Software\\Halvern\\Common\\Marquel";
-    for (const std::vector<std::string>& value :
-         {std::vector<std::string>{"DumpMQInfo2", "--dword", "1"},
-          std::vector<std::string>{"DumpToFile", "--dword", "1"},
-          std::vector<std::string>{"DumpFileName", "--string", LogPath()}}) {
-      std::vector<std::string> argv = {MarquelctlPath(), "reg", "set", "--machine", key};
-      argv.insert(argv.end(), value.begin(), value.end());
-      ASSERT_EQ(RunProgram(argv), 0);
-    }
-    client_ = Connect();
-  }
   static std::string LogPath() { return TestPath("server.log"); }
 
   // A copy of the MPEG-2 test media, whose close leaves its tags in the cache.
-  static std::string Media() {
-    return CopyTestMedia("mpeg2ps.mpg", "clip.mpg");
-  }
+  static std::string Media() { return CopyTestMedia("mpeg2ps.mpg", "clip.mpg"); }
 
   Pairs Stored(int32_t h, int32_t tag) { return PlainPairs(*client_, h, tag); }
 
@@ -78,14 +61,14 @@ TEST_F(TagValues, TagsWhoseSamplesTheCloseCannotWriteRefuseThem) {
 }
 
 TEST_F(TagValues, AFallingDeltaValueComesBackOtherwiseAndIsLogged) {
-  LogToFile();
+  LogToFile(LogPath());
   int32_t h = InsertAndReopen(Media(), kDeltaTag, {{100000, 10}, {200000, 15}, {300000, 12}});
   EXPECT_EQ(Stored(h, kDeltaTag), (Pairs{{100000, 10}, {200000, 15}, {300000, 268}}));
   EXPECT_NE(ReadFile(LogPath()).find("tag 254 (delta, width 8)"), std::string::npos);
 }
 
 TEST_F(TagValues, AValueWiderThanItsTagIsKeptUntilTheCloseAndLogged) {
-  LogToFile();
+  LogToFile(LogPath());
   const std::string path = Media();
   int32_t h = -1;
   ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
@@ -101,7 +84,7 @@ TEST_F(TagValues, AValueWiderThanItsTagIsKeptUntilTheCloseAndLogged) {
 }
 
 TEST_F(TagValues, AStateTagValueAboveOneIsLoggedAndComesBackAsItsLowBit) {
-  LogToFile();
+  LogToFile(LogPath());
   int32_t h = InsertAndReopen(Media(), 17, {{100000, 2}});
   EXPECT_NE(ReadFile(LogPath()).find("tag 17 is 1 bits wide; value 2"), std::string::npos);
   int32_t value = -1;
@@ -110,7 +93,7 @@ TEST_F(TagValues, AStateTagValueAboveOneIsLoggedAndComesBackAsItsLowBit) {
 }
 
 TEST_F(TagValues, AnInsertIntoAMissingProgramSucceedsStoresNothingAndIsLogged) {
-  LogToFile();
+  LogToFile(LogPath());
   int32_t h = -1;
   ASSERT_EQ(client_->InitialFile(Media().c_str(), 0, 0, &h), S_OK);
   EXPECT_EQ(client_->InsertDataOne2(h, 4, kByteTag, 100000, 7), S_OK);
@@ -124,7 +107,7 @@ TEST_F(TagValues, AnInsertIntoAMissingProgramSucceedsStoresNothingAndIsLogged) {
 }
 
 TEST_F(TagValues, AnInsertIntoAClosedHandleSucceedsStoresNothingAndIsLogged) {
-  LogToFile();
+  LogToFile(LogPath());
   const std::string path = Media();
   int32_t h = -1;
   ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);

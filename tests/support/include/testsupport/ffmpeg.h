@@ -1,4 +1,4 @@
-// Running ffmpeg and ffprobe from the persistence tests: what a player decodes from a file,
+// Running ffmpeg and ffprobe from the tests: what a player decodes from a file,
 // and what ffprobe complains about.
 #pragma once
 
