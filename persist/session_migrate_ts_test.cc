@@ -141,7 +141,9 @@ TEST(MigrateTs, EveryProgramMovesIntoTheFileWithItsLogLinesAndTheCacheGoes) {
     f.SetFileName(path);
     ASSERT_EQ(f.Open(0, 1, 0), 1);
     int32_t second = 1;
-    if (f.ProgramCount() < 2) ASSERT_EQ(f.InsertNewProgram(0x1001, &second), 1);
+    if (f.ProgramCount() < 2) {
+      ASSERT_EQ(f.InsertNewProgram(0x1001, &second), 1);
+    }
     InsertSamples(f, 0, 41, 10);
     InsertSamples(f, second, 42, 12);
     EXPECT_EQ(f.CloseFile(0), MQ_AUTOPROCESSFAIL);
