@@ -41,12 +41,14 @@ inline int64_t FileSize(const std::string& path) {
   return ec ? -1 : static_cast<int64_t>(size);
 }
 
-// Flushes the made file's pages: the move syncs the file, and must not be charged with
-// writing back what the bench wrote.
+// Flushes what the bench wrote (the made file, and ffmpeg's deleted copy, whose freed
+// blocks the file system's journal still has to commit): the move's syncs must not be
+// charged with writing that back.
 inline bool FlushMadeFile(const std::string& path) {
   const FileHandle made = OpenRegularFile(path, GENERIC_READ);
   const bool flushed = made != kInvalidFileHandle && SyncFileHandle(made);
   if (made != kInvalidFileHandle) CloseFileHandle(made);
+  ::sync();
   return flushed;
 }
 

@@ -1,5 +1,6 @@
 #include "persist/block_from_media.h"
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -39,11 +40,17 @@ void LogCrcFailure(BlockAssembler::State state, int32_t session, bool transport)
 template <class FeedFn>
 BlockAssembler::State Pump(FileHandle file, int64_t start, BlockAssembler& assembler, FeedFn feed) {
   if (start < 0 || SeekFile(file, start, FILE_BEGIN) != start) return assembler.state();
-  std::vector<uint8_t> chunk(kMediaBlockReadChunk);
+  // The file is read in large blocks and fed in chunks of the decoder's size: a read per
+  // chunk would cost a system call per 2324 bytes.
+  constexpr uint32_t kChunksPerRead = 256;
+  std::vector<uint8_t> block(static_cast<size_t>(kMediaBlockReadChunk) * kChunksPerRead);
   while (assembler.state() == BlockAssembler::State::kNeedMore) {
     uint32_t got = 0;
-    if (!ReadFile(file, chunk.data(), kMediaBlockReadChunk, &got) || got == 0) break;
-    feed(chunk.data(), static_cast<int32_t>(got));
+    if (!ReadFile(file, block.data(), static_cast<uint32_t>(block.size()), &got) || got == 0) break;
+    for (uint32_t at = 0; at < got && assembler.state() == BlockAssembler::State::kNeedMore;
+         at += kMediaBlockReadChunk)
+      feed(block.data() + at,
+           static_cast<int32_t>(std::min<uint32_t>(kMediaBlockReadChunk, got - at)));
   }
   return assembler.state();
 }

@@ -104,9 +104,9 @@ TEST(MigrateTsRefused, AFileThatWouldPassTheFat32LimitIsLeftAloneWithItsCache) {
 
 TEST(MigrateTsRefused, DataThatWouldTakeOverHalfTheFileLeavesItUnchangedAndKeepsTheCache) {
   const std::string path = CopyMedia("ts188.ts", "small.ts");
-  // About 40 KB of tags: fifteen original packets a data packet would start the
+  // About 60 KB of tags: three original packets a data packet would start the
   // interleave below half of this 295 KB file.
-  TagAndClose(path, 34, 40000);
+  TagAndClose(path, 34, 60000);
   const Bytes before = ReadAll(path);
   cachetest::LogCapture log;
   bool moved = true;

@@ -14,9 +14,12 @@
 namespace marquel {
 
 // MQ units per group (M) and original units after each group (O): the interleaved stretch
-// carries one MQ packet per 15 of the stream's own, so its byte rate rises by 1/15.
+// carries one MQ packet per three of the stream's own, so its byte rate rises by a third
+// over a stretch of about four times the data. A transport stream declares no mux rate
+// to stay under, and players drop the packets of a PID no program lists; a larger O
+// would rewrite (and first back up) a longer tail of a big file for every move.
 constexpr int64_t kTsMergeMQUnits = 1;
-constexpr int64_t kTsMergeOriginalUnits = 15;
+constexpr int64_t kTsMergeOriginalUnits = 3;
 // The MQ PID of a file without data is the first candidate that no unit of the scanned
 // stretch uses; the stretch is the last kTsFreePidScanBytes, or more when the rewrite
 // starts further back.

@@ -263,7 +263,7 @@ TEST(TsMerge, WithEveryCandidatePidInUseTheFileStaysAsItWas) {
 TEST(TsMerge, DataThatWouldTakeOverHalfTheFileIsRefused) {
   const std::string path = CopyMedia("ts188.ts", "half.ts");
   const Bytes before = ReadAll(path);
-  auto f = Tagged(path, 6000);
+  auto f = Tagged(path, 30000);
   ASSERT_LT(TsMergeStart(static_cast<int64_t>(before.size()), SerialisedBlockBytes(*f->Program(0)),
                          -1, 188, 0),
             0);

@@ -15,7 +15,7 @@
 
 namespace marquel {
 
-// Bytes read from the media file per step.
+// Bytes fed to the decoder per step (the file is read in blocks of many of them).
 constexpr int32_t kMediaBlockReadChunk = 2324;
 // The stream id of the server's own packets in a program stream.
 constexpr int32_t kMQDataStreamId = 0xFA;
