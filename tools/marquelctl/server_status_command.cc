@@ -6,8 +6,8 @@
 //       server saved in the store for later
 //   wait FILE [--timeout SECONDS] [--interval MS] [--json]
 //       waits until the server has written FILE's data into it (IsWriteToFileDone),
-//       showing a progress line on standard error (not with --json); exit status 3 on
-//       timeout
+//       showing a progress line on standard error (not with --json); exit status 1 on
+//       timeout (it has not been written)
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -53,7 +53,7 @@ nlohmann::json SavedPending() {
 
 int Status(const StatusOptions& o) {
   auto client = Connect(o.json);
-  if (!client) return kExitFailure;
+  if (!client) return kExitUnreachable;
   nlohmann::json result = {{"operation", "status"},
                            {"files", nlohmann::json::array()},
                            {"pending", nlohmann::json::array()}};
@@ -89,7 +89,7 @@ int Status(const StatusOptions& o) {
 
 int Wait(const WaitOptions& o) {
   auto client = Connect(o.json);
-  if (!client) return kExitFailure;
+  if (!client) return kExitUnreachable;
   auto start = std::chrono::steady_clock::now();
   for (;;) {
     int32_t done = 0;
@@ -105,7 +105,7 @@ int Wait(const WaitOptions& o) {
                            {"file", o.file},
                            {"done", done != 0},
                            {"waited_ms", static_cast<int64_t>(waited * 1000)}});
-      return done ? kExitOk : kExitFailure;
+      return done ? kExitOk : kExitRefused;
     }
     // The progress line is for people; JSON output stays a single document.
     if (!o.json)
