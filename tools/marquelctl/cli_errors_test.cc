@@ -1,0 +1,87 @@
+// marquelctl's command line as a user meets it without a server: the version, the help's
+// units and exit codes, mistyped commands, and errors in CSV and script input that name
+// their line. All of these are found before the server is asked.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "ctl_test_util.h"
+#include "testsupport/fresh_home.h"
+
+namespace marquel {
+namespace {
+
+using ctltest::Ctl;
+using Result = ctltest::CtlRun;
+
+TEST(CliErrors, VersionPrintsTheProjectVersion) {
+  Result r = Ctl({"--version"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, std::string("marquelctl ") + MARQUEL_VERSION + "\n");
+}
+
+TEST(CliErrors, HelpStatesTheTimeUnitAndTheExitCodes) {
+  Result r = Ctl({"--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("ticks of 100 ns"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("0 done, 1 not found or refused, 2 usage"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("3 server unreachable"), std::string::npos) << r.out;
+  r = Ctl({"get", "--help"});
+  EXPECT_NE(r.out.find("--time-format"), std::string::npos) << r.out;
+}
+
+TEST(CliErrors, AMistypedCommandSuggestsTheNearestOne) {
+  Result r = Ctl({"stauts"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("did you mean status?"), std::string::npos) << r.err;
+  r = Ctl({"frobnicate"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err.find("did you mean"), std::string::npos) << r.err;
+}
+
+TEST(CliErrors, ACsvErrorNamesItsLine) {
+  const std::string csv = test::TestPath("bad.csv");
+  std::ofstream(csv) << "time,value\n10,1\n# note\n1:60,2\n";
+  const std::string media = test::TestPath("clip.mpg");
+  std::ofstream(media) << "x";
+  Result r = Ctl({"put", media, "--tag", "40", "--csv", csv});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find(csv + ":4: '1:60' has seconds beyond 59"), std::string::npos) << r.err;
+  std::ofstream(csv) << "time,value\n10,1\n20,300\n";
+  r = Ctl({"put", media, "--tag", "40", "--csv", csv});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("line 3: tag 40 holds 8-bit values"), std::string::npos) << r.err;
+}
+
+TEST(CliErrors, AScriptFromStandardInputNamesTheLineOfItsError) {
+  const std::string script = test::TestPath("ops.txt");
+  std::ofstream(script) << "# ops\nput 40 10=1\n\nget 40 1:60 2s\n";
+  const std::string media = test::TestPath("clip.mpg");
+  std::ofstream(media) << "x";
+  Result r = Ctl({"file", media, "--script", "-"}, "", script);
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("file: -:4: get: expected"), std::string::npos) << r.err;
+  std::ofstream(script) << "put 40 10=1\n";
+  r = Ctl({"file", media, "--script", script, "--", "put", "40", "1=256"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("put: tag 40 holds 8-bit values"), std::string::npos) << r.err;
+}
+
+TEST(CliErrors, ABadTimeOrNumberIsAUsageErrorAndNoHresult) {
+  const std::string media = test::TestPath("clip.mpg");
+  std::ofstream(media) << "x";
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"get", media, "--tag", "40", "--from", "10.5"},
+                                             {"get", media, "--tag", "0x28"},
+                                             {"shift", media, "--by", "99999999999999999999"},
+                                             {"delete", media, "--from", "1:60", "--to", "-1"},
+                                             {"put", media, "--tag", "40", "--sample", "1=0x10"}}) {
+    Result r = Ctl(args);
+    EXPECT_EQ(r.status, 2) << args[0] << " " << args[3] << ": " << r.err;
+    EXPECT_EQ(r.err.find("0x8"), std::string::npos) << r.err;
+  }
+}
+
+}  // namespace
+}  // namespace marquel
