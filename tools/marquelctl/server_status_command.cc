@@ -17,6 +17,7 @@
 #include "platform/access_reg.h"
 #include "platform/key_name.h"
 #include "server_common.h"
+#include "time_text.h"
 
 namespace marquel::ctl {
 namespace {
@@ -128,7 +129,9 @@ void AddServerStatusCommands(CLI::App& app, Action& run) {
   CLI::App* wait = app.add_subcommand("wait", "Wait until the server has written a file's data");
   wait->add_option("FILE", w->file, "the media file")->required();
   wait->add_option("--timeout", w->timeout_s, "give up after this many seconds (default 60)");
-  wait->add_option("--interval", w->interval_ms, "poll every this many ms (default 500)");
+  wait->add_option("--interval", w->interval_ms, "poll every this many ms (default 500)")
+      ->transform(DecimalNumber())
+      ->check(CLI::Range(1, 60000));
   wait->add_flag("--json", w->json, "print the result as JSON");
   wait->callback([w, &run] { run = [w] { return Wait(*w); }; });
 }
