@@ -3,6 +3,7 @@
 // their line. All of these are found before the server is asked.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -81,6 +82,20 @@ TEST(CliErrors, ABadTimeOrNumberIsAUsageErrorAndNoHresult) {
     EXPECT_EQ(r.status, 2) << args[0] << " " << args[3] << ": " << r.err;
     EXPECT_EQ(r.err.find("0x8"), std::string::npos) << r.err;
   }
+}
+
+TEST(CliErrors, ASampleFileOrScriptBeyondTheInputCeilingIsRefused) {
+  const std::string big = test::TestPath("big.csv");
+  std::ofstream(big).close();
+  std::filesystem::resize_file(big, (size_t{64} << 20) + 1);  // sparse: no disk used
+  const std::string media = test::TestPath("clip.mpg");
+  std::ofstream(media) << "x";
+  Result r = Ctl({"put", media, "--tag", "40", "--csv", big});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("more than 67108864 bytes"), std::string::npos) << r.err;
+  r = Ctl({"file", media, "--script", big});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("more than 67108864 bytes"), std::string::npos) << r.err;
 }
 
 }  // namespace

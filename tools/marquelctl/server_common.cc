@@ -221,6 +221,16 @@ int RunOnFile(const FileOptions& options, const std::string& what, const FileOpe
   return kExitOk;
 }
 
+bool ReadBounded(std::istream& in, std::string* text) {
+  char chunk[65536];
+  text->clear();
+  while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+    text->append(chunk, static_cast<size_t>(in.gcount()));
+    if (text->size() > kMaxInputBytes) return false;
+  }
+  return true;
+}
+
 bool ParseSample(const std::string& text, SampleText* out, std::string* error) {
   size_t eq = text.find('=');
   if (eq == std::string::npos) {
@@ -269,11 +279,17 @@ bool ReadJsonSamples(std::istream& in, const std::string& path, std::vector<Samp
 
 bool ReadSampleFile(const std::string& path, bool json_file, std::vector<SampleText>* out,
                     std::string* error) {
-  std::ifstream in(path);
-  if (!in) {
+  std::ifstream file(path, std::ios::binary);
+  std::string content;
+  if (!file) {
     *error = "cannot read " + path;
     return false;
   }
+  if (!ReadBounded(file, &content)) {
+    *error = path + ": more than " + std::to_string(kMaxInputBytes) + " bytes";
+    return false;
+  }
+  std::istringstream in(content);
   if (json_file) return ReadJsonSamples(in, path, out, error);
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {

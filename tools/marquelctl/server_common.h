@@ -92,6 +92,11 @@ struct SampleText {
   std::string value;
   int line = 0;  // its line in a CSV file, 0 otherwise
 };
+// The most bytes a sample file or script may have.
+constexpr size_t kMaxInputBytes = size_t{64} << 20;
+// Reads all of `in` into *text; false when it holds more than kMaxInputBytes.
+bool ReadBounded(std::istream& in, std::string* text);
+
 // Parses "TIME=VALUE" (TIME in any form ParseTime takes); false with *error saying why.
 bool ParseSample(const std::string& text, SampleText* out, std::string* error);
 // Reads samples from a CSV file (time,value per line; '#' comments and a header line are

@@ -192,12 +192,18 @@ Operation ParseOperation(int32_t program, const Words& op, std::string* usage) {
 bool ReadScript(const std::string& path, std::vector<std::pair<std::string, int>>* words,
                 std::string* error) {
   std::ifstream file;
-  if (path != "-") file.open(path);
-  std::istream& in = path == "-" ? std::cin : file;
-  if (!in) {
+  if (path != "-") file.open(path, std::ios::binary);
+  std::istream& source = path == "-" ? std::cin : file;
+  std::string content;
+  if (!source) {
     *error = "cannot read " + path;
     return false;
   }
+  if (!ReadBounded(source, &content)) {
+    *error = path + ": more than " + std::to_string(kMaxInputBytes) + " bytes";
+    return false;
+  }
+  std::istringstream in(content);
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     line = line.substr(0, line.find('#'));
