@@ -28,8 +28,11 @@ TEST(CliErrors, HelpStatesTheTimeUnitAndTheExitCodes) {
   EXPECT_NE(r.out.find("ticks of 100 ns"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("0 done, 1 not found or refused, 2 usage"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("3 server unreachable"), std::string::npos) << r.out;
-  r = Ctl({"get", "--help"});
-  EXPECT_NE(r.out.find("--time-format"), std::string::npos) << r.out;
+  for (const char* sub : {"get", "put", "delete", "shift", "copy", "file"}) {
+    r = Ctl({sub, "--help"});
+    EXPECT_NE(r.out.find("--time-format"), std::string::npos) << sub << ": " << r.out;
+    EXPECT_NE(r.out.find("ticks of 100 ns"), std::string::npos) << sub << ": " << r.out;
+  }
 }
 
 TEST(CliErrors, AMistypedCommandSuggestsTheNearestOne) {

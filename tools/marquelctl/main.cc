@@ -6,6 +6,7 @@
 
 #include "command.h"
 #include "command_names.h"
+#include "time_text.h"
 
 int main(int argc, char** argv) {
   using namespace marquel::ctl;
@@ -14,10 +15,9 @@ int main(int argc, char** argv) {
       "Run 'marquelctl <command> --help' for the options of a command."};
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string("marquelctl ") + MARQUEL_VERSION);
-  app.footer(
-      "Times: 1234567 (ticks of 100 ns), 62.5s, 1500ms or 01:02:03.5; numbers are decimal.\n"
-      "Exit status: 0 done, 1 not found or refused, 2 usage (wrong command line or input),\n"
-      "3 server unreachable. See docs/cli.md.\n");
+  app.footer(std::string(TimeFormsHelp()) + "\n" +
+             "Exit status: 0 done, 1 not found or refused, 2 usage (wrong command line or input),\n"
+             "3 server unreachable. See docs/cli.md.\n");
   Action run;
   AddRegCommand(app, run);
   AddCacheCommand(app, run);

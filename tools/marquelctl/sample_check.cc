@@ -3,6 +3,7 @@
 
 #include "tags/block_format.h"
 #include "tags/tag_definitions.h"
+#include "tags/tag_object.h"
 
 namespace marquel::ctl {
 namespace {
@@ -83,8 +84,9 @@ std::string TagRulesHelp() {
   return "Tag values: a plain tag holds unsigned values of its width (tag 40: 8 bits, "
          "0..255); --truncate stores the low bits of a wider value. State tags (" +
          state +
-         ") hold 0 or 1 and are read back filled at their sampling interval (the distance "
-         "of their first two samples, " +
+         ") hold 0 or 1 and are read back filled at their sampling interval (measured from "
+         "their first two samples, at least " +
+         std::to_string(TagObject::kMinMeasuredInterval) + " ticks; " +
          std::to_string(kDefaultStateInterval) +
          " ticks when not known). Raw tags take hex bytes up to their length field.";
 }

@@ -150,6 +150,7 @@ HRESULT HeldFile::Close() {
 }
 
 void AddFileOptions(CLI::App* sub, FileOptions* options) {
+  sub->footer(TimeFormsHelp());
   sub->add_option("FILE", options->file, "the media file")->required();
   sub->add_option("--program", options->program, "program index (default 0)")
       ->transform(DecimalNumber());

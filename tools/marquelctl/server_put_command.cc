@@ -57,7 +57,7 @@ void AddServerPutCommand(CLI::App& app, Action& run) {
   sub->add_option("--sample", o->samples, "a sample TIME=VALUE (repeatable)");
   sub->add_option("--csv", o->csv, "read TIME,VALUE lines from a CSV file");
   sub->add_option("--json-file", o->json_file, "read samples from a JSON file");
-  sub->footer(TagRulesHelp());
+  sub->footer(std::string(TimeFormsHelp()) + "\n" + TagRulesHelp());
   sub->callback([o, &run] {
     run = [o] {
       CheckedSamples samples;

@@ -27,7 +27,7 @@ void AddTags(CLI::App& app, Action& run) {
   auto o = std::make_shared<FileOptions>();
   CLI::App* sub = app.add_subcommand("tags", "List the tags of a media file with their counts");
   AddFileOptions(sub, o.get());
-  sub->footer(TagRulesHelp());
+  sub->footer(std::string(TimeFormsHelp()) + "\n" + TagRulesHelp());
   sub->callback([o, &run] {
     run = [o] {
       return RunOnFile(*o, "tags", [o](IMarquelClient& c, int32_t h, nlohmann::json* out) {

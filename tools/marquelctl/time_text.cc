@@ -196,6 +196,11 @@ void SetOutputTimeFormat(TimeFormat format) {
   g_output_format = format;
 }
 
+const char* TimeFormsHelp() {
+  return "Times: 1234567 (ticks of 100 ns), 62.5s, 1500ms or 01:02:03.5, with an optional "
+         "'-'; numbers are decimal.";
+}
+
 CLI::Validator DecimalNumber() {
   return CLI::Validator(
       [](std::string& value) -> std::string {

@@ -33,6 +33,9 @@ std::string FormatTime(int64_t ticks, TimeFormat format);
 TimeFormat OutputTimeFormat();
 void SetOutputTimeFormat(TimeFormat format);
 
+// One line for a command's help: the time forms and their unit.
+const char* TimeFormsHelp();
+
 // CLI11 transforms: a decimal integer option (leading zeros dropped so that CLI11 does not
 // read octal), and a time option (rewritten to its ticks).
 CLI::Validator DecimalNumber();
