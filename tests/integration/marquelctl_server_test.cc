@@ -231,6 +231,10 @@ TEST_F(Marquelctl, AValueThatDoesNotFitItsTagIsRefusedBeforeAnythingIsSent) {
   EXPECT_EQ(Ctl({"put", file_, "--tag", "40", "--sample", "1=1", "--sample", "2=-6"}, &out), 2);
   int32_t size = -1;
   EXPECT_EQ(client_->QueryOneTagSize(handle_, 40, &size), E_FAIL) << "nothing was sent";
+  // Tag 254 keeps the steps between its values in 8 bits: a falling value cannot come back.
+  EXPECT_EQ(Ctl({"put", file_, "--tag", "254", "--sample", "0=5", "--sample", "10=4"}, &out), 2);
+  EXPECT_NE(out.find("4 after 5 does not fit"), std::string::npos) << out;
+  EXPECT_EQ(client_->QueryOneTagSize(handle_, 254, &size), E_FAIL) << "nothing was sent";
   EXPECT_EQ(Ctl({"put", file_, "--tag", "40", "--sample", "0=300", "--truncate"}, &out), 0);
   EXPECT_EQ(Ctl({"get", file_, "--tag", "40"}, &out), 0);
   EXPECT_EQ(out, "0\t44\n");

@@ -1,6 +1,8 @@
 // marquelctl's checks of tag ids and sample values against the tag definition table.
 #include "sample_check.h"
 
+#include <algorithm>
+
 #include "tags/block_format.h"
 #include "tags/tag_definitions.h"
 #include "tags/tag_object.h"
@@ -48,6 +50,10 @@ bool CheckPlainValue(int32_t tag, int64_t value, bool truncate, int32_t* stored,
     *error = name + " is a state tag and holds 0 or 1; " + std::to_string(value) + " is neither";
     return false;
   }
+  if (kTagDefinitions[tag].nType == kTagTypeDelta && value >= 0 && value <= INT32_MAX) {
+    *stored = static_cast<int32_t>(value);  // its steps are checked by CheckDeltaSteps
+    return true;
+  }
   const int32_t width = Width(tag);
   const int64_t mask = (int64_t{1} << width) - 1;
   if (value >= 0 && value <= mask) {
@@ -62,6 +68,27 @@ bool CheckPlainValue(int32_t tag, int64_t value, bool truncate, int32_t* stored,
            std::to_string(value) + " does not fit" +
            (truncate ? "" : "; use --truncate to store its low bits");
   return false;
+}
+
+bool CheckDeltaSteps(int32_t tag, std::vector<std::pair<int64_t, int64_t>> samples,
+                     std::string* error) {
+  if (!IsValidTagId(tag) || kTagDefinitions[tag].nType != kTagTypeDelta) return true;
+  std::stable_sort(samples.begin(), samples.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  const int32_t width = Width(tag);
+  const int64_t mask = (int64_t{1} << width) - 1;
+  int64_t previous = 0;
+  for (const auto& [time, value] : samples) {
+    if (value < previous || value - previous > mask) {
+      *error = "tag " + std::to_string(tag) + " stores the steps between its values in " +
+               std::to_string(width) + " bits: values must not fall and may rise by at most " +
+               std::to_string(mask) + "; " + std::to_string(value) + " after " +
+               std::to_string(previous) + " does not fit";
+      return false;
+    }
+    previous = value;
+  }
+  return true;
 }
 
 bool CheckRawLength(int32_t tag, int64_t length, std::string* error) {

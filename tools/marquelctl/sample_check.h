@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace marquel::ctl {
 
@@ -18,6 +20,12 @@ bool CheckTagId(int64_t tag, std::string* error);
 // than the tag's width is refused, or with `truncate` cut to its low bits; a state tag
 // takes 0 or 1 only; raw and unwritable tags take no plain value.
 bool CheckPlainValue(int32_t tag, int64_t value, bool truncate, int32_t* stored,
+                     std::string* error);
+
+// For a tag that stores the steps between its values (a delta tag), checks that the
+// values given, in time order, start within its width, never fall and rise by steps that
+// fit it. Samples already in the file are not seen here. True for other tags.
+bool CheckDeltaSteps(int32_t tag, std::vector<std::pair<int64_t, int64_t>> samples,
                      std::string* error);
 
 // Checks that `tag` (a valid id) takes raw samples of `length` bytes.

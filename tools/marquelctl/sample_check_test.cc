@@ -49,6 +49,19 @@ TEST(SampleCheck, RawSamplesLongerThanTheLengthFieldAreRefused) {
   EXPECT_FALSE(CheckPlainValue(255, 1, false, &stored, &error));
 }
 
+TEST(SampleCheck, ADeltaTagTakesOnlyValuesThatRiseByStepsItsWidthHolds) {
+  std::string error;
+  EXPECT_TRUE(CheckDeltaSteps(254, {{0, 5}, {10, 200}, {20, 455}}, &error)) << error;
+  EXPECT_FALSE(CheckDeltaSteps(254, {{0, 5}, {10, 4}}, &error));
+  EXPECT_NE(error.find("4 after 5 does not fit"), std::string::npos) << error;
+  EXPECT_FALSE(CheckDeltaSteps(254, {{10, 300}, {0, 10}}, &error));  // in time order
+  EXPECT_FALSE(CheckDeltaSteps(254, {{0, 256}}, &error));
+  EXPECT_TRUE(CheckDeltaSteps(40, {{0, 5}, {10, 4}}, &error));
+  int32_t stored = 0;
+  EXPECT_TRUE(CheckPlainValue(254, 455, false, &stored, &error));  // a sum of steps
+  EXPECT_EQ(stored, 455);
+}
+
 TEST(SampleCheck, ATagIdOutsideTheTableIsNamed) {
   std::string error;
   EXPECT_FALSE(CheckTagId(300, &error));

@@ -361,7 +361,9 @@ bool CheckSamples(int64_t tag, bool raw, bool truncate, const std::vector<Sample
     }
     out->plain.push_back(MarquelOneTag{s.time, stored});
   }
-  return true;
+  std::vector<std::pair<int64_t, int64_t>> steps;
+  for (const MarquelOneTag& s : out->plain) steps.emplace_back(s.llTimeCode, s.value);
+  return CheckDeltaSteps(id, std::move(steps), error);
 }
 
 bool ParseHex(const std::string& text, std::vector<uint8_t>* out) {
