@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "ctl_test_util.h"
 #include "testsupport/fresh_home.h"
@@ -44,37 +45,43 @@ TEST(CliErrors, AMistypedCommandSuggestsTheNearestOne) {
   EXPECT_EQ(r.err.find("did you mean"), std::string::npos) << r.err;
 }
 
+// A media file for commands that check their input before they open it.
+std::string Clip() {
+  const std::string media = test::TestPath("clip.mpg");
+  std::ofstream(media) << "x";
+  return media;
+}
+
+// Runs marquelctl (standard input from stdin_path when given) and expects a usage error
+// whose message holds `part`.
+void ExpectUsageError(const std::vector<std::string>& args, const std::string& part,
+                      const std::string& stdin_path = "") {
+  Result r = Ctl(args, "", stdin_path);
+  EXPECT_EQ(r.status, 2) << r.err;
+  EXPECT_NE(r.err.find(part), std::string::npos) << r.err;
+}
+
 TEST(CliErrors, ACsvErrorNamesItsLine) {
   const std::string csv = test::TestPath("bad.csv");
   std::ofstream(csv) << "time,value\n10,1\n# note\n1:60,2\n";
-  const std::string media = test::TestPath("clip.mpg");
-  std::ofstream(media) << "x";
-  Result r = Ctl({"put", media, "--tag", "40", "--csv", csv});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find(csv + ":4: '1:60' has seconds beyond 59"), std::string::npos) << r.err;
+  ExpectUsageError({"put", Clip(), "--tag", "40", "--csv", csv},
+                   csv + ":4: '1:60' has seconds beyond 59");
   std::ofstream(csv) << "time,value\n10,1\n20,300\n";
-  r = Ctl({"put", media, "--tag", "40", "--csv", csv});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("line 3: tag 40 holds 8-bit values"), std::string::npos) << r.err;
+  ExpectUsageError({"put", Clip(), "--tag", "40", "--csv", csv},
+                   "line 3: tag 40 holds 8-bit values");
 }
 
 TEST(CliErrors, AScriptFromStandardInputNamesTheLineOfItsError) {
   const std::string script = test::TestPath("ops.txt");
   std::ofstream(script) << "# ops\nput 40 10=1\n\nget 40 1:60 2s\n";
-  const std::string media = test::TestPath("clip.mpg");
-  std::ofstream(media) << "x";
-  Result r = Ctl({"file", media, "--script", "-"}, "", script);
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("file: -:4: get: expected"), std::string::npos) << r.err;
+  ExpectUsageError({"file", Clip(), "--script", "-"}, "file: -:4: get: expected", script);
   std::ofstream(script) << "put 40 10=1\n";
-  r = Ctl({"file", media, "--script", script, "--", "put", "40", "1=256"});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("put: tag 40 holds 8-bit values"), std::string::npos) << r.err;
+  ExpectUsageError({"file", Clip(), "--script", script, "--", "put", "40", "1=256"},
+                   "put: tag 40 holds 8-bit values");
 }
 
 TEST(CliErrors, ABadTimeOrNumberIsAUsageErrorAndNoHresult) {
-  const std::string media = test::TestPath("clip.mpg");
-  std::ofstream(media) << "x";
+  const std::string media = Clip();
   for (const std::vector<std::string>& args :
        std::vector<std::vector<std::string>>{{"get", media, "--tag", "40", "--from", "10.5"},
                                              {"get", media, "--tag", "0x28"},
@@ -91,14 +98,8 @@ TEST(CliErrors, ASampleFileOrScriptBeyondTheInputCeilingIsRefused) {
   const std::string big = test::TestPath("big.csv");
   std::ofstream(big).close();
   std::filesystem::resize_file(big, (size_t{64} << 20) + 1);  // sparse: no disk used
-  const std::string media = test::TestPath("clip.mpg");
-  std::ofstream(media) << "x";
-  Result r = Ctl({"put", media, "--tag", "40", "--csv", big});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("more than 67108864 bytes"), std::string::npos) << r.err;
-  r = Ctl({"file", media, "--script", big});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("more than 67108864 bytes"), std::string::npos) << r.err;
+  ExpectUsageError({"put", Clip(), "--tag", "40", "--csv", big}, "more than 67108864 bytes");
+  ExpectUsageError({"file", Clip(), "--script", big}, "more than 67108864 bytes");
 }
 
 }  // namespace
