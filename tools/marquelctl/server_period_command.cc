@@ -94,9 +94,84 @@ void Finish(const PeriodOptions& o, nlohmann::json result, const std::string& te
     std::cout << text << '\n';
 }
 
+// One edit of one open file: what it needs to count and to report a failure.
+struct OneFileEdit {
+  IMarquelClient& c;
+  int32_t h;
+  const PeriodOptions& o;
+  std::string what;
+  int status = kExitOk;
+  std::optional<int64_t> Count(const Period& period) {
+    return Counted(c, h, o, period, what, &status);
+  }
+  bool Failed(HRESULT hr) {
+    status = ReportFailure(o.file.json, what, hr);
+    return false;
+  }
+};
+
+// Samples at t < by land before 0 (the server drops them): [lowest, by) for a positive
+// offset, else the ones below 0 less those in [by, 0).
+std::optional<int64_t> LandingBelowZero(OneFileEdit& e) {
+  const int64_t by = e.o.by;
+  if (by > 0) return e.Count(std::make_pair(INT64_MIN, by));
+  auto below = e.Count(std::make_pair(INT64_MIN, int64_t{0}));
+  auto kept = by < 0 ? e.Count(std::make_pair(by, int64_t{0})) : std::optional<int64_t>(0);
+  if (!below || !kept) return std::nullopt;
+  return *below - *kept;
+}
+
+bool Shift(OneFileEdit& e, int64_t before, nlohmann::json* result, std::string* text) {
+  const bool dry = e.o.dry_run;
+  int64_t shifted = 0, dropped = 0;
+  if (dry) {
+    auto below = LandingBelowZero(e);
+    if (!below) return false;
+    dropped = *below;
+    shifted = before - dropped;
+  } else {
+    nlohmann::json ignored;
+    HRESULT hr = ShiftTimes(e.c, e.h, e.o.by, TagScope{e.o.tag, e.o.category}, &ignored);
+    if (hr != S_OK) return e.Failed(hr);
+    auto after = e.Count(std::nullopt);
+    if (!after) return false;
+    shifted = *after;
+    dropped = before - *after;
+  }
+  (*result)["offset"] = e.o.by;
+  (*result)["shifted"] = shifted;
+  (*result)["dropped"] = dropped;
+  *text = (dry ? "would shift " : "shifted ") + Samples(shifted);
+  if (dropped > 0)
+    *text += (dry ? ", would drop " : ", dropped ") + std::to_string(dropped) +
+             (dry ? " that fall before 0" : " that fell before 0");
+  return true;
+}
+
+bool Delete(OneFileEdit& e, int64_t before, nlohmann::json* result, std::string* text) {
+  int64_t deleted = 0;
+  if (e.o.dry_run) {
+    auto in_period = e.Count(std::make_pair(e.o.from, e.o.to));
+    if (!in_period) return false;
+    deleted = *in_period;
+  } else {
+    nlohmann::json ignored;
+    HRESULT hr =
+        DeletePeriod(e.c, e.h, e.o.from, e.o.to, TagScope{e.o.tag, e.o.category}, &ignored);
+    if (hr != S_OK) return e.Failed(hr);
+    auto after = e.Count(std::nullopt);
+    if (!after) return false;
+    deleted = before - *after;
+  }
+  (*result)["from"] = e.o.from;
+  (*result)["to"] = e.o.to;
+  (*result)["deleted"] = deleted;
+  *text = (e.o.dry_run ? "would delete " : "deleted ") + Samples(deleted);
+  return true;
+}
+
 // Delete and shift work on one open file.
 int OneFile(const PeriodOptions& o, bool shift) {
-  const std::string what = shift ? "shift" : "delete";
   int status = kExitOk;
   if (!CheckMediaFile(o.file, o.file.file, &status)) return status;
   auto client = Connect(o.file.json);
@@ -104,66 +179,12 @@ int OneFile(const PeriodOptions& o, bool shift) {
   HeldFile file(*client, o.file.file, o.file.type, o.file.write_to_cache ? 1 : 0, o.dry_run);
   if (file.OpenResult() != S_OK)
     return ReportFailure(o.file.json, "open " + o.file.file, file.OpenResult());
-  IMarquelClient& c = *client;
-  const int32_t h = file.Handle();
-  const TagScope scope{o.tag, o.category};
-  auto before = Counted(c, h, o, std::nullopt, what, &status);
-  if (!before) return status;
-  // Samples at t < by land before 0: [lowest, by) for a positive offset, else the ones
-  // below 0 less those in [by, 0).
-  auto landing_below_zero = [&]() -> std::optional<int64_t> {
-    if (o.by > 0) return Counted(c, h, o, std::make_pair(INT64_MIN, o.by), what, &status);
-    auto below = Counted(c, h, o, std::make_pair(INT64_MIN, int64_t{0}), what, &status);
-    auto kept = o.by < 0 ? Counted(c, h, o, std::make_pair(o.by, int64_t{0}), what, &status)
-                         : std::optional<int64_t>(0);
-    if (!below || !kept) return std::nullopt;
-    return *below - *kept;
-  };
-  nlohmann::json result = {{"operation", what}, {"file", o.file.file}};
+  OneFileEdit edit{*client, file.Handle(), o, shift ? "shift" : "delete"};
+  auto before = edit.Count(std::nullopt);
+  if (!before) return edit.status;
+  nlohmann::json result = {{"operation", edit.what}, {"file", o.file.file}};
   std::string text;
-  if (shift) {
-    // The server drops the samples that a shift moves before 0.
-    result["offset"] = o.by;
-    int64_t shifted = 0, dropped = 0;
-    if (o.dry_run) {
-      auto below = landing_below_zero();
-      if (!below) return status;
-      dropped = *below;
-      shifted = *before - dropped;
-    } else {
-      nlohmann::json ignored;
-      HRESULT hr = ShiftTimes(c, h, o.by, scope, &ignored);
-      if (hr != S_OK) return ReportFailure(o.file.json, what, hr);
-      auto after = Counted(c, h, o, std::nullopt, what, &status);
-      if (!after) return status;
-      shifted = *after;
-      dropped = *before - *after;
-    }
-    result["shifted"] = shifted;
-    result["dropped"] = dropped;
-    text = (o.dry_run ? "would shift " : "shifted ") + Samples(shifted);
-    if (dropped > 0)
-      text += (o.dry_run ? ", would drop " : ", dropped ") + std::to_string(dropped) +
-              (o.dry_run ? " that fall before 0" : " that fell before 0");
-  } else {
-    result["from"] = o.from;
-    result["to"] = o.to;
-    int64_t deleted = 0;
-    if (o.dry_run) {
-      auto in_period = Counted(c, h, o, std::make_pair(o.from, o.to), what, &status);
-      if (!in_period) return status;
-      deleted = *in_period;
-    } else {
-      nlohmann::json ignored;
-      HRESULT hr = DeletePeriod(c, h, o.from, o.to, scope, &ignored);
-      if (hr != S_OK) return ReportFailure(o.file.json, what, hr);
-      auto after = Counted(c, h, o, std::nullopt, what, &status);
-      if (!after) return status;
-      deleted = *before - *after;
-    }
-    result["deleted"] = deleted;
-    text = (o.dry_run ? "would delete " : "deleted ") + Samples(deleted);
-  }
+  if (!(shift ? Shift : Delete)(edit, *before, &result, &text)) return edit.status;
   if (!CloseAll(o, {{&file, o.file.file}}, &status)) return status;
   Finish(o, result, text);
   return kExitOk;
