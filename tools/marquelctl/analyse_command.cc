@@ -6,8 +6,8 @@
 // "M1SAna.txt", MPEG-2 program streams (SVCD, DVD and DVD recordings included) to
 // "M2SAna.txt", transport streams to "TSAna.txt", each in DIR (default: the current
 // folder). An earlier analysis file of that name is replaced. Exit 0; 1 when FILE does
-// not exist; 2 for a wrong command line; 3 when the format has no stream analysis or the
-// file cannot be read.
+// not exist, the format has no stream analysis or the file cannot be read; 2 for a wrong
+// command line.
 #include <algorithm>
 #include <iostream>
 #include <memory>
@@ -60,7 +60,7 @@ int AnalyseProgramStream(FileHandle h, bool mpeg1, const std::string& folder) {
   dec->SetAnalysis(1, folder);
   if (!FeedFile(h, 0, [&](const uint8_t* p, int32_t n) { dec->Feed(p, n); })) {
     std::cerr << "marquelctl analyse: read failed\n";
-    return kExitFailure;
+    return kExitRefused;
   }
   uint64_t base = 0;
   uint32_t ext = 0;
@@ -77,7 +77,7 @@ int AnalyseTransportStream(FileHandle h, const TsLayout& layout, const std::stri
   if (dec.Init(static_cast<int32_t>(layout.packet_size)) != 1 ||
       dec.SetAnalysis(1, path.c_str()) != 1) {
     std::cerr << "marquelctl analyse: cannot write " << path << "\n";
-    return kExitFailure;
+    return kExitRefused;
   }
   // Pieces no larger than the reader's input ring can take at once.
   const bool ok = FeedFile(h, layout.first_packet_offset, [&](const uint8_t* p, int32_t n) {
@@ -85,7 +85,7 @@ int AnalyseTransportStream(FileHandle h, const TsLayout& layout, const std::stri
   });
   if (!ok) {
     std::cerr << "marquelctl analyse: read failed\n";
-    return kExitFailure;
+    return kExitRefused;
   }
   std::cout << "wrote " << path << ": " << dec.packet_count() << " packets, "
             << dec.programs().count() << " programs\n";
@@ -102,11 +102,11 @@ int RunAnalyse(const AnalyseArgs& args) {
                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, kInvalidFileHandle);
   if (h == kInvalidFileHandle) {
     std::cerr << "marquelctl analyse: " << args.file << ": cannot be read\n";
-    return kExitFailure;
+    return kExitRefused;
   }
   TsLayout layout;
   const uint32_t code = DetectFileType(&layout, h, args.file);
-  int status = kExitFailure;
+  int status = kExitRefused;
   switch (code) {
     case MQ_FORMAT_MPEG1:
     case MQ_FORMAT_VCD:

@@ -7,8 +7,8 @@
 // Every CRC is checked. Text output lists each tag with its samples, one "time value"
 // line each; --json prints {"tags":{"<tag id>":[[time, value], ...]}} with raw samples
 // as lowercase hex strings. Exit 0 for a clean block; 1 for a rejected block (the reason
-// on standard error) or a missing file; 2 for a wrong command line; 3 when FILE cannot be
-// read.
+// on standard error), a missing file or one that cannot be read; 2 for a wrong command
+// line.
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -89,7 +89,7 @@ int RunBlockDump(const BlockDumpArgs& args) {
   std::ifstream in(args.file, std::ios::binary);
   if (!in) {
     std::cerr << prefix << "cannot be read\n";
-    return kExitFailure;
+    return kExitRefused;
   }
   const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
                                    std::istreambuf_iterator<char>());

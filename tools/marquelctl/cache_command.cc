@@ -9,8 +9,8 @@
 // and prints their tags as "block dump" does, per program. delete removes FILE's cache
 // data the way the server does (ForceDeleteCacheData), including the entry of a DVD,
 // AVI or other-format file. KIND is VRCache, TSCache, OtherCache, AVICache or TempCache.
-// Exit 0; 1 when there is no entry (or a cache file is damaged); 2 for a wrong command
-// line; 3 when the store or a file fails.
+// Exit 0; 1 when there is no entry, a cache file is damaged, or the store or a file
+// fails; 2 for a wrong command line.
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -229,7 +229,7 @@ int RunDelete(const CacheArgs& args) {
   }
   if (session.ForceDeleteCacheData(file) != 1 || !EntriesOf(file, all).empty()) {
     std::cerr << "marquelctl cache delete: " << file << ": the entry could not be deleted\n";
-    return kExitFailure;
+    return kExitRefused;
   }
   return kExitOk;
 }

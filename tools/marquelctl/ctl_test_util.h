@@ -37,8 +37,10 @@ inline void WriteBytes(const std::string& path, const Bytes& bytes) {
             static_cast<std::streamsize>(bytes.size()));
 }
 
-// Runs marquelctl with args, in cwd when given, and waits for it.
-inline CtlRun Ctl(const std::vector<std::string>& args, const std::string& cwd = "") {
+// Runs marquelctl with args, in cwd when given, with standard input read from stdin_path
+// when given, and waits for it.
+inline CtlRun Ctl(const std::vector<std::string>& args, const std::string& cwd = "",
+                  const std::string& stdin_path = "") {
   const std::string out_path = test::TestPath("ctl.out");
   const std::string err_path = test::TestPath("ctl.err");
   pid_t pid = fork();
@@ -47,6 +49,11 @@ inline CtlRun Ctl(const std::vector<std::string>& args, const std::string& cwd =
     int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
+    if (!stdin_path.empty()) {
+      int in = open(stdin_path.c_str(), O_RDONLY);
+      if (in < 0) _exit(125);
+      dup2(in, STDIN_FILENO);
+    }
     if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
     std::vector<char*> argv = {const_cast<char*>(MARQUELCTL_PATH)};
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));

@@ -157,7 +157,7 @@ int Failed(const std::string& what) {
     return Usage(StoreLastMessage());
   }
   std::cerr << "marquelctl reg: " << what << ": " << StoreLastMessage() << "\n";
-  return kExitFailure;
+  return kExitRefused;
 }
 
 // Splits off a leading root name. False when it contradicts --machine.

@@ -2,11 +2,14 @@
 #include "server_common.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 
 #include "command.h"
+#include "sample_check.h"
+#include "time_text.h"
 
 namespace marquel::ctl {
 namespace {
@@ -17,24 +20,15 @@ std::string HexCode(HRESULT hr) {
   return text;
 }
 
-bool ParseInt64(const std::string& text, int64_t* out) {
-  if (text.empty()) return false;
-  try {
-    size_t used = 0;
-    long long v = std::stoll(text, &used, 0);
-    if (used != text.size()) return false;
-    *out = v;
-    return true;
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
 std::string Trim(const std::string& s) {
   size_t b = s.find_first_not_of(" \t\r\n");
   if (b == std::string::npos) return "";
   size_t e = s.find_last_not_of(" \t\r\n");
   return s.substr(b, e - b + 1);
+}
+
+std::string Time(const nlohmann::json& ticks) {
+  return FormatTime(ticks.get<int64_t>(), OutputTimeFormat());
 }
 
 // The text form of one result object.
@@ -43,13 +37,15 @@ void PrintText(const nlohmann::json& r) {
   if (op == "tags") {
     for (const auto& t : r["tags"]) {
       std::cout << t["id"].get<int>() << '\t' << t["count"].get<int64_t>() << '\t'
-                << (t["raw"].get<bool>() ? "raw" : "plain");
+                << (t["raw"].get<bool>()      ? "raw"
+                    : t.value("state", false) ? "state"
+                                              : "plain");
       if (t.contains("sample_size")) std::cout << '\t' << t["sample_size"].get<int>();
       std::cout << '\n';
     }
   } else if (op == "get") {
     for (const auto& s : r["samples"]) {
-      std::cout << s["time"].get<int64_t>() << '\t';
+      std::cout << Time(s["time"]) << '\t';
       if (s.contains("data"))
         std::cout << s["data"].get<std::string>() << '\n';
       else
@@ -61,7 +57,7 @@ void PrintText(const nlohmann::json& r) {
     std::cout << "inserted " << r["inserted"].get<int64_t>() << '\n';
   } else if (op == "intervals") {
     for (const auto& i : r["intervals"])
-      std::cout << i["start"].get<int64_t>() << '\t' << i["end"].get<int64_t>() << '\n';
+      std::cout << Time(i["start"]) << '\t' << Time(i["end"]) << '\n';
   } else if (op == "status") {
     std::cout << "open files\t" << r["open_files"].get<int>() << '\n';
     std::cout << "memory\t" << r["memory"].get<int64_t>() << '\n';
@@ -85,8 +81,10 @@ void PrintText(const nlohmann::json& r) {
 
 int ExitStatusFor(HRESULT hr) {
   if (hr == S_OK || hr == S_FALSE) return kExitOk;
-  if (hr == E_INVALIDARG) return kExitUsage;
-  return kExitFailure;
+  // The input was checked here before it was sent: what the server then refuses, even as
+  // E_INVALIDARG, is a refusal and not a wrong command line.
+  if (hr == E_SERVER_UNAVAILABLE) return kExitUnreachable;
+  return kExitRefused;
 }
 
 int ReportFailure(bool json, const std::string& what, HRESULT hr) {
@@ -128,14 +126,15 @@ void PrintResult(bool json, const nlohmann::json& result) {
 std::unique_ptr<IMarquelClient> Connect(bool json) {
   std::string error;
   auto client = CreateMarquelClient(&error);
-  if (!client) ReportError(json, "cannot reach the session bus: " + error, kExitFailure);
+  if (!client) ReportError(json, "cannot reach the session bus: " + error, kExitUnreachable);
   return client;
 }
 
 HeldFile::HeldFile(IMarquelClient& client, const std::string& path, int32_t type,
-                   int32_t write_to_cache)
+                   int32_t write_to_cache, bool read_only)
     : client_(client), write_to_cache_(write_to_cache) {
-  open_hr_ = client_.InitialFile(path.c_str(), type, 0, &handle_);
+  open_hr_ = read_only ? client_.InitialFile2(path.c_str(), type, 0, 0, nullptr, 1, 0, -1, &handle_)
+                       : client_.InitialFile(path.c_str(), type, 0, &handle_);
   if (open_hr_ != S_OK) handle_ = -1;
 }
 
@@ -151,17 +150,65 @@ HRESULT HeldFile::Close() {
 }
 
 void AddFileOptions(CLI::App* sub, FileOptions* options) {
+  sub->footer(TimeFormsHelp());
   sub->add_option("FILE", options->file, "the media file")->required();
-  sub->add_option("--program", options->program, "program index (default 0)");
-  sub->add_option("--type", options->type, "file type code for opening (default 0: detect)");
+  sub->add_option("--program", options->program, "program index (default 0)")
+      ->transform(DecimalNumber());
+  sub->add_option("--type", options->type, "file type code for opening (default 0: detect)")
+      ->transform(DecimalNumber());
+  sub->add_option_function<std::string>(
+      "--time-format",
+      [](const std::string& form) {
+        TimeFormat format;
+        if (!ParseTimeFormat(form, &format))
+          throw CLI::ValidationError("--time-format", "ticks, seconds or hms");
+        SetOutputTimeFormat(format);
+      },
+      "how times are printed: ticks (default, 100 ns), seconds (62.5s) or hms (0:01:02.5)");
   sub->add_flag("--write-to-cache", options->write_to_cache,
                 "close with bWriteToCache 1 (the data stays in the cache)");
   sub->add_flag("--json", options->json, "print the result as JSON");
 }
 
+void AddTagOption(CLI::App* sub, int32_t* tag) {
+  sub->add_option("--tag", *tag, "tag id (0-255)")
+      ->required()
+      ->transform(DecimalNumber())
+      ->check(TagIdRange());
+}
+
+CLI::Validator TagIdRange() {
+  return CLI::Validator(
+      [](std::string& value) -> std::string {
+        int64_t tag = 0;
+        std::string error;
+        if (ParseDecimal(value, &tag) && !CheckTagId(tag, &error)) return error;
+        return "";
+      },
+      "0-255");
+}
+
+bool CheckMediaFile(const FileOptions& options, const std::string& path, int* status) {
+  std::error_code ec;
+  const auto st = std::filesystem::status(path, ec);
+  // A given --type may name a file the server creates; detection needs the file itself.
+  if (!std::filesystem::exists(st)) {
+    if (options.type != 0) return true;
+    *status = ReportError(options.json, "no such file: " + path, kExitNotFound);
+    return false;
+  }
+  if (!std::filesystem::is_regular_file(st)) {
+    *status = ReportError(options.json, "not a regular file: " + path, kExitRefused);
+    return false;
+  }
+  return true;
+}
+
 int RunOnFile(const FileOptions& options, const std::string& what, const FileOperation& op) {
+  int status = kExitOk;
+  if (!CheckMediaFile(options, options.file, &status)) return status;
   auto client = Connect(options.json);
-  if (!client) return kExitFailure;
+  if (!client) return kExitUnreachable;
   HeldFile file(*client, options.file, options.type, options.write_to_cache ? 1 : 0);
   if (file.OpenResult() != S_OK)
     return ReportFailure(options.json, "open " + options.file, file.OpenResult());
@@ -175,51 +222,148 @@ int RunOnFile(const FileOptions& options, const std::string& what, const FileOpe
   return kExitOk;
 }
 
-bool ParseSample(const std::string& text, SampleText* out) {
-  size_t eq = text.find('=');
-  if (eq == std::string::npos) return false;
-  out->value = Trim(text.substr(eq + 1));
-  return ParseInt64(Trim(text.substr(0, eq)), &out->time) && !out->value.empty();
+bool ReadBounded(std::istream& in, std::string* text) {
+  char chunk[65536];
+  text->clear();
+  while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+    text->append(chunk, static_cast<size_t>(in.gcount()));
+    if (text->size() > kMaxInputBytes) return false;
+  }
+  return true;
 }
+
+bool ParseSample(const std::string& text, SampleText* out, std::string* error) {
+  size_t eq = text.find('=');
+  if (eq == std::string::npos) {
+    *error = "'" + text + "' is not TIME=VALUE";
+    return false;
+  }
+  out->value = Trim(text.substr(eq + 1));
+  if (out->value.empty()) {
+    *error = "'" + text + "' has no value after '='";
+    return false;
+  }
+  return ParseTime(Trim(text.substr(0, eq)), &out->time, error);
+}
+
+namespace {
+
+bool ReadJsonSamples(std::istream& in, const std::string& path, std::vector<SampleText>* out,
+                     std::string* error) {
+  try {
+    nlohmann::json doc = nlohmann::json::parse(in);
+    if (!doc.is_array()) throw std::runtime_error("expected an array of samples");
+    for (const auto& item : doc) {
+      const auto& t = item.is_array() ? item.at(0) : item.at("time");
+      const auto& v = item.is_array() ? item.at(1) : item.at("value");
+      SampleText s;
+      if (t.is_string()) {
+        if (!ParseTime(t.get<std::string>(), &s.time, error)) {
+          *error = path + ": " + *error;
+          return false;
+        }
+      } else {
+        s.time = t.get<int64_t>();
+      }
+      s.value = v.is_string() ? v.get<std::string>() : std::to_string(v.get<int64_t>());
+      out->push_back(s);
+      if (out->size() > kMaxPutSamples) throw std::runtime_error("too many samples");
+    }
+    return true;
+  } catch (const std::exception& e) {
+    *error = path + ": " + e.what();
+    return false;
+  }
+}
+
+}  // namespace
 
 bool ReadSampleFile(const std::string& path, bool json_file, std::vector<SampleText>* out,
                     std::string* error) {
-  std::ifstream in(path);
-  if (!in) {
+  std::ifstream file(path, std::ios::binary);
+  std::string content;
+  if (!file) {
     *error = "cannot read " + path;
     return false;
   }
-  if (json_file) {
-    try {
-      nlohmann::json doc = nlohmann::json::parse(in);
-      for (const auto& item : doc) {
-        const auto& t = item.is_array() ? item.at(0) : item.at("time");
-        const auto& v = item.is_array() ? item.at(1) : item.at("value");
-        out->push_back(SampleText{t.get<int64_t>(), v.is_string()
-                                                        ? v.get<std::string>()
-                                                        : std::to_string(v.get<int64_t>())});
-      }
-      return true;
-    } catch (const std::exception& e) {
-      *error = path + ": " + e.what();
-      return false;
-    }
+  if (!ReadBounded(file, &content)) {
+    *error = path + ": more than " + std::to_string(kMaxInputBytes) + " bytes";
+    return false;
   }
+  std::istringstream in(content);
+  if (json_file) return ReadJsonSamples(in, path, out, error);
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     line = Trim(line);
     if (line.empty() || line[0] == '#') continue;
+    const std::string where = path + ":" + std::to_string(number) + ": ";
     size_t comma = line.find_first_of(",;\t");
     SampleText s;
-    if (comma == std::string::npos || !ParseInt64(Trim(line.substr(0, comma)), &s.time)) {
+    std::string why;
+    if (comma == std::string::npos || !ParseTime(Trim(line.substr(0, comma)), &s.time, &why)) {
       if (out->empty() && number == 1) continue;  // a header line
-      *error = path + ":" + std::to_string(number) + ": expected TIME,VALUE";
+      *error = where + (why.empty() ? "expected TIME,VALUE" : why);
       return false;
     }
     s.value = Trim(line.substr(comma + 1));
+    if (s.value.empty()) {
+      *error = where + "expected TIME,VALUE";
+      return false;
+    }
+    s.line = number;
     out->push_back(s);
+    if (out->size() > kMaxPutSamples) {
+      *error = where + "more than " + std::to_string(kMaxPutSamples) + " samples";
+      return false;
+    }
   }
   return true;
+}
+
+bool CheckSamples(int64_t tag, bool raw, bool truncate, const std::vector<SampleText>& samples,
+                  CheckedSamples* out, std::string* error) {
+  if (!CheckTagId(tag, error)) return false;
+  if (samples.empty()) {
+    *error = "no samples given";
+    return false;
+  }
+  if (samples.size() > kMaxPutSamples) {
+    *error = "more than " + std::to_string(kMaxPutSamples) + " samples";
+    return false;
+  }
+  const int32_t id = static_cast<int32_t>(tag);
+  for (const SampleText& s : samples) {
+    const std::string where = s.line > 0 ? "line " + std::to_string(s.line) + ": " : "";
+    std::string why;
+    if (raw) {
+      std::vector<uint8_t> bytes;
+      if (s.value.size() > 2 * static_cast<size_t>(kMaxRawSampleBytes) + 2 ||
+          !ParseHex(s.value, &bytes)) {
+        *error = where + "'" + s.value + "' is not hex bytes";
+        return false;
+      }
+      if (!CheckRawLength(id, static_cast<int64_t>(bytes.size()), &why)) {
+        *error = where + why;
+        return false;
+      }
+      out->raw.emplace_back(s.time, std::move(bytes));
+      continue;
+    }
+    int64_t value = 0;
+    int32_t stored = 0;
+    if (!ParseDecimal(s.value, &value)) {
+      *error = where + "'" + s.value + "' is not a decimal number";
+      return false;
+    }
+    if (!CheckPlainValue(id, value, truncate, &stored, &why)) {
+      *error = where + why;
+      return false;
+    }
+    out->plain.push_back(MarquelOneTag{s.time, stored});
+  }
+  std::vector<std::pair<int64_t, int64_t>> steps;
+  for (const MarquelOneTag& s : out->plain) steps.emplace_back(s.llTimeCode, s.value);
+  return CheckDeltaSteps(id, std::move(steps), error);
 }
 
 bool ParseHex(const std::string& text, std::vector<uint8_t>* out) {

@@ -37,7 +37,9 @@ std::unique_ptr<IMarquelClient> Connect(bool json);
 // A media file opened for the length of one invocation, closed again at the end.
 class HeldFile {
  public:
-  HeldFile(IMarquelClient& client, const std::string& path, int32_t type, int32_t write_to_cache);
+  // With `read_only` the session refuses every change and writes nothing at its close.
+  HeldFile(IMarquelClient& client, const std::string& path, int32_t type, int32_t write_to_cache,
+           bool read_only = false);
   ~HeldFile();
   HeldFile(const HeldFile&) = delete;
   HeldFile& operator=(const HeldFile&) = delete;
@@ -64,6 +66,15 @@ struct FileOptions {
 // Adds FILE, --program, --type, --write-to-cache and --json to a subcommand.
 void AddFileOptions(CLI::App* sub, FileOptions* options);
 
+// Adds a required decimal --tag option that refuses ids outside 0-255 by name.
+void AddTagOption(CLI::App* sub, int32_t* tag);
+// Refuses a tag id outside 0-255 with "no such tag id N (tag ids are 0-255)".
+CLI::Validator TagIdRange();
+
+// Whether `path` is a regular file the server can open; false after reporting "no such
+// file" (not found) or "not a regular file" (refused), with *status the exit status.
+bool CheckMediaFile(const FileOptions& options, const std::string& path, int* status);
+
 using FileOperation = std::function<HRESULT(IMarquelClient&, int32_t handle, nlohmann::json*)>;
 // Connects, opens the file, runs the operation, prints its result, closes the file.
 // Returns the exit status.
@@ -79,13 +90,31 @@ struct TagScope {
 struct SampleText {
   int64_t time = 0;
   std::string value;
+  int line = 0;  // its line in a CSV file, 0 otherwise
 };
-// Parses "TIME=VALUE"; false when it is not that shape.
-bool ParseSample(const std::string& text, SampleText* out);
+// The most bytes a sample file or script may have.
+constexpr size_t kMaxInputBytes = size_t{64} << 20;
+// Reads all of `in` into *text; false when it holds more than kMaxInputBytes.
+bool ReadBounded(std::istream& in, std::string* text);
+
+// Parses "TIME=VALUE" (TIME in any form ParseTime takes); false with *error saying why.
+bool ParseSample(const std::string& text, SampleText* out, std::string* error);
 // Reads samples from a CSV file (time,value per line; '#' comments and a header line are
-// skipped) or a JSON file ([{"time":T,"value":V}, ...] or [[T,V], ...]).
+// skipped) or a JSON file ([{"time":T,"value":V}, ...] or [[T,V], ...]); at most
+// kMaxPutSamples. Errors name the file and, for CSV, the line.
 bool ReadSampleFile(const std::string& path, bool json_file, std::vector<SampleText>* out,
                     std::string* error);
+
+// Samples checked against their tag's definition, ready to send.
+struct CheckedSamples {
+  std::vector<MarquelOneTag> plain;
+  std::vector<std::pair<int64_t, std::vector<uint8_t>>> raw;
+};
+// Checks the tag id and every sample (plain values against the tag's width and kind, raw
+// ones against its length field) before anything is sent; false with *error naming the
+// first one that does not fit. With `truncate` a too wide plain value keeps its low bits.
+bool CheckSamples(int64_t tag, bool raw, bool truncate, const std::vector<SampleText>& samples,
+                  CheckedSamples* out, std::string* error);
 // Parses hex bytes ("0a1b..."); false for an odd length or another character.
 bool ParseHex(const std::string& text, std::vector<uint8_t>* out);
 std::string Hex(const uint8_t* data, size_t n);
@@ -97,14 +126,18 @@ HRESULT GetSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, b
                    nlohmann::json* out);
 HRESULT CountSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
                      std::optional<std::pair<int64_t, int64_t>> period, nlohmann::json* out);
-HRESULT PutSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, bool raw,
-                   const std::vector<SampleText>& samples, nlohmann::json* out);
+HRESULT PutSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
+                   const CheckedSamples& samples, nlohmann::json* out);
 HRESULT DeletePeriod(IMarquelClient& c, int32_t h, int64_t from, int64_t to, const TagScope& scope,
                      nlohmann::json* out);
 HRESULT ShiftTimes(IMarquelClient& c, int32_t h, int64_t offset, const TagScope& scope,
                    nlohmann::json* out);
 HRESULT ListIntervals(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
                       nlohmann::json* out);
+// Counts the samples of the tags in `scope` over every program of the file, within
+// [from, to) when a period is given (to below 0: up to the last sample).
+HRESULT CountInScope(IMarquelClient& c, int32_t h, const TagScope& scope,
+                     std::optional<std::pair<int64_t, int64_t>> period, int64_t* total);
 HRESULT CleanAll(IMarquelClient& c, int32_t h, nlohmann::json* out);
 
 }  // namespace marquel::ctl

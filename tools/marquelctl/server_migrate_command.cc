@@ -3,11 +3,11 @@
 //   migrate FILE ... [--json]
 //
 // For each FILE the server moves the tags its cache holds into the file (MPEG-2 and SVCD
-// program streams, transport streams; the file must not be open in another session). Each file gets one
-// line: "moved" when the tags are in the file now, "kept in the cache" when they stay
-// where they were (nothing cached, a format or volume that cannot take them, the file in
-// use). A failed move leaves the file as it was and its tags in the cache; the exit status
-// is then 3, and 0 otherwise.
+// program streams, transport streams; the file must not be open in another session). Each file gets
+// one line: "moved" when the tags are in the file now, "kept in the cache" when they stay where
+// they were (nothing cached, a format or volume that cannot take them, the file in use). A failed
+// move leaves the file as it was and its tags in the cache; it is a refusal, and the exit status is
+// then 1 (0 otherwise).
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -25,7 +25,7 @@ struct MigrateOptions {
 
 int Migrate(const MigrateOptions& o) {
   auto client = Connect(o.json);
-  if (!client) return kExitFailure;
+  if (!client) return kExitUnreachable;
   nlohmann::json results = nlohmann::json::array();
   int status = kExitOk;
   for (const std::string& given : o.files) {
@@ -49,7 +49,8 @@ int Migrate(const MigrateOptions& o) {
 void AddServerMigrateCommand(CLI::App& app, Action& run) {
   auto o = std::make_shared<MigrateOptions>();
   CLI::App* sub = app.add_subcommand(
-      "migrate", "Move the cached tags of MPEG-2, SVCD and transport-stream files into the files themselves");
+      "migrate",
+      "Move the cached tags of MPEG-2, SVCD and transport-stream files into the files themselves");
   sub->add_option("FILE", o->files, "media files whose tags to move")->required();
   sub->add_flag("--json", o->json, "print the results as JSON");
   sub->callback([o, &run] { run = [o] { return Migrate(*o); }; });

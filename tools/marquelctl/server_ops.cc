@@ -1,10 +1,15 @@
 // marquelctl's operations on an open file, shared by the single commands and `file`.
 #include <climits>
 
+#include "sample_check.h"
 #include "server_common.h"
+#include "tags/tag_definitions.h"
 
 namespace marquel::ctl {
 namespace {
+
+// More programs than this are not counted (a transport stream has far fewer).
+constexpr int32_t kMaxPrograms = 1024;
 
 // Sample counts: an empty tag answers E_FAIL, which here is simply 0.
 HRESULT Count(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
@@ -62,7 +67,8 @@ HRESULT ListTags(IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* 
   for (int32_t i = 0; i < plain; ++i) {
     int32_t n = 0;
     Count(c, h, program, ids[i], std::nullopt, &n);
-    (*out)["tags"].push_back({{"id", ids[i]}, {"count", n}, {"raw", false}});
+    (*out)["tags"].push_back(
+        {{"id", ids[i]}, {"count", n}, {"raw", false}, {"state", IsStateTag(ids[i])}});
   }
   for (int32_t i = 0; i < std::max(raw, 0); ++i) {
     int32_t n = 0;
@@ -122,35 +128,20 @@ HRESULT CountSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
   return hr;
 }
 
-HRESULT PutSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, bool raw,
-                   const std::vector<SampleText>& samples, nlohmann::json* out) {
+HRESULT PutSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
+                   const CheckedSamples& samples, nlohmann::json* out) {
   *out = {{"operation", "put"}, {"program", program}, {"tag", tag}, {"inserted", 0}};
-  if (samples.empty()) return E_INVALIDARG;
-  if (raw) {
-    int64_t inserted = 0;
-    for (const SampleText& s : samples) {
-      std::vector<uint8_t> bytes;
-      if (!ParseHex(s.value, &bytes)) return E_INVALIDARG;
-      HRESULT hr = c.InsertRawDataOne2(h, program, tag, s.time, static_cast<int32_t>(bytes.size()),
-                                       bytes.data());
-      if (hr != S_OK) return hr;
-      (*out)["inserted"] = ++inserted;
-    }
-    return S_OK;
+  int64_t inserted = 0;
+  for (const auto& [time, bytes] : samples.raw) {
+    HRESULT hr = c.InsertRawDataOne2(h, program, tag, time, static_cast<int32_t>(bytes.size()),
+                                     bytes.data());
+    if (hr != S_OK) return hr;
+    (*out)["inserted"] = ++inserted;
   }
-  std::vector<MarquelOneTag> list;
-  for (const SampleText& s : samples) {
-    try {
-      size_t used = 0;
-      long long v = std::stoll(s.value, &used, 0);
-      if (used != s.value.size() || v < INT32_MIN || v > INT32_MAX) return E_INVALIDARG;
-      list.push_back(MarquelOneTag{s.time, static_cast<int32_t>(v)});
-    } catch (const std::exception&) {
-      return E_INVALIDARG;
-    }
-  }
-  HRESULT hr = c.InsertDataPeriod2(h, program, tag, list.data(), static_cast<int32_t>(list.size()));
-  if (hr == S_OK) (*out)["inserted"] = list.size();
+  if (samples.plain.empty()) return S_OK;
+  HRESULT hr = c.InsertDataPeriod2(h, program, tag, samples.plain.data(),
+                                   static_cast<int32_t>(samples.plain.size()));
+  if (hr == S_OK) (*out)["inserted"] = inserted + static_cast<int64_t>(samples.plain.size());
   return hr;
 }
 
@@ -186,6 +177,28 @@ HRESULT ListIntervals(IMarquelClient& c, int32_t h, int32_t program, int32_t tag
   if (hr != S_OK) return hr;
   for (int32_t i = 0; i < n; ++i)
     (*out)["intervals"].push_back({{"start", starts[i]}, {"end", ends[i]}});
+  return S_OK;
+}
+
+HRESULT CountInScope(IMarquelClient& c, int32_t h, const TagScope& scope,
+                     std::optional<std::pair<int64_t, int64_t>> period, int64_t* total) {
+  *total = 0;
+  int32_t programs = 0;
+  HRESULT hr = c.GetMQProgramCounts(h, &programs);
+  if (hr != S_OK) return hr;
+  for (int32_t p = 0; p < std::min(programs, kMaxPrograms); ++p) {
+    nlohmann::json tags;
+    if ((hr = ListTags(c, h, p, &tags)) != S_OK) return hr;
+    for (const auto& t : tags["tags"]) {
+      const int32_t id = t["id"].get<int32_t>();
+      if (!IsValidTagId(id) || (scope.tag && *scope.tag != id) ||
+          (scope.category && *scope.category != kTagDefinitions[id].nCategory))
+        continue;
+      int32_t n = t["count"].get<int32_t>();
+      if (period && (hr = Count(c, h, p, id, period, &n)) != S_OK) return hr;
+      *total += n;
+    }
+  }
   return S_OK;
 }
 

@@ -6,8 +6,8 @@
 //       server saved in the store for later
 //   wait FILE [--timeout SECONDS] [--interval MS] [--json]
 //       waits until the server has written FILE's data into it (IsWriteToFileDone),
-//       showing a progress line on standard error (not with --json); exit status 3 on
-//       timeout
+//       showing a progress line on standard error (not with --json); exit status 1 on
+//       timeout (it has not been written)
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -17,6 +17,7 @@
 #include "platform/access_reg.h"
 #include "platform/key_name.h"
 #include "server_common.h"
+#include "time_text.h"
 
 namespace marquel::ctl {
 namespace {
@@ -53,7 +54,7 @@ nlohmann::json SavedPending() {
 
 int Status(const StatusOptions& o) {
   auto client = Connect(o.json);
-  if (!client) return kExitFailure;
+  if (!client) return kExitUnreachable;
   nlohmann::json result = {{"operation", "status"},
                            {"files", nlohmann::json::array()},
                            {"pending", nlohmann::json::array()}};
@@ -89,7 +90,7 @@ int Status(const StatusOptions& o) {
 
 int Wait(const WaitOptions& o) {
   auto client = Connect(o.json);
-  if (!client) return kExitFailure;
+  if (!client) return kExitUnreachable;
   auto start = std::chrono::steady_clock::now();
   for (;;) {
     int32_t done = 0;
@@ -105,7 +106,7 @@ int Wait(const WaitOptions& o) {
                            {"file", o.file},
                            {"done", done != 0},
                            {"waited_ms", static_cast<int64_t>(waited * 1000)}});
-      return done ? kExitOk : kExitFailure;
+      return done ? kExitOk : kExitRefused;
     }
     // The progress line is for people; JSON output stays a single document.
     if (!o.json)
@@ -128,7 +129,9 @@ void AddServerStatusCommands(CLI::App& app, Action& run) {
   CLI::App* wait = app.add_subcommand("wait", "Wait until the server has written a file's data");
   wait->add_option("FILE", w->file, "the media file")->required();
   wait->add_option("--timeout", w->timeout_s, "give up after this many seconds (default 60)");
-  wait->add_option("--interval", w->interval_ms, "poll every this many ms (default 500)");
+  wait->add_option("--interval", w->interval_ms, "poll every this many ms (default 500)")
+      ->transform(DecimalNumber())
+      ->check(CLI::Range(1, 60000));
   wait->add_flag("--json", w->json, "print the result as JSON");
   wait->callback([w, &run] { run = [w] { return Wait(*w); }; });
 }
