@@ -143,10 +143,6 @@ uint32_t Connection::Open(RegRoot root, bool forWrite, std::unique_ptr<Connectio
   std::unique_ptr<Connection> conn(new Connection(db, path, machine));
   if (rc != SQLITE_OK) return conn->Fail(rc, "opening");
   sqlite3_busy_timeout(db, kBusyTimeoutMs);
-  // The write-ahead log stays between connections: making it anew for each connection's
-  // first commit costs the file system a journal commit of its own.
-  int persist_wal = 1;
-  sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist_wal);
   sqlite3_extended_result_codes(db, 1);
   conn->canWrite_ = sqlite3_db_readonly(db, "main") == 0;
   uint32_t status = conn->Inspect();
