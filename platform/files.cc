@@ -231,6 +231,11 @@ bool SetEndOfFile(FileHandle h) {
   return rc == 0;
 }
 
+bool SetFileModifiedTime(FileHandle h, int64_t mtime) {
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
+  return futimens(h, times) == 0;
+}
+
 bool RenameFile(const std::string& from, const std::string& to) {
   if (!PassFaultPoint()) return false;
   return std::rename(from.c_str(), to.c_str()) == 0;

@@ -81,6 +81,9 @@ bool SyncFileHandle(FileHandle h);
 // Makes the names in `folder` durable (fsync of the folder), after files were made,
 // renamed or removed in it. False on a failure.
 bool SyncFolder(const std::string& folder);
+// Sets the file's last modification time to `mtime` (seconds since 1970) and leaves its
+// access time. False on a failure.
+bool SetFileModifiedTime(FileHandle h, int64_t mtime);
 // Renames `from` to `to`, replacing a file `to` atomically (rename(2)). False on a failure.
 bool RenameFile(const std::string& from, const std::string& to);
 
