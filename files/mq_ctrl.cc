@@ -84,9 +84,10 @@ void MQCtrl::RemoveFromList(const std::string& path) {
   reg.DeleteKey(HKEY_CURRENT_USER, PendingKey(path).c_str());
 }
 
-// The listed files of the last run, read and their keys deleted; the first round writes
-// back those still pending. A file that is not there is kept only while its folder is
-// not there either: a volume that is not mounted now.
+// The listed files of the last run are read back. Their keys stay until each file leaves
+// the list, so that a server killed before its first round ends still finds them at the
+// next start. A file that is not there is kept only while its folder is not there either
+// (a volume that is not mounted now); the key of a dropped file goes.
 int32_t MQCtrl::Start() {
   MQ_LOG("MQCtrl: check HKCU\\Software\\Halvern\\Common\\MQTemp");
   std::vector<std::string> keys;
@@ -108,10 +109,10 @@ int32_t MQCtrl::Start() {
       std::lock_guard<std::mutex> lock(list_mu_);
       pending_.push_back(path);
       MQ_LOG("MQCtrl: Add '%s' to move to cache list\r\n", path);
+      continue;
     }
     reg.DeleteKey(HKEY_CURRENT_USER, key.c_str());
   }
-  AccessReg().DeleteKey(HKEY_CURRENT_USER, kMQTempKey);
   std::lock_guard<std::mutex> lock(wake_mu_);
   if (!options_.run_thread || worker_.joinable()) return 1;
   stopping_ = false;

@@ -120,7 +120,7 @@ TEST(MQCtrlTest, TheListIsMarkedInTheStoreBeforeItTakesAFile) {
   EXPECT_EQ(StoredPaths(), std::vector<std::string>{path}) << "a crash now still finds it";
 }
 
-TEST(MQCtrlTest, TwoFilesLeftAtAStopComeBackAtTheNextStartAndTheirKeysAreConsumed) {
+TEST(MQCtrlTest, TwoFilesLeftAtAStopComeBackAtTheNextStartAndKeepTheirKeysWhilePending) {
   const std::string a = Made("one.ts"), b = Made("two.mpg");
   {
     MQCtrl ctrl(NoThread());
@@ -137,9 +137,23 @@ TEST(MQCtrlTest, TwoFilesLeftAtAStopComeBackAtTheNextStartAndTheirKeysAreConsume
   EXPECT_EQ(next.Start(), 1);
   EXPECT_EQ(next.PendingFiles(), (std::vector<std::string>{a, b}));
   EXPECT_TRUE(log.Has("MQCtrl: Add '" + a + "' to move to cache list"));
-  EXPECT_TRUE(StoredPaths().empty());
-  AccessReg key;
-  EXPECT_FALSE(key.Open(HKEY_CURRENT_USER, kMQTemp)) << "the key itself is deleted too";
+  EXPECT_EQ(StoredPaths(), (std::vector<std::string>{a, b}))
+      << "a server killed before its first round ends finds them again";
+}
+
+TEST(MQCtrlTest, AStartDropsTheKeyOfAListedFileThatWasDeleted) {
+  const std::string kept = Made("kept.ts"), gone = Made("gone.ts");
+  {
+    MQCtrl ctrl(NoThread());
+    ASSERT_EQ(ctrl.AddPendingFile(kept), 1);
+    ASSERT_EQ(ctrl.AddPendingFile(gone), 1);
+    ctrl.Stop();
+  }
+  std::remove(gone.c_str());
+  MQCtrl next(NoThread());
+  EXPECT_EQ(next.Start(), 1);
+  EXPECT_EQ(next.PendingFiles(), std::vector<std::string>{kept});
+  EXPECT_EQ(StoredPaths(), std::vector<std::string>{kept});
 }
 
 TEST(MQCtrlTest, AFileOpenInASessionIsSkippedAndMovedInALaterRound) {

@@ -103,7 +103,7 @@ bool WriteSideFile(const std::string& mediaPath, size_t index, const CacheBlockW
   RemoveDeadPartials(folder);
   const std::string partial = PartialSidePath(folder);
   if (WriteBlockFile(partial, index, write) != 1) return false;
-  if (std::rename(partial.c_str(), side.c_str()) != 0) {
+  if (!RenameFile(partial, side)) {
     RemoveFile(partial);
     return false;
   }

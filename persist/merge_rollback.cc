@@ -20,11 +20,13 @@ struct RollBackRecord {
   uint32_t type = 0;
   MergeBackups backups;   // type 1
   std::string ts_backup;  // type 2
+  int64_t ts_mtime = 0;   // type 2: the file's modified time before the merge
   int64_t offset = -1;
 };
 
 bool DecodeBuf(const std::vector<uint8_t>& buf, RollBackRecord* r) {
-  if (r->type == kRollBackTransportStream) return DecodeTsRollBack(buf, &r->ts_backup, &r->offset);
+  if (r->type == kRollBackTransportStream)
+    return DecodeTsRollBack(buf, &r->ts_backup, &r->offset, &r->ts_mtime);
   if (r->type != kRollBackProgramStream || buf.size() != 1056) return false;
   r->backups.tail = WideRecordToUtf8(reinterpret_cast<const char16_t*>(buf.data()), 260);
   r->backups.packs = WideRecordToUtf8(reinterpret_cast<const char16_t*>(buf.data() + 520), 260);
@@ -71,7 +73,7 @@ Restored Restore(const std::string& key, const RollBackRecord& r) {
   }
   bool ok;
   if (r.type == kRollBackTransportStream) {
-    ok = RestoreTsFromBackup(media, r.ts_backup, r.offset);
+    ok = RestoreTsFromBackup(media, r.ts_backup, r.offset, r.ts_mtime);
   } else {
     const int64_t packs = SizeOf(r.backups.packs);
     const int64_t tail = SizeOf(r.backups.tail);

@@ -1,8 +1,6 @@
 // The program-stream writers' pieces: clock scan, stream feeding, block writing.
 #include "mpeg_pack_writer.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -93,7 +91,7 @@ bool PackFileWriter::Finish(bool sync) {
   if (!sync) return true;
   auto start = std::chrono::steady_clock::now();
   // The data counts as kept only once it is on the disk.
-  bool ok = ::fsync(file_) == 0;
+  bool ok = SyncFileHandle(file_);
   MQ_LOG("[%d] pack file sync took %lld us", session_,
          static_cast<long long>(MicrosecondsSince(start)));
   return ok;

@@ -75,8 +75,9 @@ bool ReadsBack(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan
 
 // Puts the file back from the backup; when even that fails the record and the backup
 // stay for the roll-back at the next start.
-void Undo(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan, const TsBackup& b) {
-  if (RestoreTsFromBackup(media, b.path, plan.rewrite_from)) {
+void Undo(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan, const TsBackup& b,
+          int64_t mtime) {
+  if (RestoreTsFromBackup(media, b.path, plan.rewrite_from, mtime)) {
     MQ_LOG("[%d] ProcessMQInterLeaveInTS: '%s' restored from its backup", in.session,
            in.media_path.c_str());
     if (DeleteRollBackRecord(in.media_path)) RemoveFile(b.path);
@@ -87,7 +88,7 @@ void Undo(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan, con
 }
 
 // Backup and record, durable before the file is touched; false leaves nothing behind.
-bool SecureTail(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan,
+bool SecureTail(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan, int64_t mtime,
                 TsBackup* backup) {
   // The backup has a cache file's shape: a sweep must not take it before the record
   // names it.
@@ -96,7 +97,7 @@ bool SecureTail(FileHandle media, const TsMergeInput& in, const TsMergePlan& pla
     MQ_LOG("[%d] ProcessMQInterLeaveInTS: can not make the backup", in.session);
     return false;
   }
-  if (!WriteTsRollBackRecord(in.media_path, backup->path, plan.rewrite_from, plan.original_mtime)) {
+  if (!WriteTsRollBackRecord(in.media_path, backup->path, plan.rewrite_from, mtime)) {
     MQ_LOG("[%d] ProcessMQInterLeaveInTS: can not write the roll-back record", in.session);
     RemoveFile(backup->path);
     return false;
@@ -118,26 +119,26 @@ int32_t Interleave(FileHandle media, const TsMergeInput& in, int64_t* dataStart)
       return 0;
     }
   }
-  TsBackup backup;
-  if (!SecureTail(media, in, plan, &backup)) return 0;
+  // The time before the merge goes into the record: a restore gives it back, so that the
+  // cache, which knows the file by size and time, still finds it.
   FileStatusRecord status;
-  bool written = FileStatus(in.media_path, &status) == 0;
-  if (written) {
-    const TsRewriteSources sources{&packets.paths, &backup, status.mtime};
-    written = RewriteTransportStream(media, in, plan, sources);
-  }
+  if (FileStatus(in.media_path, &status) != 0) return 0;
+  TsBackup backup;
+  if (!SecureTail(media, in, plan, status.mtime, &backup)) return 0;
+  const TsRewriteSources sources{&packets.paths, &backup, status.mtime};
+  const bool written = RewriteTransportStream(media, in, plan, sources);
   if (!written || !ReadsBack(media, in, plan, dataStart)) {
     MQ_LOG("[%d] MergeMQAndOrgFile failed", in.session);
     MQ_LOG("[%d] ProcessMQInterLeaveInTS: the data %s", in.session,
            written ? "did not read back" : "could not be written");
-    Undo(media, in, plan, backup);
+    Undo(media, in, plan, backup, status.mtime);
     return 0;
   }
   // The file is whole and synced. A record that cannot be deleted would copy the old
   // bytes back at the next start, so the data must not count as in the file.
   if (!DeleteRollBackRecord(in.media_path)) {
     MQ_LOG("[%d] ProcessMQInterLeaveInTS: can not delete the roll-back record", in.session);
-    Undo(media, in, plan, backup);
+    Undo(media, in, plan, backup, status.mtime);
     return 0;
   }
   RemoveFile(backup.path);

@@ -87,18 +87,23 @@ struct TsBackup {
 // failure.
 bool MakeTsBackup(FileHandle media, const TsMergePlan& plan, int32_t unit, TsBackup* backup);
 // The 536-byte record: the backup's path as 260 UTF-16 units at 0, the offset at 520 and
-// the original modified time at 528 (64-bit, little-endian). False when the path is too
+// the file's modified time before the merge at 528 (64-bit, little-endian). False when the path is too
 // long for it.
 bool EncodeTsRollBack(const std::string& backup, int64_t offset, int64_t mtime,
                       std::vector<uint8_t>* buf);
-// Reads a record made by EncodeTsRollBack. False when its size or offset is wrong.
-bool DecodeTsRollBack(const std::vector<uint8_t>& buf, std::string* backup, int64_t* offset);
+// Reads a record made by EncodeTsRollBack (`mtime` may be null). False when its size or
+// offset is wrong.
+bool DecodeTsRollBack(const std::vector<uint8_t>& buf, std::string* backup, int64_t* offset,
+                      int64_t* mtime = nullptr);
 // Writes the record of type 2 of `mediaPath`. False when it cannot be written.
 bool WriteTsRollBackRecord(const std::string& mediaPath, const std::string& backup, int64_t offset,
                            int64_t mtime);
-// Copies the backup back at `offset`, cuts the file at offset + the backup's size and
-// syncs it. True when the file is whole again.
-bool RestoreTsFromBackup(FileHandle media, const std::string& backup, int64_t offset);
+// Copies the backup back at `offset`, cuts the file at offset + the backup's size, gives
+// it back its modified time `mtime` (0: unknown, left) and syncs it. True when the file is
+// whole again. The time counts: a cache knows its file by size and time, and a restored
+// file with a new time would lose its cached tags.
+bool RestoreTsFromBackup(FileHandle media, const std::string& backup, int64_t offset,
+                         int64_t mtime);
 
 // --- The interleave (ts_merge.cc, ts_merge_write.cc) -------------------------------------
 

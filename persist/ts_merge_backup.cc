@@ -42,12 +42,14 @@ bool EncodeTsRollBack(const std::string& backup, int64_t offset, int64_t mtime,
   return true;
 }
 
-bool DecodeTsRollBack(const std::vector<uint8_t>& buf, std::string* backup, int64_t* offset) {
+bool DecodeTsRollBack(const std::vector<uint8_t>& buf, std::string* backup, int64_t* offset,
+                      int64_t* mtime) {
   if (buf.size() != kTsRecordBytes) return false;
   char16_t units[kRollBackPathUnits];
   std::memcpy(units, buf.data(), sizeof(units));
   *backup = WideRecordToUtf8(units, kRollBackPathUnits);
   std::memcpy(offset, buf.data() + kOffsetAt, sizeof(*offset));
+  if (mtime != nullptr) std::memcpy(mtime, buf.data() + kMTimeAt, sizeof(*mtime));
   return *offset >= 0 && !backup->empty();
 }
 
@@ -58,11 +60,13 @@ bool WriteTsRollBackRecord(const std::string& mediaPath, const std::string& back
          WriteRollBackValues(mediaPath, kRollBackTransportStream, buf, offset);
 }
 
-bool RestoreTsFromBackup(FileHandle media, const std::string& backup, int64_t offset) {
+bool RestoreTsFromBackup(FileHandle media, const std::string& backup, int64_t offset,
+                         int64_t mtime) {
   const int64_t copied = CopyFileInto(backup, media, offset);
   if (copied < 0) return false;
   const int64_t end = offset + copied;
-  return SeekFile(media, end, FILE_BEGIN) == end && SetEndOfFile(media) && SyncFileHandle(media);
+  return SeekFile(media, end, FILE_BEGIN) == end && SetEndOfFile(media) &&
+         (mtime == 0 || SetFileModifiedTime(media, mtime)) && SyncFileHandle(media);
 }
 
 }  // namespace marquel

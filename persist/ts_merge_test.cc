@@ -291,6 +291,12 @@ TEST(TsMerge, AnEmptyFirstProgramFailsBeforeTheFileIsTouched) {
   ExpectNothingLeft(path, temp);
 }
 
+// The file's modified time, seconds since 1970 (-1 when it cannot be read).
+int64_t MTimeOf(const std::string& path) {
+  FileStatusRecord status;
+  return FileStatus(path, &status) == 0 ? status.mtime : -1;
+}
+
 TEST(TsMerge, AFailedWriteRestoresTheFileByteForByte) {
   for (bool earlier_data : {false, true}) {
     const std::string path = CopyMedia("ts188.ts", "fail.ts");
@@ -299,6 +305,10 @@ TEST(TsMerge, AFailedWriteRestoresTheFileByteForByte) {
       ASSERT_EQ(first->ProcessMQInterLeaveInTS(), 1);
     }
     const Bytes before = ReadAll(path);
+    // An old time, so that a restore that leaves the time of its writes shows.
+    FileHandle h = OpenRegularFile(path, GENERIC_READ | GENERIC_WRITE);
+    ASSERT_TRUE(SetFileModifiedTime(h, 1600000000));
+    CloseFileHandle(h);
     auto f = OpenSession(path);
     f->SetPMTPID(0, 0x1000);
     f->Program(0)->ClearAllTags();
@@ -316,6 +326,7 @@ TEST(TsMerge, AFailedWriteRestoresTheFileByteForByte) {
     EXPECT_TRUE(log.Has("[3] MergeMQAndOrgFile failed"));
     EXPECT_TRUE(log.Has("restored from its backup"));
     EXPECT_EQ(ReadAll(path), before) << "earlier data " << earlier_data;
+    EXPECT_EQ(MTimeOf(path), 1600000000) << "the cache still knows the file by its time";
     ExpectNothingLeft(path, temp);
   }
 }
@@ -331,10 +342,11 @@ TEST(TsMerge, TheRollBackRecordHoldsTheBackupTheOffsetAndTheTime) {
   EXPECT_EQ(offset, 0x0102030405060708);
   EXPECT_EQ(mtime, 1700000000);
   std::string backup;
-  int64_t decoded = -1;
-  ASSERT_TRUE(DecodeTsRollBack(buf, &backup, &decoded));
+  int64_t decoded = -1, decoded_mtime = 0;
+  ASSERT_TRUE(DecodeTsRollBack(buf, &backup, &decoded, &decoded_mtime));
   EXPECT_EQ(backup, "/b/MQ1A.tmp");
   EXPECT_EQ(decoded, offset);
+  EXPECT_EQ(decoded_mtime, 1700000000);
   buf.pop_back();
   EXPECT_FALSE(DecodeTsRollBack(buf, &backup, &decoded));
   EXPECT_FALSE(EncodeTsRollBack(std::string(300, 'a'), 0, 0, &buf)) << "a path is never cut";
@@ -373,6 +385,7 @@ TEST(TsMerge, AnInterleaveAKilledServerLeftIsUndoneAtTheNextStart) {
   EXPECT_TRUE(log.HasMessage("MQCtrl: RollBackToOrg(" + path + ")"));
   EXPECT_TRUE(log.HasMessage("MQCtrl: RollBackToOrg() OK"));
   EXPECT_EQ(ReadAll(path), before);
+  EXPECT_EQ(MTimeOf(path), 1700000000) << "the time the record keeps comes back with the bytes";
   ExpectNothingLeft(path, temp);
   EXPECT_EQ(RollBackInterruptedMerges(), 0) << "nothing is left to undo";
 }

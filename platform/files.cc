@@ -7,6 +7,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
+
+#include "platform/fault_points.h"
 
 namespace marquel {
 namespace {
@@ -128,6 +131,7 @@ bool WriteFile(FileHandle h, const void* buffer, uint32_t n, uint32_t* written) 
     errno = EBADF;
     return false;
   }
+  if (!PassFaultPoint()) return false;
   const auto* p = static_cast<const char*>(buffer);
   uint32_t done = 0;
   while (done < n) {
@@ -157,6 +161,7 @@ bool ReadAllAt(FileHandle h, uint64_t offset, void* buffer, size_t n) {
 }
 
 bool WriteAllAt(FileHandle h, uint64_t offset, const void* buffer, size_t n) {
+  if (!PassFaultPoint()) return false;
   auto* p = static_cast<const uint8_t*>(buffer);
   while (n > 0) {
     ssize_t put = ::pwrite(h, p, n, static_cast<off_t>(offset));
@@ -199,6 +204,7 @@ int64_t SeekFile(FileHandle h, int64_t offset, int method) {
 }
 
 bool SyncFileHandle(FileHandle h) {
+  if (!PassFaultPoint()) return false;
   int rc;
   do {
     rc = fsync(h);
@@ -215,6 +221,7 @@ bool SyncFolder(const std::string& folder) {
 }
 
 bool SetEndOfFile(FileHandle h) {
+  if (!PassFaultPoint()) return false;
   off_t pos = lseek(h, 0, SEEK_CUR);
   if (pos < 0) return false;
   int rc;
@@ -222,6 +229,16 @@ bool SetEndOfFile(FileHandle h) {
     rc = ftruncate(h, pos);
   } while (rc != 0 && errno == EINTR);
   return rc == 0;
+}
+
+bool SetFileModifiedTime(FileHandle h, int64_t mtime) {
+  const struct timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(mtime), 0}};
+  return futimens(h, times) == 0;
+}
+
+bool RenameFile(const std::string& from, const std::string& to) {
+  if (!PassFaultPoint()) return false;
+  return std::rename(from.c_str(), to.c_str()) == 0;
 }
 
 int64_t GetFileSize64(FileHandle h) {

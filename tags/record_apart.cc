@@ -148,7 +148,7 @@ int RecordFile::CompactApart() {
   }
   fresh.reset();
   apart_.reset();  // closes its descriptor before the rename
-  bool renamed = ::rename(freshPath.c_str(), ApartPath().c_str()) == 0;
+  bool renamed = RenameFile(freshPath, ApartPath());
   apart_ = std::make_unique<PooledFile>(ApartPath());
   if (!renamed) return fail();
   for (size_t i = 0; i < pages_.size(); ++i) {

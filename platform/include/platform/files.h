@@ -3,7 +3,8 @@
 // Each function stands for one Windows file call and answers as that call does, so that
 // the readers and writers above keep their logic; paths are UTF-8 and absolute paths use
 // "/". No function logs, throws or shortens a path: a path the system cannot use fails.
-// errno tells the reason of a failure where a caller wants it.
+// errno tells the reason of a failure where a caller wants it. Every write, fsync, truncate
+// and rename passes one fault point (platform/fault_points.h).
 #pragma once
 
 #include <cstddef>
@@ -80,6 +81,11 @@ bool SyncFileHandle(FileHandle h);
 // Makes the names in `folder` durable (fsync of the folder), after files were made,
 // renamed or removed in it. False on a failure.
 bool SyncFolder(const std::string& folder);
+// Sets the file's last modification time to `mtime` (seconds since 1970) and leaves its
+// access time. False on a failure.
+bool SetFileModifiedTime(FileHandle h, int64_t mtime);
+// Renames `from` to `to`, replacing a file `to` atomically (rename(2)). False on a failure.
+bool RenameFile(const std::string& from, const std::string& to);
 
 // Whether a file or folder exists.
 bool FileExists(const std::string& path);
