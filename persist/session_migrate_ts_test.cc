@@ -119,20 +119,6 @@ TEST(MigrateTsRefused, DataThatWouldTakeOverHalfTheFileLeavesItUnchangedAndKeeps
   EXPECT_EQ(ReopenedSamples(path), Expected(34, 10)) << "the tags still come from the cache";
 }
 
-TEST(MigrateTsRefused, AReadOnlyTransportStreamIsNeverWrittenAndKeepsItsCache) {
-  const std::string path = CopyMedia("ts188.ts", "ro.ts");
-  TagAndClose(path, 35);
-  const Bytes before = ReadAll(path);
-  ASSERT_EQ(chmod(path.c_str(), 0444), 0);
-  cachetest::LogCapture log;
-  bool moved = true;
-  EXPECT_EQ(Migrate(path, &moved), -1);
-  EXPECT_FALSE(moved);
-  EXPECT_TRUE(log.Has("do not have the write permission"));
-  EXPECT_EQ(ReadAll(path), before);
-  EXPECT_TRUE(Cached(path));
-}
-
 TEST(MigrateTs, EveryProgramMovesIntoTheFileWithItsLogLinesAndTheCacheGoes) {
   const std::string path = CopyMedia("ts2prog.ts", "two.ts");
   {

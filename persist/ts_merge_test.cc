@@ -352,19 +352,29 @@ TEST(TsMerge, TheRollBackRecordHoldsTheBackupTheOffsetAndTheTime) {
   EXPECT_FALSE(EncodeTsRollBack(std::string(300, 'a'), 0, 0, &buf)) << "a path is never cut";
 }
 
-TEST(TsMerge, AnInterleaveAKilledServerLeftIsUndoneAtTheNextStart) {
-  const std::string path = CopyMedia("ts188.ts", "killed.ts");
-  const Bytes before = ReadAll(path);
+// What the interleave leaves when killed half way through rewriting `path` (a copy of
+// `before`): backup and record made, then the tail overwritten and the file longer than
+// it was. Returns the offset the record names.
+int64_t CutShortInterleave(const std::string& path, const Bytes& before) {
   const int64_t offset = static_cast<int64_t>(before.size() / 188 / 2 * 188);
-  // What the interleave makes before it touches the file: backup, then record.
   TsMergePlan plan;
   plan.size = static_cast<int64_t>(before.size());
   plan.start = plan.rewrite_from = offset;
   FileHandle media = OpenRegularFile(path, GENERIC_READ | GENERIC_WRITE);
-  ASSERT_NE(media, kInvalidFileHandle);
+  EXPECT_NE(media, kInvalidFileHandle);
   TsBackup backup;
-  ASSERT_TRUE(MakeTsBackup(media, plan, 188, &backup));
-  ASSERT_TRUE(WriteTsRollBackRecord(path, backup.path, offset, 1700000000));
+  EXPECT_TRUE(MakeTsBackup(media, plan, 188, &backup));
+  EXPECT_TRUE(WriteTsRollBackRecord(path, backup.path, offset, 1700000000));
+  const Bytes junk(100000, 0x47);
+  EXPECT_TRUE(WriteAllAt(media, static_cast<uint64_t>(offset + 5000), junk.data(), junk.size()));
+  CloseFileHandle(media);
+  return offset;
+}
+
+TEST(TsMerge, AnInterleaveAKilledServerLeftIsUndoneAtTheNextStart) {
+  const std::string path = CopyMedia("ts188.ts", "killed.ts");
+  const Bytes before = ReadAll(path);
+  CutShortInterleave(path, before);
   AccessReg reg;
   ASSERT_TRUE(reg.Open(HKEY_CURRENT_USER, RollBackKey(path).c_str()));
   uint32_t type = 0, kind = 0;
@@ -374,10 +384,6 @@ TEST(TsMerge, AnInterleaveAKilledServerLeftIsUndoneAtTheNextStart) {
   reg.Close();
   EXPECT_EQ(type, 2u);
   EXPECT_EQ(buf.size(), 536u);
-  // Killed half way through the rewrite, the file longer than it was.
-  const Bytes junk(100000, 0x47);
-  ASSERT_TRUE(WriteAllAt(media, static_cast<uint64_t>(offset + 5000), junk.data(), junk.size()));
-  CloseFileHandle(media);
   ASSERT_NE(ReadAll(path), before);
   LogCapture log;
   const std::vector<std::string> temp = TempFiles();
@@ -388,6 +394,24 @@ TEST(TsMerge, AnInterleaveAKilledServerLeftIsUndoneAtTheNextStart) {
   EXPECT_EQ(MTimeOf(path), 1700000000) << "the time the record keeps comes back with the bytes";
   ExpectNothingLeft(path, temp);
   EXPECT_EQ(RollBackInterruptedMerges(), 0) << "nothing is left to undo";
+}
+
+TEST(TsMerge, ARollBackLeavesAFileChangedByAnotherProgramSinceAloneWithItsBackup) {
+  const std::string path = CopyMedia("ts188.ts", "edited.ts");
+  const Bytes before = ReadAll(path);
+  const int64_t offset = CutShortInterleave(path, before);
+  // Another program rewrote the file after the server was killed.
+  Bytes edited = ReadAll(path);
+  edited[static_cast<size_t>(offset - 1000)] ^= 0xFF;
+  WriteAll(path, edited);
+  const auto backups = cachetest::FolderFiles(cachetest::CacheFolder());
+  ASSERT_FALSE(backups.empty());
+  LogCapture log;
+  EXPECT_EQ(RollBackInterruptedMerges(), 0);
+  EXPECT_TRUE(log.Has("the file was changed by another program since"));
+  EXPECT_EQ(ReadAll(path), edited) << "no old byte is copied into it";
+  EXPECT_TRUE(RecordLeft(path));
+  EXPECT_EQ(cachetest::FolderFiles(cachetest::CacheFolder()), backups) << "the old bytes stay";
 }
 
 TEST(TsMerge, TheRollBackRestoresAFileThatHeldDataWithItsData) {

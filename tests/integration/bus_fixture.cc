@@ -284,6 +284,16 @@ std::string CopyTestMedia(const std::string& source, const std::string& as) {
   return path;
 }
 
+std::string TaggedCopy(IMarquelClient& client, const std::string& source, const std::string& as) {
+  const std::string path = CopyTestMedia(source, as);
+  int32_t h = -1;
+  EXPECT_EQ(client.InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  EXPECT_EQ(client.InsertDataOne2(h, 0, 16, 100000, 7), S_OK);
+  EXPECT_EQ(client.InsertDataOne2(h, 0, 16, 500000, 9), S_OK);
+  EXPECT_EQ(client.CloseFile(h, 0), S_OK);
+  return path;
+}
+
 bool WaitForMoveDone(IMarquelClient& client, const std::string& path) {
   for (int i = 0; i < 200; ++i) {
     int32_t done = 0;

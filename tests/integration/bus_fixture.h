@@ -67,6 +67,10 @@ std::string ReadFile(const std::string& path);
 // A copy of the ffmpeg-made test media file `source` in the test's folder as `as`; its
 // path.
 std::string CopyTestMedia(const std::string& source, const std::string& as);
+// CopyTestMedia, then tag 16 of program 0 takes 7 at 100000 and 9 at 500000 and the file
+// is closed with bWriteToCache 0 (a program stream or transport stream then waits for its
+// move). Its path.
+std::string TaggedCopy(IMarquelClient& client, const std::string& source, const std::string& as);
 // The (time code, value) pairs of a plain tag of program 0 of an open file; none when
 // the tag holds nothing or a call fails.
 std::vector<std::pair<int64_t, int32_t>> PlainPairs(IMarquelClient& client, int32_t handle,

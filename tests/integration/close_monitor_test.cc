@@ -15,16 +15,6 @@ class CloseMonitor : public BusTest {
  protected:
   CloseMonitor() { monitor_interval_ms_ = 200; }
 
-  // Tags a copy of test medium `media` and closes it; true when the close left a move.
-  std::string TaggedAndClosed(const char* media, const char* as) {
-    const std::string path = CopyTestMedia(media, as);
-    int32_t h = -1;
-    EXPECT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
-    EXPECT_EQ(client_->InsertDataOne2(h, 0, 16, 100000, 7), S_OK);
-    EXPECT_EQ(client_->InsertDataOne2(h, 0, 16, 500000, 9), S_OK);
-    EXPECT_EQ(client_->CloseFile(h, 0), S_OK);
-    return path;
-  }
   // Polls IsWriteToFileDone for up to 20 s.
   bool Done(const std::string& path) { return WaitForMoveDone(*client_, path); }
   // Tag 16's values and where they came from (QueryMQDataStatus).
@@ -51,7 +41,7 @@ class CloseMonitorMedia : public CloseMonitor, public testing::WithParamInterfac
 
 TEST_P(CloseMonitorMedia, AClosedFileGetsItsTagsInsideWithNoFurtherCall) {
   const std::string name = std::string("clip_") + GetParam();
-  const std::string path = TaggedAndClosed(GetParam(), name.c_str());
+  const std::string path = TaggedCopy(*client_, GetParam(), name);
   const auto before = std::filesystem::file_size(path);
   ASSERT_TRUE(Done(path)) << "the monitor moves the tags within a few rounds";
   EXPECT_GT(std::filesystem::file_size(path), before);

@@ -13,15 +13,7 @@ namespace {
 
 class Migrate : public BusTest {
  protected:
-  std::string Tagged(const char* media, const char* as) {
-    const std::string path = CopyTestMedia(media, as);
-    int32_t h = -1;
-    EXPECT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
-    EXPECT_EQ(client_->InsertDataOne2(h, 0, 16, 100000, 7), S_OK);
-    EXPECT_EQ(client_->InsertDataOne2(h, 0, 16, 500000, 9), S_OK);
-    EXPECT_EQ(client_->CloseFile(h, 0), S_OK);
-    return path;
-  }
+  std::string Tagged(const char* media, const char* as) { return TaggedCopy(*client_, media, as); }
   // After a restart: tag 16's values.
   std::vector<int32_t> Values(const std::string& path) {
     client_.reset();
