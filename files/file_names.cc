@@ -27,10 +27,4 @@ bool SameFile(const FileKey& a, const FileKey& b) {
   return a.caseInsensitive && b.caseInsensitive && EqualsIgnoreCase(a.canonical, b.canonical);
 }
 
-std::string ParentFolder(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 }  // namespace marquel

@@ -21,7 +21,4 @@ FileKey MakeFileKey(const std::string& name);
 // Whether two keys name the same file.
 bool SameFile(const FileKey& a, const FileKey& b);
 
-// The folder that holds `path` ("/" for a file in the root), as written in the path.
-std::string ParentFolder(const std::string& path);
-
 }  // namespace marquel

@@ -88,30 +88,35 @@ void MQCtrl::RemoveFromList(const std::string& path) {
 // the list, so that a server killed before its first round ends still finds them at the
 // next start. A file that is not there is kept only while its folder is not there either
 // (a volume that is not mounted now); the key of a dropped file goes.
-int32_t MQCtrl::Start() {
-  MQ_LOG("MQCtrl: check HKCU\\Software\\Halvern\\Common\\MQTemp");
-  std::vector<std::string> keys;
-  {
-    AccessReg root;
-    char name[1024];
-    if (root.Open(HKEY_CURRENT_USER, kMQTempKey))
-      for (uint32_t i = 0; root.EnumKey(i, name, sizeof name); ++i) keys.push_back(name);
-  }
-  for (const std::string& name : keys) {
-    const std::string key = std::string(kMQTempKey) + "\\" + name;
+std::vector<SavedPendingFile> SavedPendingFiles() {
+  std::vector<SavedPendingFile> saved;
+  AccessReg root;
+  char name[1024];
+  if (!root.Open(HKEY_CURRENT_USER, kMQTempKey)) return saved;
+  for (uint32_t i = 0; root.EnumKey(i, name, sizeof name); ++i) saved.push_back({name, ""});
+  for (SavedPendingFile& f : saved) {
     AccessReg reg;
     char path[4096];
-    const bool named = reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
-                       reg.QueryString(kPathValue, path, sizeof path) && path[0] == '/';
-    reg.Close();
-    if (named &&
-        (CurrentEnv()->IsPathPresent(path) || !CurrentEnv()->IsPathPresent(ParentFolder(path)))) {
+    const std::string key = std::string(kMQTempKey) + "\\" + f.key_name;
+    if (reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
+        reg.QueryString(kPathValue, path, sizeof path) && path[0] == '/')
+      f.path = path;
+  }
+  return saved;
+}
+
+int32_t MQCtrl::Start() {
+  MQ_LOG("MQCtrl: check HKCU\\Software\\Halvern\\Common\\MQTemp");
+  for (const SavedPendingFile& f : SavedPendingFiles()) {
+    const std::string& path = f.path;
+    if (!path.empty() &&
+        (CurrentEnv()->IsPathPresent(path) || !CurrentEnv()->IsPathPresent(FolderOf(path)))) {
       std::lock_guard<std::mutex> lock(list_mu_);
       pending_.push_back(path);
-      MQ_LOG("MQCtrl: Add '%s' to move to cache list\r\n", path);
+      MQ_LOG("MQCtrl: Add '%s' to move to cache list\r\n", path.c_str());
       continue;
     }
-    reg.DeleteKey(HKEY_CURRENT_USER, key.c_str());
+    AccessReg().DeleteKey(HKEY_CURRENT_USER, (std::string(kMQTempKey) + "\\" + f.key_name).c_str());
   }
   std::lock_guard<std::mutex> lock(wake_mu_);
   if (!options_.run_thread || worker_.joinable()) return 1;

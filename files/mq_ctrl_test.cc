@@ -37,16 +37,7 @@ std::string Made(const std::string& name) {
 
 std::vector<std::string> StoredPaths() {
   std::vector<std::string> paths;
-  AccessReg root;
-  if (!root.Open(HKEY_CURRENT_USER, kMQTemp)) return paths;
-  char name[1024];
-  for (uint32_t i = 0; root.EnumKey(i, name, sizeof name); ++i) {
-    AccessReg key;
-    char path[4096];
-    if (key.Open(HKEY_CURRENT_USER, (std::string(kMQTemp) + "\\" + name).c_str()) &&
-        key.QueryString("PATH", path, sizeof path))
-      paths.push_back(path);
-  }
+  for (const SavedPendingFile& f : SavedPendingFiles()) paths.push_back(f.path);
   return paths;
 }
 

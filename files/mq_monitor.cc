@@ -47,7 +47,7 @@ bool MQCtrl::ProcessFile(const std::string& path) {
   session.SetHandle(MarquelOneFile::kDetachedSessionNumber);
   if (!CurrentEnv()->IsPathPresent(path)) {
     // An unplugged disk is not a deleted file: its tags wait for the volume to return.
-    if (!CurrentEnv()->IsPathPresent(ParentFolder(path))) {
+    if (!CurrentEnv()->IsPathPresent(FolderOf(path))) {
       MQ_LOG(
           "MQCtrl: '%s' and its folder are not there (a volume not mounted?); kept for "
           "a later round",

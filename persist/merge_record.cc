@@ -111,8 +111,4 @@ int64_t CopyFileInto(const std::string& from, FileHandle media, int64_t at) {
   return ok ? size : -1;
 }
 
-std::string FolderOf(const std::string& path) {
-  return path.substr(0, path.find_last_of('/'));
-}
-
 }  // namespace marquel

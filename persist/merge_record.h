@@ -38,7 +38,5 @@ bool CopyRegionToFile(FileHandle from, int64_t at, int64_t count, const std::str
 // Copies the whole file `from` into `media` at `at` in large blocks; the bytes copied,
 // or -1.
 int64_t CopyFileInto(const std::string& from, FileHandle media, int64_t at);
-// The folder part of a path.
-std::string FolderOf(const std::string& path);
 
 }  // namespace marquel

@@ -16,34 +16,14 @@ namespace {
 // that no longer belong to the file.
 bool FindTsEntry(MarquelOneFile& f, FileHandle file, CacheEntry* entry) {
   uint64_t identity[2] = {0, 0};
-  FileStatusRecord status;
-  if (FileStatus(f.FileName(), &status) != 0) return false;
-  identity[0] = static_cast<uint64_t>(status.size);
-  identity[1] = static_cast<uint64_t>(status.mtime);
-  return FindCacheEntry(CacheKind::kTS, f.FileName(), identity, ReadContentSample(file), entry);
+  return SessionSteps::CurrentIdentity(f, identity) &&
+         FindCacheEntry(CacheKind::kTS, f.FileName(), identity, ReadContentSample(file), entry);
 }
 
 }  // namespace
 
-// Every record's program loaded from its cache file, in order; false at the first that
-// does not load (the move then fails and the cache stays).
-bool MarquelOneFile::LoadTsCachePrograms(const CacheEntry& entry) {
-  for (size_t i = 0; i < entry.programs.size(); ++i) {
-    const CacheProgramRecord& record = entry.programs[i];
-    int32_t index = 0;
-    if (i == 0) {
-      Program(0)->SetPMTPID(record.pmt_pid);
-    } else if (InsertNewProgram(record.pmt_pid, &index) != 1) {
-      return false;
-    }
-    if (SessionSteps::LoadCacheFile(*this, *Program(index), record.cache_path) != 1) return false;
-  }
-  return !entry.programs.empty();
-}
-
 int32_t MarquelOneFile::MoveIntoTransportStream(FileHandle file, const FileStatusRecord& status,
-                                                int64_t limit, int32_t bRemoveCache,
-                                                bool* moved) {
+                                                int64_t limit, int32_t bRemoveCache, bool* moved) {
   MakeProgramZero();
   const MQDataInFile in_file = CheckMQDataInFile(file);
   const bool found = in_file.has_data && !in_file.programs.empty();
@@ -56,7 +36,10 @@ int32_t MarquelOneFile::MoveIntoTransportStream(FileHandle file, const FileStatu
            file_name_.c_str());
     return 1;
   }
-  if (!LoadTsCachePrograms(entry)) {
+  // Every record becomes a program, loaded as the open loads them; the first that does
+  // not load fails the move, and the cache stays.
+  SessionSteps::LoadTsFromRegistry(*this, entry);
+  if (m_bMQExisted != 1) {
     MQ_LOG("[%d] MoveCacheDataToOrgFile: %s the cached tags could not be read; they stay cached",
            handle_, file_name_.c_str());
     return -1;

@@ -61,8 +61,13 @@ class SessionSteps {
   static void OpenProgramStream(MarquelOneFile& f, FileHandle file, int32_t bLoad);
   static void OpenTransportStream(MarquelOneFile& f, FileHandle file, int32_t bLoad);
   static void LoadTsFromFile(MarquelOneFile& f, FileHandle file, const MQDataInFile& in_file);
-  static void LoadTsFromRegistry(MarquelOneFile& f, const CacheEntry& entry);
   static int Finish(MarquelOneFile& f, int32_t bLoad, int32_t bQueryOnly);
+
+ public:
+  // Makes each program record of a TS-cache entry a program with its PMT PID and loads
+  // its cache file, in order (the open and the move of cached tags). m_bMQExisted is 1
+  // when every one loaded; the first failure ends the load.
+  static void LoadTsFromRegistry(MarquelOneFile& f, const CacheEntry& entry);
   // The media file's size and time now; false when the file is gone.
   static bool CurrentIdentity(MarquelOneFile& f, uint64_t identity[2]);
 };

@@ -61,8 +61,10 @@ bool FindMQTsRunStart(FileHandle file, int32_t unit_size, int64_t floor, int64_t
 // never before the later of `first_offset` and half the original size, nor before the
 // previous program's end), the run walked (WalkMQTsPackets) and its block
 // read with every CRC checked. True with the packet's fields and the programs; false, with
-// a log line of session `session` for damage, when anything is missing or wrong.
+// a log line of session `session` for damage, when anything is missing or wrong. With
+// `headers`, each program's block header (kBlockHeaderSize bytes) as read comes too.
 bool FindTsInFileData(FileHandle file, int32_t unit, int64_t first_offset, int32_t session,
-                      MQTsInfo* info, std::vector<InFileProgram>* programs);
+                      MQTsInfo* info, std::vector<InFileProgram>* programs,
+                      std::vector<std::vector<uint8_t>>* headers = nullptr);
 
 }  // namespace marquel

@@ -120,8 +120,10 @@ bool WalkMQTsPackets(FileHandle file, int32_t unit_size, int64_t begin, int64_t 
 }
 
 bool FindTsInFileData(FileHandle file, int32_t unit, int64_t first_offset, int32_t session,
-                      MQTsInfo* info_out, std::vector<InFileProgram>* programs) {
+                      MQTsInfo* info_out, std::vector<InFileProgram>* programs,
+                      std::vector<std::vector<uint8_t>>* headers) {
   programs->clear();
+  if (headers != nullptr) headers->clear();
   const int64_t size = GetFileSize64(file);
   if (TsUnitPrefixBytes(unit) < 0 || size < unit) return false;
   // The information packet is the file's last unit, read in one go.
@@ -156,6 +158,10 @@ bool FindTsInFileData(FileHandle file, int32_t unit, int64_t first_offset, int32
              static_cast<int32_t>(i), run.start);
       programs->clear();
       return false;
+    }
+    if (headers != nullptr) {
+      const ProgramBuffer* h = scratch.HeaderBuffer();
+      headers->emplace_back(h->bytes.begin(), h->bytes.begin() + kBlockHeaderSize);
     }
     InFileProgram program;
     program.pmt_pid = p.pmt_pid;

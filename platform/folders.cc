@@ -92,6 +92,12 @@ bool RemoveFile(const std::string& path) {
   return !path.empty() && unlink(path.c_str()) == 0;
 }
 
+std::string FolderOf(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos || slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
 bool MakeFolder(const std::string& path) {
   return !path.empty() && mkdir(path.c_str(), 0777) == 0;
 }

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "command.h"
+#include "files/saved_pending.h"
 #include "platform/access_reg.h"
 #include "platform/key_name.h"
 #include "server_common.h"
@@ -37,18 +38,8 @@ struct WaitOptions {
 // The pending moves the server saved in the store (its list outlives restarts there).
 nlohmann::json SavedPending() {
   nlohmann::json list = nlohmann::json::array();
-  AccessReg reg;
-  if (!reg.Open(HKEY_CURRENT_USER, "Software\\Halvern\\Common\\MQTemp")) return list;
-  char name[4096];
-  for (uint32_t i = 0; reg.EnumKey(i, name, sizeof name); ++i) {
-    // The key name may be a hash of a long path; the path itself is in "PATH".
-    AccessReg key;
-    char path[4096];
-    const std::string sub = std::string("Software\\Halvern\\Common\\MQTemp\\") + name;
-    const bool named = key.Open(HKEY_CURRENT_USER, sub.c_str()) &&
-                       key.QueryString("PATH", path, sizeof path) && path[0] == '/';
-    list.push_back(named ? std::string(path) : PathFromKeyName(name));
-  }
+  for (const SavedPendingFile& f : SavedPendingFiles())
+    list.push_back(!f.path.empty() ? f.path : PathFromKeyName(f.key_name));
   return list;
 }
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "files/marquel_files.h"
+#include "files/saved_pending.h"
 
 namespace marquel {
 
@@ -71,7 +72,7 @@ class MQCtrl : public MarquelFiles {
   std::mutex round_mu_;  // one round at a time
   std::mutex wake_mu_;
   std::condition_variable wake_;
-  bool stopping_ = false;  // under wake_mu_
+  bool stopping_ = false;                    // under wake_mu_
   std::atomic<bool> stop_requested_{false};  // read by a round between two files
   std::thread worker_;
 };

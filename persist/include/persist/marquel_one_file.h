@@ -20,8 +20,6 @@
 
 namespace marquel {
 
-struct CacheEntry;
-
 class MarquelOneFile {
  public:
   static constexpr int32_t kMaxPrograms = 8;
@@ -214,7 +212,6 @@ class MarquelOneFile {
                                 int32_t bRemoveCache, bool* moved);
   int32_t MoveIntoTransportStream(FileHandle file, const FileStatusRecord& status, int64_t limit,
                                   int32_t bRemoveCache, bool* moved);
-  bool LoadTsCachePrograms(const CacheEntry& entry);
   void MakeProgramZero();
 
   int32_t handle_ = -1;

@@ -113,6 +113,8 @@ uint32_t GetTempFolderFileName(const std::string& prefix, uint32_t unique, std::
 bool RemoveFile(const std::string& path);
 // Creates one folder; false when it exists already or its parent does not.
 bool MakeFolder(const std::string& path);
+// The folder part of an absolute path ("/" for a file in the root).
+std::string FolderOf(const std::string& path);
 
 // The special folder number `folder`: CSIDL_APPDATA (26) gives the application-data folder
 // ($XDG_DATA_HOME, default ~/.local/share). With `create` a missing folder is made with
