@@ -69,5 +69,24 @@ TEST_F(Migrate, AFileInUseOrMissingIsNotMovedAndSaysSo) {
   EXPECT_EQ(Values(path), (std::vector<int32_t>{7, 9}));
 }
 
+// Tags that would take over more than half of a transport stream are refused: the tool
+// method fails (never S_OK for a move that did not happen), the file is left as it was,
+// and every tag still comes back from the cache.
+TEST_F(Migrate, ATransportStreamTooSmallForItsTagsIsNotMovedAndSaysSo) {
+  const std::string path = CopyTestMedia("ts188.ts", "small.ts");
+  int32_t h = -1;
+  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  std::vector<MarquelOneTag> tags;
+  for (int32_t i = 0; i < 30000; ++i) tags.push_back({int64_t{i} * 2000000, i & 0xFFFF});
+  ASSERT_EQ(client_->InsertDataPeriod(h, 19, tags.data(), 30000), S_OK);
+  ASSERT_EQ(client_->CloseFile(h, 0), S_OK);
+  const uintmax_t before = Size(path);
+  EXPECT_EQ(client_->MoveCacheDataToOrgFile(path.c_str()), E_FAIL);
+  EXPECT_EQ(Size(path), before);
+  ASSERT_EQ(client_->InitialFile(path.c_str(), 0, 0, &h), S_OK);
+  EXPECT_EQ(PlainPairs(*client_, h, 19).size(), 30000u) << "the tags stay in the cache";
+  client_->CloseFile(h, 1);
+}
+
 }  // namespace
 }  // namespace marquel::test
