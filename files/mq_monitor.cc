@@ -24,10 +24,11 @@ void MQCtrl::Monitor() {
 
 size_t MQCtrl::RunRound() {
   std::lock_guard<std::mutex> round(round_mu_);
-  const std::vector<std::string> files = PendingFiles();
-  const int32_t n = static_cast<int32_t>(files.size());
+  const std::vector<Entry> entries = Entries();
+  const int32_t n = static_cast<int32_t>(entries.size());
   for (int32_t i = 0; i < n && !stop_requested_.load(); ++i) {
-    const std::string& path = files[static_cast<size_t>(i)];
+    const Entry& entry = entries[static_cast<size_t>(i)];
+    const std::string& path = entry.path;
     MQ_LOG("MQCtrl: process '%s' (%d/%d)", path.c_str(), i + 1, n);
     // The claim makes the open-file check and the move one step: a client that opens the
     // file meanwhile waits for the move, and a file open now is left alone.
@@ -35,16 +36,41 @@ size_t MQCtrl::RunRound() {
       MQ_LOG("MQCtrl: '%s' stil open, skip", path.c_str());
       continue;
     }
-    const bool done = ProcessFile(path);
+    const bool done = ProcessFile(entry);
     ReleaseFile(path);
     if (done) RemoveFromList(path);
   }
   return MirrorPendingKeys();
 }
 
-bool MQCtrl::ProcessFile(const std::string& path) {
+// The carried record is used although its key was deleted at the start: without it the
+// move would run on a half-written file, its old bytes orphaned in the backups. A roll-back
+// that could not copy keeps the flag (and the move waits), since moving into a file of
+// mixed bytes would damage it; one that found nothing to restore with, or a file changed
+// by another program since, clears it as a finished one does.
+bool MQCtrl::RollBackFile(const Entry& entry) {
+  const std::string& path = entry.path;
+  if (!CurrentEnv()->IsPathPresent(path)) {
+    if (!CurrentEnv()->IsPathPresent(FolderOf(path))) return false;  // kept below
+    DiscardRollBackBackups(entry.record);  // deleted: nothing to restore into
+    ClearRollBack(path);
+    return true;
+  }
+  MQ_LOG("MQCtrl: RollBackToOrg(%s)", path.c_str());
+  if (RollBackToOrg(entry.record) == RollBackOutcome::kFailed) {
+    MQ_LOG("MQCtrl: RollBackToOrg(%s) failed; the file waits for the next round", path.c_str());
+    return false;
+  }
+  ClearRollBack(path);
+  MQ_LOG("MQCtrl: RollBackToOrg() OK");
+  return true;
+}
+
+bool MQCtrl::ProcessFile(const Entry& entry) {
+  const std::string& path = entry.path;
   MarquelOneFile session;
   session.SetHandle(MarquelOneFile::kDetachedSessionNumber);
+  if (entry.roll_back && !RollBackFile(entry) && CurrentEnv()->IsPathPresent(path)) return false;
   if (!CurrentEnv()->IsPathPresent(path)) {
     // An unplugged disk is not a deleted file: its tags wait for the volume to return.
     if (!CurrentEnv()->IsPathPresent(FolderOf(path))) {

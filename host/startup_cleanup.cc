@@ -3,7 +3,6 @@
 
 #include "log/log.h"
 #include "persist/cache_sweep.h"
-#include "persist/merge_rollback.h"
 #include "platform/temp_folders.h"
 
 namespace marquel::host {
@@ -11,12 +10,11 @@ namespace marquel::host {
 void RemoveLeftoversOfKilledProcesses() {
   log::LoadSettings();  // the controller reads them again; this start-up is logged too
   const int folders = RemoveEndedProcessTempFolders();
-  // Before the sweep: the backups of an unfinished merge are named by its record only.
-  const int restored = RollBackInterruptedMerges();
+  // The backups of an unfinished merge are named by its record only, which the sweep
+  // reads; the controller rolls the file back in its first round.
   const int files = RemoveOrphanCacheFiles();
-  MQ_LOG("start: %d temporary folder(s) of ended processes removed, %d file(s) rolled back, "
-         "cache sweep %d",
-         folders, restored, files);
+  MQ_LOG("start: %d temporary folder(s) of ended processes removed, cache sweep %d", folders,
+         files);
 }
 
 }  // namespace marquel::host

@@ -17,6 +17,7 @@
 #include "platform/temp_folders.h"
 #include "platform/text.h"
 #include "testsupport/fresh_home.h"
+#include "testsupport/unfinished_merge.h"
 
 namespace marquel::host {
 namespace {
@@ -45,62 +46,16 @@ TEST(StartupCleanup, RemovesAnEndedProcesssFolderAndUnnamedCacheFilesOnly) {
   EXPECT_TRUE(FileExists(folder + "/readme.txt"));
 }
 
-// A merge's roll-back record as a killed server leaves it: the file's old bytes [1000,
-// 4000) and [4000, 6000) kept aside, and the file rewritten from 1000 on.
-struct UnfinishedMerge {
-  std::string old_bytes;
-  std::string media = test::TestPath("clip.mpg");
-  std::string packs, tail;
-  std::string key = "Software\\Halvern\\Marquel\\RollBack\\clip";
-
-  void Make() {
-    old_bytes.resize(6000);
-    for (size_t i = 0; i < old_bytes.size(); ++i) old_bytes[i] = static_cast<char>('a' + i % 26);
-    std::ofstream(media, std::ios::binary) << old_bytes.substr(0, 1000) << std::string(9000, 'x');
-    ASSERT_NE(GetMQInfoTempFileName("MQ", 0, &packs), 0u);
-    ASSERT_NE(GetMQInfoTempFileName("MQ", 0, &tail), 0u);
-    std::ofstream(packs, std::ios::binary) << old_bytes.substr(1000, 3000);
-    std::ofstream(tail, std::ios::binary) << old_bytes.substr(4000);
-    std::vector<uint8_t> buf(1056, 0);
-    char16_t units[260];
-    ASSERT_TRUE(CopyToWideRecord(tail, units, 260));
-    std::memcpy(buf.data(), units, sizeof units);
-    ASSERT_TRUE(CopyToWideRecord(packs, units, 260));
-    std::memcpy(buf.data() + 520, units, sizeof units);
-    const int64_t offset = 1000;
-    std::memcpy(buf.data() + 1040, &offset, sizeof offset);
-    AccessReg reg;
-    ASSERT_TRUE(reg.CreateKey(HKEY_CURRENT_USER, key.c_str()));
-    ASSERT_TRUE(reg.Open(HKEY_CURRENT_USER, key.c_str()));
-    ASSERT_TRUE(reg.SetValue("BUF", buf.data(), REG_BINARY, 1056));
-    ASSERT_TRUE(reg.SetString("PATH", media.c_str()));
-    ASSERT_TRUE(reg.SetDword("TYPE", 1));
-  }
-  bool RecordThere() {
-    AccessReg reg;
-    return reg.Open(HKEY_CURRENT_USER, key.c_str());
-  }
-};
-
-TEST(StartupCleanup, PutsBackAFileWhoseMergeAKilledServerLeftUnfinished) {
-  UnfinishedMerge m;
+TEST(StartupCleanup, LeavesAnUnfinishedMergeWithItsBackupsForTheController) {
+  test::UnfinishedMerge m;
   m.Make();
   RemoveLeftoversOfKilledProcesses();
   std::ifstream in(m.media, std::ios::binary);
   const std::string now((std::istreambuf_iterator<char>(in)), {});
-  EXPECT_EQ(now, m.old_bytes);
-  EXPECT_FALSE(m.RecordThere());
-  EXPECT_FALSE(FileExists(m.packs));
-  EXPECT_FALSE(FileExists(m.tail));
-}
-
-TEST(StartupCleanup, KeepsTheRecordAndBackupsOfAFileThatIsNotThereNow) {
-  UnfinishedMerge m;
-  m.Make();
-  ASSERT_TRUE(RemoveFile(m.media));  // on a volume that is not mounted
-  RemoveLeftoversOfKilledProcesses();
+  EXPECT_EQ(now, m.old_bytes.substr(0, 1000) + std::string(9000, 'x'))
+      << "the controller's first round rolls it back";
   EXPECT_TRUE(m.RecordThere());
-  EXPECT_TRUE(FileExists(m.packs)) << "the only copy of the old bytes";
+  EXPECT_TRUE(FileExists(m.packs)) << "the record names them: the sweep keeps them";
   EXPECT_TRUE(FileExists(m.tail));
 }
 

@@ -15,12 +15,14 @@
 #include "log/log.h"
 #include "media/mqinfo_temp.h"
 #include "platform/access_reg.h"
+#include "persist/merge_rollback.h"
 #include "platform/env.h"
 
 namespace marquel {
 namespace {
 
-// Every cache kind, and whatever a later version adds, lives below this key.
+// Every cache kind, and whatever a later version adds, lives below this key; the pending
+// list (kPendingMovesKey) may carry roll-back records naming backups.
 constexpr char kServerKey[] = "Software\\Halvern\\Marquel";
 constexpr int kMaxKeyDepth = 8;
 constexpr uint32_t kNameBytes = 1024;
@@ -169,7 +171,8 @@ int RemoveOrphanCacheFiles() {
   std::set<std::string> named;
   if (!LockExclusively(fd)) {
     MQ_LOG("cache sweep: a write is under way, nothing removed");
-  } else if (!CollectFromKey(kServerKey, 0, &named)) {
+  } else if (!CollectFromKey(kServerKey, 0, &named) ||
+             !CollectFromKey(kPendingMovesKey, 0, &named)) {
     MQ_LOG("cache sweep: the store could not be read whole, nothing removed");
   } else {
     removed = SweepFolder(folder, named);

@@ -14,6 +14,7 @@
 #include "log/log.h"
 #include "log/log_capture.h"
 #include "persist/cache_writer.h"
+#include "persist/merge_rollback.h"
 #include "platform/env.h"
 #include "platform/files.h"
 #include "testsupport/fresh_home.h"
@@ -62,6 +63,16 @@ inline CacheBlockWriter DiskFullWriter(const Bytes& block) {
 }
 
 // The cache folder of the running test.
+// What the controller does with the roll-back records at its start and in its first
+// round: takes them (their keys go) and rolls each file back. The files restored.
+inline int RollBackAsAtStart() {
+  const std::vector<RollBackRecord> records = ReadRollBackRecords();
+  DeleteRollBackRecords(records);
+  int restored = 0;
+  for (const RollBackRecord& r : records) restored += RollBackToOrg(r) == RollBackOutcome::kRestored;
+  return restored;
+}
+
 inline std::string CacheFolder() {
   return CurrentEnv()->AppDataFolder() + "/Halvern/MQInfo";
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 
 #include "persist/cache_keys.h"
 #include "platform/access_reg.h"
@@ -39,36 +40,71 @@ bool ReadGuard(FileHandle media, int64_t offset, uint8_t out[12]) {
   return true;
 }
 
+// STATE: the file's size and time before the merge, and the time its writing began.
+struct MergeState {
+  int64_t size = 0;
+  int64_t mtime = 0;
+  int64_t began = 0;
+  int64_t largest = 0;
+};
+// A file's time is taken from a coarser clock than time(); a writer's first write may
+// read up to this much before `began`.
+constexpr int64_t kClockSlackSeconds = 2;
+
+// A merge rewrites some units and drops old data units; what it may add beyond `added`
+// (an information packet, an end pack, the rounding of a group) stays under this.
+constexpr int64_t kSlackBytes = 1 << 20;
+
+bool ReadState(FileHandle media, int64_t added, MergeState* state) {
+  FileStatusRecord status;
+  if (added < 0 || FileHandleStatus(media, &status) != 0) return false;
+  state->size = status.size;
+  state->mtime = status.mtime;
+  state->began = static_cast<int64_t>(time(nullptr));
+  state->largest = status.size + added + kSlackBytes;
+  return true;
+}
+
 }  // namespace
 
 bool WriteRollBackValues(const std::string& mediaPath, uint32_t type,
-                         const std::vector<uint8_t>& buf, int64_t offset) {
+                         const std::vector<uint8_t>& buf, int64_t offset, int64_t added) {
   uint8_t guard[12];
+  MergeState state;
   FileHandle media = OpenRegularFile(mediaPath, GENERIC_READ);
-  const bool guarded = media != kInvalidFileHandle && ReadGuard(media, offset, guard);
+  const bool read = media != kInvalidFileHandle && ReadGuard(media, offset, guard) &&
+                    ReadState(media, added, &state);
   if (media != kInvalidFileHandle) CloseFileHandle(media);
-  if (!guarded) return false;
+  if (!read) return false;
   const std::string key = RollBackKey(mediaPath);
   AccessReg reg;
   bool ok = reg.CreateKey(HKEY_CURRENT_USER, key.c_str()) &&
             reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
             reg.SetValue("BUF", buf.data(), REG_BINARY, static_cast<uint32_t>(buf.size())) &&
             reg.SetValue("GUARD", guard, REG_BINARY, sizeof guard) &&
+            reg.SetValue("STATE", &state, REG_BINARY, sizeof state) &&
             reg.SetString("PATH", mediaPath.c_str()) && reg.SetDword("TYPE", type);
   reg.Close();
   if (!ok) DeleteRollBackRecord(mediaPath);
   return ok;
 }
 
-bool RollBackGuardHolds(const std::string& key, FileHandle media, int64_t offset) {
-  AccessReg reg;
-  uint32_t kind = 0;
-  std::vector<uint8_t> stored;
-  if (!reg.Open(HKEY_CURRENT_USER, key.c_str()) || !reg.QueryValue("GUARD", &kind, &stored))
-    return true;
+bool RollBackStillTheMergesFile(const std::vector<uint8_t>& guard,
+                                const std::vector<uint8_t>& state, FileHandle media,
+                                int64_t offset) {
   uint8_t now[12];
-  return stored.size() == sizeof now && ReadGuard(media, offset, now) &&
-         std::memcmp(stored.data(), now, sizeof now) == 0;
+  if (!guard.empty() && (guard.size() != sizeof now || !ReadGuard(media, offset, now) ||
+                         std::memcmp(guard.data(), now, sizeof now) != 0))
+    return false;
+  if (state.empty()) return true;
+  MergeState was;
+  FileStatusRecord is;
+  if (state.size() != sizeof was || FileHandleStatus(media, &is) != 0) return false;
+  std::memcpy(&was, state.data(), sizeof was);
+  const bool untouched = is.size == was.size && is.mtime == was.mtime;
+  const bool written = is.size >= offset && is.size <= was.largest &&
+                       is.mtime >= was.began - kClockSlackSeconds;
+  return untouched || written;
 }
 
 bool DeleteRollBackRecord(const std::string& mediaPath) {

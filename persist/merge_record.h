@@ -21,14 +21,21 @@ constexpr size_t kRollBackPathUnits = 260;
 // The record's key of `mediaPath`: kRollBackRoot + "\" + the cache key name of the path.
 std::string RollBackKey(const std::string& mediaPath);
 // Writes the record of `mediaPath`: "TYPE" `type`, "BUF" `buf`, "PATH" (the media file's
-// path, since a hashed key name cannot be turned back into one) and "GUARD" (the CRC of
-// the bytes just before `offset`, which no merge rewrites). False when it cannot be
-// written whole (nothing is left then).
+// path, since a hashed key name cannot be turned back into one), "GUARD" (the CRC of
+// the bytes just before `offset`, which no merge rewrites) and "STATE" (the file's size
+// and time now, the time now, before any byte of it is written, and the largest size the
+// merge can give the file: its size now plus `added`). False when it cannot be written
+// whole (nothing is left then).
 bool WriteRollBackValues(const std::string& mediaPath, uint32_t type,
-                         const std::vector<uint8_t>& buf, int64_t offset);
-// Whether the file is still the one whose merge the record of `key` guards: the bytes
-// before `offset` are those the merge began with. A record without a guard passes.
-bool RollBackGuardHolds(const std::string& key, FileHandle media, int64_t offset);
+                         const std::vector<uint8_t>& buf, int64_t offset, int64_t added);
+// Whether `media` is still the file whose merge wrote `guard` and `state`: the bytes
+// before `offset` are those the merge began with, and the file is either untouched (size
+// and time as they were) or as a writer leaves it (not cut before `offset`, not longer
+// than the merge can make it, not older than the start of the writing). Empty values
+// pass (records of older versions).
+bool RollBackStillTheMergesFile(const std::vector<uint8_t>& guard,
+                                const std::vector<uint8_t>& state, FileHandle media,
+                                int64_t offset);
 // Deletes the record. True also when there was none; false when it stays.
 bool DeleteRollBackRecord(const std::string& mediaPath);
 

@@ -1,9 +1,8 @@
-// RollBackInterruptedMerges: the records of merges a killed server left, undone at start.
+// RollBackToOrg and the records it works from: the merges a killed server left half done,
+// read from the store at the controller's start and undone in the monitor's first round.
 #include "persist/merge_rollback.h"
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "log/log.h"
 #include "merge_record.h"
@@ -15,36 +14,37 @@
 namespace marquel {
 namespace {
 
-struct RollBackRecord {
-  std::string media;
-  uint32_t type = 0;
+// What BUF says, by type.
+struct Decoded {
   MergeBackups backups;   // type 1
   std::string ts_backup;  // type 2
   int64_t ts_mtime = 0;   // type 2: the file's modified time before the merge
   int64_t offset = -1;
 };
 
-bool DecodeBuf(const std::vector<uint8_t>& buf, RollBackRecord* r) {
-  if (r->type == kRollBackTransportStream)
-    return DecodeTsRollBack(buf, &r->ts_backup, &r->offset, &r->ts_mtime);
-  if (r->type != kRollBackProgramStream || buf.size() != 1056) return false;
-  r->backups.tail = WideRecordToUtf8(reinterpret_cast<const char16_t*>(buf.data()), 260);
-  r->backups.packs = WideRecordToUtf8(reinterpret_cast<const char16_t*>(buf.data() + 520), 260);
-  std::memcpy(&r->offset, buf.data() + 1040, sizeof(r->offset));
-  return r->offset >= 0;
+bool Decode(const RollBackRecord& r, Decoded* d) {
+  if (r.type == kRollBackTransportStream)
+    return DecodeTsRollBack(r.buf, &d->ts_backup, &d->offset, &d->ts_mtime);
+  if (r.type != kRollBackProgramStream || r.buf.size() != 1056) return false;
+  d->backups.tail = WideRecordToUtf8(reinterpret_cast<const char16_t*>(r.buf.data()), 260);
+  d->backups.packs =
+      WideRecordToUtf8(reinterpret_cast<const char16_t*>(r.buf.data() + 520), 260);
+  std::memcpy(&d->offset, r.buf.data() + 1040, sizeof(d->offset));
+  return d->offset >= 0;
 }
 
 bool ReadRecord(const std::string& key, RollBackRecord* r) {
   AccessReg reg;
   if (!reg.Open(HKEY_CURRENT_USER, key.c_str())) return false;
   uint32_t kind = 0;
-  std::vector<uint8_t> buf;
   char path[4096];
-  if (!reg.QueryDword("TYPE", &r->type) || !reg.QueryValue("BUF", &kind, &buf) ||
+  if (!reg.QueryDword("TYPE", &r->type) || !reg.QueryValue("BUF", &kind, &r->buf) ||
       !reg.QueryString("PATH", path, sizeof path))
     return false;
   r->media = path;
-  return DecodeBuf(buf, r);
+  reg.QueryValue("GUARD", &kind, &r->guard);  // both absent in older records
+  reg.QueryValue("STATE", &kind, &r->state);
+  return true;
 }
 
 int64_t SizeOf(const std::string& path) {
@@ -52,90 +52,152 @@ int64_t SizeOf(const std::string& path) {
   return FileStatus(path, &status) == 0 ? status.size : -1;
 }
 
-// Whether the backups are there to restore from.
-bool HasBackups(const RollBackRecord& r) {
-  if (r.type == kRollBackTransportStream) return SizeOf(r.ts_backup) >= 0;
-  return SizeOf(r.backups.packs) >= 0 && SizeOf(r.backups.tail) >= 0;
+bool HasBackups(const RollBackRecord& r, const Decoded& d) {
+  if (r.type == kRollBackTransportStream) return SizeOf(d.ts_backup) >= 0;
+  return SizeOf(d.backups.packs) >= 0 && SizeOf(d.backups.tail) >= 0;
 }
 
-enum class Restored { kYes, kFailed, kChangedSince };
-
-// Copies the backups back (synced before the caller deletes them); kYes when the file is
-// as it was before the merge. A file whose bytes before the offset are no longer those
-// the merge began with was changed by someone else since: copying old bytes into it would
-// damage it, so it is left alone.
-Restored Restore(const std::string& key, const RollBackRecord& r) {
-  FileHandle media = OpenRegularFile(r.media, GENERIC_READ | GENERIC_WRITE);
-  if (media == kInvalidFileHandle) return Restored::kFailed;
-  if (!RollBackGuardHolds(key, media, r.offset)) {
-    CloseFileHandle(media);
-    return Restored::kChangedSince;
-  }
-  bool ok;
-  if (r.type == kRollBackTransportStream) {
-    ok = RestoreTsFromBackup(media, r.ts_backup, r.offset, r.ts_mtime);
-  } else {
-    const int64_t packs = SizeOf(r.backups.packs);
-    const int64_t tail = SizeOf(r.backups.tail);
-    MergePlan plan;
-    plan.start = r.offset;
-    plan.packs_end = r.offset + packs;
-    plan.file_size = r.offset + packs + tail;
-    ok = RestoreFromBackups(media, plan, r.backups);
-  }
-  CloseFileHandle(media);
-  return ok ? Restored::kYes : Restored::kFailed;
+// Copies the backups back, cuts the file at its old end and syncs it.
+bool CopyBack(FileHandle media, const RollBackRecord& r, const Decoded& d) {
+  if (r.type == kRollBackTransportStream)
+    return RestoreTsFromBackup(media, d.ts_backup, d.offset, d.ts_mtime);
+  MergePlan plan;
+  plan.start = d.offset;
+  plan.packs_end = d.offset + SizeOf(d.backups.packs);
+  plan.file_size = plan.packs_end + SizeOf(d.backups.tail);
+  return RestoreFromBackups(media, plan, d.backups);
 }
 
-void RemoveBackups(const RollBackRecord& r) {
-  if (r.type == kRollBackTransportStream) {
-    RemoveFile(r.ts_backup);
-  } else {
-    RemoveMergeBackups(r.backups);
-  }
+void PutU32(std::vector<uint8_t>* out, uint32_t v) {
+  const uint8_t* p = reinterpret_cast<const uint8_t*>(&v);
+  out->insert(out->end(), p, p + sizeof v);
+}
+
+void PutField(std::vector<uint8_t>* out, const void* data, size_t size) {
+  PutU32(out, static_cast<uint32_t>(size));
+  const uint8_t* p = static_cast<const uint8_t*>(data);
+  out->insert(out->end(), p, p + size);
+}
+
+bool TakeField(const std::vector<uint8_t>& in, size_t* at, std::vector<uint8_t>* field) {
+  uint32_t size = 0;
+  if (in.size() - *at < sizeof size) return false;
+  std::memcpy(&size, in.data() + *at, sizeof size);
+  *at += sizeof size;
+  if (in.size() - *at < size) return false;
+  field->assign(in.begin() + static_cast<std::ptrdiff_t>(*at),
+                in.begin() + static_cast<std::ptrdiff_t>(*at + size));
+  *at += size;
+  return true;
 }
 
 }  // namespace
 
-int RollBackInterruptedMerges() {
+std::vector<RollBackRecord> ReadRollBackRecords() {
   std::vector<std::string> names;
   {
     AccessReg root;
-    if (!root.Open(HKEY_CURRENT_USER, kRollBackRoot)) return 0;
+    if (!root.Open(HKEY_CURRENT_USER, kRollBackRoot)) return {};
     char name[1024];
     for (uint32_t i = 0; root.EnumKey(i, name, sizeof name); ++i) names.push_back(name);
   }
-  int restored = 0;
+  std::vector<RollBackRecord> records;
   for (const std::string& name : names) {
-    const std::string key = std::string(kRollBackRoot) + "\\" + name;
     RollBackRecord r;
-    const bool known = ReadRecord(key, &r);
-    MQ_LOG("MQCtrl: RollBackToOrg(%s)", known ? r.media.c_str() : name.c_str());
-    if (known && HasBackups(r)) {
-      // A file that is not there now (a volume not mounted) is restored at a later start:
-      // the backups are the only copy of its old bytes.
-      const Restored done = IsRegularFile(r.media) ? Restore(key, r) : Restored::kFailed;
-      if (done == Restored::kChangedSince) {
-        MQ_LOG(
-            "MQCtrl: RollBackToOrg(%s): the file was changed by another program since the "
-            "merge was cut short; it is left alone, and the record and the backups of its "
-            "old bytes are kept",
-            r.media.c_str());
-        continue;
-      }
-      if (done == Restored::kFailed) {
-        // The backups are the only copy of the old bytes: both stay for the next start.
-        MQ_LOG("MQCtrl: RollBackToOrg(%s) failed, kept for the next start", r.media.c_str());
-        continue;
-      }
-      MQ_LOG("MQCtrl: RollBackToOrg() OK");
-      ++restored;
+    if (ReadRecord(std::string(kRollBackRoot) + "\\" + name, &r)) {
+      r.key_name = name;
+      records.push_back(std::move(r));
+    } else {
+      MQ_LOG("MQCtrl: roll-back record '%s' cannot be read; left in the store", name.c_str());
     }
-    // Restored, or nothing to restore it with: the record has done its work either way.
-    AccessReg reg;
-    if (reg.DeleteKey(HKEY_CURRENT_USER, key.c_str()) && known) RemoveBackups(r);
   }
-  return restored;
+  return records;
+}
+
+void DeleteRollBackRecords(const std::vector<RollBackRecord>& records) {
+  for (const RollBackRecord& r : records) {
+    const std::string key = std::string(kRollBackRoot) + "\\" + r.key_name;
+    if (!r.key_name.empty()) AccessReg().DeleteKey(HKEY_CURRENT_USER, key.c_str());
+  }
+  AccessReg root;
+  char name[1024];
+  const bool empty = root.Open(HKEY_CURRENT_USER, kRollBackRoot) && !root.EnumKey(0, name, sizeof name);
+  root.Close();
+  if (empty) AccessReg().DeleteKey(HKEY_CURRENT_USER, kRollBackRoot);
+}
+
+bool KeepRollBackRecord(const RollBackRecord& r) {
+  const std::string key = r.key_name.empty()
+                              ? RollBackKey(r.media)
+                              : std::string(kRollBackRoot) + "\\" + r.key_name;
+  AccessReg reg;
+  bool ok = reg.CreateKey(HKEY_CURRENT_USER, key.c_str()) &&
+            reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
+            reg.SetValue("BUF", r.buf.data(), REG_BINARY, static_cast<uint32_t>(r.buf.size())) &&
+            reg.SetString("PATH", r.media.c_str()) && reg.SetDword("TYPE", r.type);
+  if (ok && !r.guard.empty())
+    ok = reg.SetValue("GUARD", r.guard.data(), REG_BINARY, static_cast<uint32_t>(r.guard.size()));
+  if (ok && !r.state.empty())
+    ok = reg.SetValue("STATE", r.state.data(), REG_BINARY, static_cast<uint32_t>(r.state.size()));
+  return ok;
+}
+
+std::vector<uint8_t> PackRollBackRecord(const RollBackRecord& r) {
+  std::vector<uint8_t> out;
+  PutU32(&out, r.type);
+  PutField(&out, r.media.data(), r.media.size());
+  PutField(&out, r.key_name.data(), r.key_name.size());
+  PutField(&out, r.buf.data(), r.buf.size());
+  PutField(&out, r.guard.data(), r.guard.size());
+  PutField(&out, r.state.data(), r.state.size());
+  return out;
+}
+
+bool UnpackRollBackRecord(const std::vector<uint8_t>& in, RollBackRecord* r) {
+  size_t at = sizeof r->type;
+  std::vector<uint8_t> media, key;
+  if (in.size() < at) return false;
+  std::memcpy(&r->type, in.data(), sizeof r->type);
+  if (!TakeField(in, &at, &media) || !TakeField(in, &at, &key) || !TakeField(in, &at, &r->buf) ||
+      !TakeField(in, &at, &r->guard) || !TakeField(in, &at, &r->state) || at != in.size())
+    return false;
+  r->media.assign(media.begin(), media.end());
+  r->key_name.assign(key.begin(), key.end());
+  return !r->media.empty();
+}
+
+RollBackOutcome RollBackToOrg(const RollBackRecord& r) {
+  Decoded d;
+  if (!Decode(r, &d) || !HasBackups(r, d)) return RollBackOutcome::kNoBackups;
+  FileHandle media = OpenRegularFile(r.media, GENERIC_READ | GENERIC_WRITE);
+  if (media == kInvalidFileHandle) return RollBackOutcome::kFailed;
+  if (!RollBackStillTheMergesFile(r.guard, r.state, media, d.offset)) {
+    CloseFileHandle(media);
+    // Copying old bytes into a file someone else has written since would damage it.
+    KeepRollBackRecord(r);
+    MQ_LOG(
+        "MQCtrl: RollBackToOrg(%s): the file was changed by another program since the "
+        "merge was cut short; it is left alone, and the record and the backups of its old "
+        "bytes are kept",
+        r.media.c_str());
+    return RollBackOutcome::kChangedSince;
+  }
+  const bool restored = CopyBack(media, r, d);
+  CloseFileHandle(media);
+  if (!restored) return RollBackOutcome::kFailed;
+  DiscardRollBackBackups(r);  // the restored file is synced: the backups have done their work
+  MQ_LOG("MQCtrl: RollBackToOrg() OK");
+  return RollBackOutcome::kRestored;
+}
+
+void DiscardRollBackBackups(const RollBackRecord& r) {
+  Decoded d;
+  if (!Decode(r, &d)) return;
+  if (r.type == kRollBackTransportStream) {
+    RemoveFile(d.ts_backup);
+  } else {
+    RemoveMergeBackups(d.backups);
+  }
 }
 
 }  // namespace marquel

@@ -182,7 +182,9 @@ int32_t MergeIntoProgramStream(const PsMergeRequest& r, PsMergeResult* result) {
       MQ_LOG("[%d] ProcessMQInterLeave: can not make the backups", r.session);
       return -1;
     }
-    if (!WriteRollBackRecord(r.media_path, backups, plan.start)) {
+    // Every data pack and the end pack: what the merge can add to the file.
+    const int64_t added = (r.data_pack_count + 1) * static_cast<int64_t>(r.data_pack_size);
+    if (!WriteRollBackRecord(r.media_path, backups, plan.start, added)) {
       MQ_LOG("[%d] ProcessMQInterLeave: can not write the roll-back record", r.session);
       RemoveMergeBackups(backups);
       return -1;

@@ -88,8 +88,10 @@ bool MakeMergeBackups(FileHandle media, const MergePlan& plan, MergeBackups* bac
 // Records the merge under the roll-back key of `mediaPath`, durably: "TYPE" 1, "BUF" (the
 // 1056-byte record: tail path, packs path, each 260 UTF-16 units, then the start offset
 // at 1040) and "PATH" (the media file's path, since a hashed key name cannot be turned
-// back into one). False when it cannot be written (nothing is left then).
-bool WriteRollBackRecord(const std::string& mediaPath, const MergeBackups& backups, int64_t start);
+// back into one); `added`: the bytes the merge may add to the file. False when it cannot
+// be written (nothing is left then).
+bool WriteRollBackRecord(const std::string& mediaPath, const MergeBackups& backups, int64_t start,
+                         int64_t added);
 // Copies the backups back at plan.start and cuts the file at its old size. True when the
 // file is whole again.
 bool RestoreFromBackups(FileHandle media, const MergePlan& plan, const MergeBackups& backups);

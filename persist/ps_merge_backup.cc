@@ -26,7 +26,8 @@ bool MakeMergeBackups(FileHandle media, const MergePlan& plan, MergeBackups* b) 
   return ok;
 }
 
-bool WriteRollBackRecord(const std::string& mediaPath, const MergeBackups& b, int64_t start) {
+bool WriteRollBackRecord(const std::string& mediaPath, const MergeBackups& b, int64_t start,
+                         int64_t added) {
   std::vector<uint8_t> record(kRecordBytes, 0);
   char16_t units[kRollBackPathUnits];
   if (!CopyToWideRecord(b.tail, units, kRollBackPathUnits)) return false;
@@ -34,7 +35,7 @@ bool WriteRollBackRecord(const std::string& mediaPath, const MergeBackups& b, in
   if (!CopyToWideRecord(b.packs, units, kRollBackPathUnits)) return false;
   std::memcpy(record.data() + 520, units, sizeof(units));
   std::memcpy(record.data() + 1040, &start, sizeof(start));
-  return WriteRollBackValues(mediaPath, kRollBackProgramStream, record, start);
+  return WriteRollBackValues(mediaPath, kRollBackProgramStream, record, start, added);
 }
 
 bool RestoreFromBackups(FileHandle media, const MergePlan& plan, const MergeBackups& b) {

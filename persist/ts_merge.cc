@@ -84,7 +84,7 @@ void Undo(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan, con
 
 // Backup and record, durable before the file is touched; false leaves nothing behind.
 bool SecureTail(FileHandle media, const TsMergeInput& in, const TsMergePlan& plan, int64_t mtime,
-                TsBackup* backup) {
+                const PacketFiles& packets, TsBackup* backup) {
   // The backup has a cache file's shape: a sweep must not take it before the record
   // names it.
   CacheWriteLock lock;
@@ -92,7 +92,12 @@ bool SecureTail(FileHandle media, const TsMergeInput& in, const TsMergePlan& pla
     MQ_LOG("[%d] ProcessMQInterLeaveInTS: can not make the backup", in.session);
     return false;
   }
-  if (!WriteTsRollBackRecord(in.media_path, backup->path, plan.rewrite_from, mtime)) {
+  int64_t added = 0;  // the data packets: what the interleave adds to the file
+  for (const std::string& p : packets.paths) {
+    FileStatusRecord status;
+    added += FileStatus(p, &status) == 0 ? status.size : 0;
+  }
+  if (!WriteTsRollBackRecord(in.media_path, backup->path, plan.rewrite_from, mtime, added)) {
     MQ_LOG("[%d] ProcessMQInterLeaveInTS: can not write the roll-back record", in.session);
     RemoveFile(backup->path);
     return false;
@@ -119,7 +124,7 @@ int32_t Interleave(FileHandle media, const TsMergeInput& in, int64_t* dataStart)
   FileStatusRecord status;
   if (FileStatus(in.media_path, &status) != 0) return 0;
   TsBackup backup;
-  if (!SecureTail(media, in, plan, status.mtime, &backup)) return 0;
+  if (!SecureTail(media, in, plan, status.mtime, packets, &backup)) return 0;
   const TsRewriteSources sources{&packets.paths, &backup, status.mtime};
   const bool written = RewriteTransportStream(media, in, plan, sources);
   if (!written || !ReadsBack(media, in, plan, dataStart)) {

@@ -95,9 +95,10 @@ bool EncodeTsRollBack(const std::string& backup, int64_t offset, int64_t mtime,
 // offset is wrong.
 bool DecodeTsRollBack(const std::vector<uint8_t>& buf, std::string* backup, int64_t* offset,
                       int64_t* mtime = nullptr);
-// Writes the record of type 2 of `mediaPath`. False when it cannot be written.
+// Writes the record of type 2 of `mediaPath`; `added`: the bytes the interleave may add
+// to the file. False when it cannot be written.
 bool WriteTsRollBackRecord(const std::string& mediaPath, const std::string& backup, int64_t offset,
-                           int64_t mtime);
+                           int64_t mtime, int64_t added);
 // Copies the backup back at `offset`, cuts the file at offset + the backup's size, gives
 // it back its modified time `mtime` (0: unknown, left) and syncs it. True when the file is
 // whole again. The time counts: a cache knows its file by size and time, and a restored

@@ -54,10 +54,10 @@ bool DecodeTsRollBack(const std::vector<uint8_t>& buf, std::string* backup, int6
 }
 
 bool WriteTsRollBackRecord(const std::string& mediaPath, const std::string& backup, int64_t offset,
-                           int64_t mtime) {
+                           int64_t mtime, int64_t added) {
   std::vector<uint8_t> buf;
   return EncodeTsRollBack(backup, offset, mtime, &buf) &&
-         WriteRollBackValues(mediaPath, kRollBackTransportStream, buf, offset);
+         WriteRollBackValues(mediaPath, kRollBackTransportStream, buf, offset, added);
 }
 
 bool RestoreTsFromBackup(FileHandle media, const std::string& backup, int64_t offset,

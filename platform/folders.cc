@@ -49,13 +49,27 @@ bool IsRegularFile(const std::string& path) {
   return !path.empty() && stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-int FileStatus(const std::string& path, FileStatusRecord* status) {
-  struct stat st;
-  if (status == nullptr || path.empty() || stat(path.c_str(), &st) != 0) return -1;
+namespace {
+
+int FillStatus(const struct stat& st, FileStatusRecord* status) {
   status->size = static_cast<int64_t>(st.st_size);
   status->mtime = static_cast<int64_t>(st.st_mtime);
   status->mode = static_cast<uint32_t>(st.st_mode);
   return 0;
+}
+
+}  // namespace
+
+int FileStatus(const std::string& path, FileStatusRecord* status) {
+  struct stat st;
+  if (status == nullptr || path.empty() || stat(path.c_str(), &st) != 0) return -1;
+  return FillStatus(st, status);
+}
+
+int FileHandleStatus(FileHandle h, FileStatusRecord* status) {
+  struct stat st;
+  if (status == nullptr || fstat(h, &st) != 0) return -1;
+  return FillStatus(st, status);
 }
 
 uint32_t MakeTempFileName(const std::string& folder, const std::string& prefix, uint32_t unique,

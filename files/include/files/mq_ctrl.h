@@ -4,8 +4,10 @@
 //
 // The list outlasts restarts: every listed file has a sub-key under
 // "Software\Halvern\Common\MQTemp" (its key name, with the path in "PATH"), written before
-// the file joins the list and removed when it leaves it. Start reads and deletes them;
-// Stop writes the rest back.
+// the file joins the list and removed when it leaves it. Start reads them; Stop writes the
+// rest back. Start also takes the roll-back records of merges a killed server left
+// (deleting their keys): each is carried in its file's entry, and in the file's sub-key
+// ("ROLLBACK"), until the monitor has rolled the file back.
 #pragma once
 
 #include <atomic>
@@ -19,6 +21,7 @@
 
 #include "files/marquel_files.h"
 #include "files/saved_pending.h"
+#include "persist/merge_rollback.h"
 
 namespace marquel {
 
@@ -35,9 +38,10 @@ class MQCtrl : public MarquelFiles {
   // Stops the monitor (Stop) when it runs.
   ~MQCtrl() override;
 
-  // Loads the persisted list (and deletes its keys), then starts the monitor, whose first
-  // round runs at once. 1, or 0 when the thread cannot be made (the list is kept).
-  // Started again it only loads what the store holds.
+  // Takes the roll-back records (their files join the list flagged, each carrying its
+  // record; the keys are deleted), loads the persisted list, then starts the monitor,
+  // whose first round runs at once. 1, or 0 when the thread cannot be made (the list is
+  // kept). Started again it only loads what the store holds.
   int32_t Start();
   // Ends the monitor once the file its round works on is done (a move ends or restores
   // the file), then writes what is left under MQTemp and empties the list. 1.
@@ -52,23 +56,42 @@ class MQCtrl : public MarquelFiles {
   // A copy of the list, in order.
   std::vector<std::string> PendingFiles();
 
+  // Whether a name is on the list with a merge of it still to be rolled back.
+  bool IsRollBackPending(const std::string& name);
+
   // One round over the list, as the monitor makes it: a file that a session holds open
-  // is skipped; a file gone from a folder that is there has its caches deleted; a file
-  // whose folder is gone too (a volume not mounted) stays; any other file has its cached
-  // tags moved into it, and stays on the list only when that move failed. Returns the
-  // number of files left.
+  // is skipped; a flagged file is rolled back first (RollBackToOrg) and, when that fails,
+  // waits for the next round; a file gone from a folder that is there has its caches
+  // deleted; a file whose folder is gone too (a volume not mounted) stays; any other file
+  // has its cached tags moved into it, and stays on the list only when that move failed.
+  // Returns the number of files left.
   size_t RunRound();
 
  private:
+  struct Entry {
+    std::string path;
+    bool roll_back = false;  // a merge of this file was cut short: undo it first
+    RollBackRecord record;   // what to undo it with
+  };
+
   // Whether the file is done with (to be taken off the list).
-  bool ProcessFile(const std::string& path);
+  bool ProcessFile(const Entry& entry);
+  // Undoes the carried merge; false when the file must wait for a later round.
+  bool RollBackFile(const Entry& entry);
+  void ClearRollBack(const std::string& path);
+  // Puts an entry on the list unless its file is there already (a flagged entry then
+  // replaces a plain one); true when it was added. Under list_mu_.
+  bool AppendLocked(Entry entry);
+  void LoadRollBackRecords();
+  void LoadSavedPending();
+  std::vector<Entry> Entries();
   void RemoveFromList(const std::string& path);
   size_t MirrorPendingKeys();
   void Monitor();
 
   MonitorOptions options_;
   std::mutex list_mu_;  // guards pending_; never held while a file is worked on
-  std::vector<std::string> pending_;
+  std::vector<Entry> pending_;
   std::mutex round_mu_;  // one round at a time
   std::mutex wake_mu_;
   std::condition_variable wake_;

@@ -99,6 +99,8 @@ struct FileStatusRecord {
 };
 // Fills *status; 0 on success, -1 when the file does not exist or cannot be examined.
 int FileStatus(const std::string& path, FileStatusRecord* status);
+// The same for an open file.
+int FileHandleStatus(FileHandle h, FileStatusRecord* status);
 
 // Makes the name folder + "/" + prefix + uppercase hex number + ".tmp". With unique 0 the
 // number is chosen so that a new empty file of that name can be created exclusively, and
