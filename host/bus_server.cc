@@ -16,6 +16,7 @@
 #include "client_registry.h"
 #include "event_log.h"
 #include "host_names.h"
+#include "log/log.h"
 #include "mq_adaptor.h"
 
 namespace marquel::host {
@@ -66,11 +67,15 @@ void Server::Loop() {
     while (connection_.processPendingRequest()) {
     }
     ReleaseDepartedClients();
+    // A log switched on or off in a store takes effect without a restart.
+    log::ReloadSettingsIfChanged();
     int idle_wait = -1;
     if (IdleExpired(&idle_wait)) return;
     sdbus::IConnection::PollData data = connection_.getEventLoopPollData();
     int wait = data.getPollTimeout();
     if (idle_wait >= 0 && (wait < 0 || idle_wait < wait)) wait = idle_wait;
+    constexpr int kReloadWaitMs = log::kReloadSeconds * 1000;
+    if (wait < 0 || wait > kReloadWaitMs) wait = kReloadWaitMs;
     pollfd fds[2] = {{data.fd, data.events, 0}, {signal_fd_, POLLIN, 0}};
     if (poll(fds, 2, wait) < 0 && errno != EINTR) return;
     if ((fds[1].revents & POLLIN) && HandleSignals()) return;
