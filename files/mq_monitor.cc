@@ -35,7 +35,9 @@ size_t MQCtrl::RunRound() {
       MQ_LOG("MQCtrl: '%s' stil open, skip", path.c_str());
       continue;
     }
+    SetWorkingFile(path);
     const bool done = ProcessFile(path);
+    SetWorkingFile(std::string());
     ReleaseFile(path);
     if (done) RemoveFromList(path);
   }

@@ -18,6 +18,7 @@
 #include "host_names.h"
 #include "log/log.h"
 #include "mq_adaptor.h"
+#include "status_method.h"
 
 namespace marquel::host {
 namespace {
@@ -33,8 +34,10 @@ class Server {
         mq_(MonitorOptions{std::chrono::milliseconds(options.monitor_interval_ms)}),
         registry_(connection, getuid()),
         bulk_(mq_, registry_),
+        status_(mq_, registry_, options.service),
         adaptor_(connection, mq_, registry_) {
     bulk_.Register(adaptor_.Object());
+    status_.Register(adaptor_.Object());
     adaptor_.Publish();
   }
 
@@ -57,6 +60,7 @@ class Server {
   CMQInterface mq_;
   ClientRegistry registry_;
   BulkMethods bulk_;
+  StatusMethod status_;
   MQAdaptor adaptor_;
   std::optional<Clock::time_point> idle_since_;
 };

@@ -51,6 +51,11 @@ class MQCtrl : public MarquelFiles {
   bool IsPendingFile(const std::string& name);
   // A copy of the list, in order.
   std::vector<std::string> PendingFiles();
+  // The listed file whose cached tags the monitor is moving now; "" between files.
+  std::string WorkingFile() {
+    std::lock_guard<std::mutex> lock(list_mu_);
+    return working_;
+  }
 
   // One round over the list, as the monitor makes it: a file that a session holds open
   // is skipped; a file gone from a folder that is there has its caches deleted; a file
@@ -63,12 +68,17 @@ class MQCtrl : public MarquelFiles {
   // Whether the file is done with (to be taken off the list).
   bool ProcessFile(const std::string& path);
   void RemoveFromList(const std::string& path);
+  void SetWorkingFile(const std::string& path) {
+    std::lock_guard<std::mutex> lock(list_mu_);
+    working_ = path;
+  }
   size_t MirrorPendingKeys();
   void Monitor();
 
   MonitorOptions options_;
   std::mutex list_mu_;  // guards pending_; never held while a file is worked on
   std::vector<std::string> pending_;
+  std::string working_;  // under list_mu_; set by RunRound around ProcessFile
   std::mutex round_mu_;  // one round at a time
   std::mutex wake_mu_;
   std::condition_variable wake_;
