@@ -2,8 +2,8 @@
 //
 //   Status() -> s json
 //
-// The interface is described in api/marquel_status.xml, apart from api/marquel.xml so
-// that the four described interfaces stay as they are. The answer is one JSON text (see
+// The interface is written down in api/marquel_status.xml, apart from api/marquel.xml so
+// that the interfaces there stay as they are. The answer is one JSON text (see
 // StatusJson in status_report.h), at most kMaxStatusBytes long: the server's pid, mode,
 // version and uptime, its open files by name with their handles, programs and memory
 // figures, the memory figure and the resident memory in bytes, and every pending move

@@ -16,7 +16,7 @@ constexpr char kKey[] = "Software\\Halvern\\Common\\Marquel";
 // Opens (making it first) the settings key in the test's machine store.
 class LogSettingsTest : public LogTest {
  protected:
-  // These tests read the described line format; the date and time prefix has tests of
+  // These tests read the plain line format; the date and time prefix has tests of
   // its own.
   void SetUp() override {
     LogTest::SetUp();

@@ -24,7 +24,7 @@ std::string StatusXmlPath() {
   return api.substr(0, api.rfind('/')) + "/marquel_status.xml";
 }
 
-TEST_F(Status, TheStatusMethodAnswersOneJsonTextAsItsDescriptionSays) {
+TEST_F(Status, TheStatusMethodAnswersOneJsonTextAsItsXmlFileSays) {
   auto connection = sdbus::createSessionBusConnection();
   auto proxy = RawProxy(*connection);
   std::string text;
