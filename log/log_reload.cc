@@ -61,9 +61,10 @@ bool ReloadSettingsIfChanged() {
     std::lock_guard<std::mutex> lock(g_mutex);
     if (print == g_last_print) return false;
   }
-  // From zero, so that a value taken out of a store switches its setting off again.
-  ApplySettings(Settings());
-  LoadSettings();
+  // From zero, so that a value taken out of a store switches its setting off again; the
+  // new settings replace the old in one step, so no line is dropped on the way.
+  ApplySettings(internal::ReadSettings(Settings()));
+  internal::NoteStoresRead();
   return true;
 }
 

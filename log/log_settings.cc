@@ -82,34 +82,42 @@ void StoreName(const std::string& name) {
 
 }  // namespace
 
-void LoadSettings() {
+namespace internal {
+
+Settings ReadSettings(Settings settings) {
   // The user's store first, then the machine store, whose values win where both have one.
   // The original read the machine store alone, which only root can write; reading the
   // user's own store too lets a user switch the log on for the server they run.
   const StoreValues user = ReadStore(HKEY_CURRENT_USER);
   const StoreValues machine = ReadStore(HKEY_LOCAL_MACHINE);
   // The date and time prefix is on unless a store or the environment turns it off.
-  internal::g_wall_clock.store(1, std::memory_order_relaxed);
+  settings.wall_clock = 1;
   for (const StoreValues* v : {&user, &machine}) {
-    if (v->enabled) internal::g_enabled.store(static_cast<int32_t>(*v->enabled));
-    if (v->to_file) internal::g_to_file.store(static_cast<int32_t>(*v->to_file));
-    if (v->wall_clock) internal::g_wall_clock.store(*v->wall_clock != 0 ? 1 : 0);
+    if (v->enabled) settings.enabled = static_cast<int32_t>(*v->enabled);
+    if (v->to_file) settings.to_file = static_cast<int32_t>(*v->to_file);
+    if (v->wall_clock) settings.wall_clock = *v->wall_clock != 0 ? 1 : 0;
   }
   // The name is emptied once a key is being read and taken only for file output.
   if (user.key_open || machine.key_open) {
-    std::string name;
-    if (internal::g_to_file.load(std::memory_order_relaxed) != 0)
-      name = machine.file_name ? *machine.file_name : user.file_name.value_or("");
-    StoreName(name);
+    settings.file_name.clear();
+    if (settings.to_file != 0)
+      settings.file_name = machine.file_name ? *machine.file_name : user.file_name.value_or("");
   }
   // The environment of the server process overrides both stores.
-  if (auto on = EnvironmentNumber(kLogEnv)) internal::g_enabled.store(*on);
+  if (auto on = EnvironmentNumber(kLogEnv)) settings.enabled = *on;
   const char* file = getenv(kLogFileEnv);
   if (file != nullptr && *file != '\0' && strlen(file) < kFileNameBytes) {
-    internal::g_to_file.store(1);
-    StoreName(file);
+    settings.to_file = 1;
+    settings.file_name = file;
   }
-  if (auto stamp = EnvironmentNumber(kLogTimeEnv)) internal::g_wall_clock.store(*stamp);
+  if (auto stamp = EnvironmentNumber(kLogTimeEnv)) settings.wall_clock = *stamp;
+  return settings;
+}
+
+}  // namespace internal
+
+void LoadSettings() {
+  ApplySettings(internal::ReadSettings(CurrentSettings()));
   internal::NoteStoresRead();
 }
 

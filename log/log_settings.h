@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "log/log.h"
+
 namespace marquel::log::internal {
 
 // A copy of the "log file name" setting.
@@ -12,6 +14,10 @@ std::string FileName();
 
 // The "date and time prefix" setting.
 extern std::atomic<int32_t> g_wall_clock;
+
+// The settings the stores and the environment make of `settings` (LoadSettings without
+// applying them), so that a reload never passes through "off".
+Settings ReadSettings(Settings settings);
 
 // Remembers what the store files look like now, so that a reload can tell a change.
 void NoteStoresRead();
