@@ -36,7 +36,9 @@ size_t MQCtrl::RunRound() {
       MQ_LOG("MQCtrl: '%s' stil open, skip", path.c_str());
       continue;
     }
+    SetWorkingFile(path);
     const bool done = ProcessFile(entry);
+    SetWorkingFile(std::string());
     ReleaseFile(path);
     if (done) RemoveFromList(path);
   }

@@ -16,7 +16,9 @@
 #include "client_registry.h"
 #include "event_log.h"
 #include "host_names.h"
+#include "log/log.h"
 #include "mq_adaptor.h"
+#include "status_method.h"
 
 namespace marquel::host {
 namespace {
@@ -32,8 +34,10 @@ class Server {
         mq_(MonitorOptions{std::chrono::milliseconds(options.monitor_interval_ms)}),
         registry_(connection, getuid()),
         bulk_(mq_, registry_),
+        status_(mq_, registry_, options.service),
         adaptor_(connection, mq_, registry_) {
     bulk_.Register(adaptor_.Object());
+    status_.Register(adaptor_.Object());
     adaptor_.Publish();
   }
 
@@ -56,6 +60,7 @@ class Server {
   CMQInterface mq_;
   ClientRegistry registry_;
   BulkMethods bulk_;
+  StatusMethod status_;
   MQAdaptor adaptor_;
   std::optional<Clock::time_point> idle_since_;
 };
@@ -66,11 +71,15 @@ void Server::Loop() {
     while (connection_.processPendingRequest()) {
     }
     ReleaseDepartedClients();
+    // A log switched on or off in a store takes effect without a restart.
+    log::ReloadSettingsIfChanged();
     int idle_wait = -1;
     if (IdleExpired(&idle_wait)) return;
     sdbus::IConnection::PollData data = connection_.getEventLoopPollData();
     int wait = data.getPollTimeout();
     if (idle_wait >= 0 && (wait < 0 || idle_wait < wait)) wait = idle_wait;
+    constexpr int kReloadWaitMs = log::kReloadSeconds * 1000;
+    if (wait < 0 || wait > kReloadWaitMs) wait = kReloadWaitMs;
     pollfd fds[2] = {{data.fd, data.events, 0}, {signal_fd_, POLLIN, 0}};
     if (poll(fds, 2, wait) < 0 && errno != EINTR) return;
     if ((fds[1].revents & POLLIN) && HandleSignals()) return;

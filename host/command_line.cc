@@ -21,4 +21,26 @@ HostSwitch ParseSwitch(const std::vector<std::string>& args) {
   return HostSwitch::kNone;
 }
 
+HostAction ParseCommandLine(const std::vector<std::string>& args) {
+  if (args.empty()) return HostAction::kServe;
+  if (args.size() == 1) {
+    const std::string& arg = args[0];
+    if (arg == "--help" || arg == "-h" || arg == "/?") return HostAction::kHelp;
+    if (arg == "--version") return HostAction::kVersion;
+  }
+  switch (ParseSwitch(args)) {
+    case HostSwitch::kUnregServer:
+      return HostAction::kUnregServer;
+    case HostSwitch::kRegServer:
+      return HostAction::kRegServer;
+    case HostSwitch::kService:
+      return HostAction::kService;
+    case HostSwitch::kNone:
+      break;
+  }
+  // The original server started whatever its command line said; a Linux user expects an
+  // unknown switch to be refused with the usage instead.
+  return HostAction::kUsageError;
+}
+
 }  // namespace marquel::host

@@ -15,4 +15,12 @@ enum class HostSwitch { kNone, kUnregServer, kRegServer, kService };
 // followed by more text matches nothing, and "-x -RegServer" is RegServer.
 HostSwitch ParseSwitch(const std::vector<std::string>& args);
 
+// What a whole command line asks for.
+enum class HostAction { kServe, kRegServer, kService, kUnregServer, kHelp, kVersion, kUsageError };
+
+// No arguments serve. "--help", "-h" or "/?" alone ask for the usage, "--version" alone
+// for the version. Otherwise ParseSwitch decides; a command line in which it finds no
+// switch is a usage error (it would otherwise start a server nobody asked for).
+HostAction ParseCommandLine(const std::vector<std::string>& args);
+
 }  // namespace marquel::host

@@ -40,5 +40,22 @@ TEST(CommandLine, TheSwitchThatEndsTheLineDecides) {
   EXPECT_EQ(Parse({"-Service", "/UnregServer"}), HostSwitch::kUnregServer);
 }
 
+TEST(CommandLine, NothingServesAndHelpOrVersionAloneAskForThem) {
+  EXPECT_EQ(ParseCommandLine({}), HostAction::kServe);
+  EXPECT_EQ(ParseCommandLine({"--help"}), HostAction::kHelp);
+  EXPECT_EQ(ParseCommandLine({"/?"}), HostAction::kHelp);
+  EXPECT_EQ(ParseCommandLine({"--version"}), HostAction::kVersion);
+  EXPECT_EQ(ParseCommandLine({"/service"}), HostAction::kService);
+  EXPECT_EQ(ParseCommandLine({"-x", "-RegServer"}), HostAction::kRegServer);
+  EXPECT_EQ(ParseCommandLine({"-UnregServer"}), HostAction::kUnregServer);
+}
+
+TEST(CommandLine, AnUnknownSwitchOrExtraTextIsAUsageError) {
+  EXPECT_EQ(ParseCommandLine({"-Bogus"}), HostAction::kUsageError);
+  EXPECT_EQ(ParseCommandLine({"--version", "now"}), HostAction::kUsageError);
+  EXPECT_EQ(ParseCommandLine({"-RegServer", "now"}), HostAction::kUsageError);
+  EXPECT_EQ(ParseCommandLine({"movie.ts"}), HostAction::kUsageError);
+}
+
 }  // namespace
 }  // namespace marquel::host

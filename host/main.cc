@@ -6,6 +6,7 @@
 
 #include "bus_server.h"
 #include "command_line.h"
+#include "marquel/version.h"
 #include "registration.h"
 #include "single_instance.h"
 #include "startup_cleanup.h"
@@ -13,7 +14,7 @@
 namespace {
 
 constexpr const char kUsage[] =
-    "Usage: marquel64 [-RegServer | -UnregServer | -Service | --help]\n"
+    "Usage: marquel64 [-RegServer | -UnregServer | -Service | --help | --version]\n"
     "\n"
     "The Marquel tag server. Without a switch it serves clients on the session bus\n"
     "(name com.halvern.Marquel64) and ends a few seconds after its last client has gone,\n"
@@ -21,30 +22,58 @@ constexpr const char kUsage[] =
     "\n"
     "  -RegServer    write the D-Bus activation file, so that clients start the server\n"
     "  -Service      as -RegServer, and run as a systemd user service until stopped\n"
-    "  -UnregServer  remove the activation file, the service unit and the registration\n"
+    "  -UnregServer  stop the service, remove the activation file, the service unit and\n"
+    "                the registration\n"
+    "  --version     print the version\n"
     "\n"
     "Switches may start with '-' or '/' and ignore letter case.\n";
 
-// "--help", "-h" and "/?" alone print the usage. They are not server switches, so they
-// are tested before anything else; any other text keeps its meaning for the switches.
-bool WantsHelp(int argc, char** argv) {
-  if (argc != 2) return false;
-  const std::string arg = argv[1];
-  return arg == "--help" || arg == "-h" || arg == "/?";
+// The registration switches touch only files and the store, so they run whether or not a
+// server is running; one line says what they did.
+int RunSwitch(marquel::host::HostAction action) {
+  using namespace marquel::host;
+  std::string report;
+  int status = 0;
+  if (action == HostAction::kUnregServer)
+    status = UnregisterServer(&report);
+  else
+    status = RegisterServer(ExecutablePath(), action == HostAction::kService, &report);
+  if (status == 0)
+    printf("marquel64: %s\n", report.c_str());
+  else
+    fprintf(stderr, "marquel64: the registration failed (status %d)\n", status);
+  return status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   using namespace marquel::host;
-  if (WantsHelp(argc, argv)) {
-    fputs(kUsage, stdout);
-    return 0;
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  const HostAction action = ParseCommandLine(args);
+  switch (action) {
+    case HostAction::kHelp:
+      fputs(kUsage, stdout);
+      return 0;
+    case HostAction::kVersion:
+      printf("marquel64 %s\n", MARQUEL_VERSION);
+      return 0;
+    case HostAction::kUsageError:
+      fputs(kUsage, stderr);
+      return 2;
+    case HostAction::kRegServer:
+    case HostAction::kService:
+    case HostAction::kUnregServer:
+      // The original took its single-instance mutex first, so a running server made these
+      // switches do nothing; they now work beside it.
+      return RunSwitch(action);
+    case HostAction::kServe:
+      break;
   }
   // Before any thread exists, so that every thread leaves these signals to the loop.
   BlockServerSignals();
 
-  // A second copy never runs, whatever its command line.
+  // A second serving copy never runs.
   SingleInstanceLock lock;
   std::string lock_error;
   bool sole_server = false;
@@ -57,18 +86,6 @@ int main(int argc, char** argv) {
       break;
     case SingleInstanceLock::Result::kAcquired:
       sole_server = true;
-      break;
-  }
-
-  std::vector<std::string> args(argv + 1, argv + argc);
-  switch (ParseSwitch(args)) {
-    case HostSwitch::kUnregServer:
-      return UnregisterServer();
-    case HostSwitch::kRegServer:
-      return RegisterServer(ExecutablePath(), false);
-    case HostSwitch::kService:
-      return RegisterServer(ExecutablePath(), true);
-    case HostSwitch::kNone:
       break;
   }
 

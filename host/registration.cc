@@ -2,8 +2,10 @@
 // for a service, the systemd user unit.
 #include "registration.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <vector>
@@ -11,6 +13,7 @@
 #include "host_names.h"
 #include "platform/access_reg.h"
 #include "platform/env.h"
+#include "unit_template.h"
 
 namespace marquel::host {
 namespace {
@@ -122,7 +125,56 @@ std::string ExecLine(const std::string& exe) {
 
 constexpr uint32_t kFileWriteError = 29;  // ERROR_WRITE_FAULT
 
+bool UserManagerRuns() {
+  const char* runtime = getenv("XDG_RUNTIME_DIR");
+  if (runtime == nullptr || *runtime == '\0') return false;
+  std::error_code ec;
+  return std::filesystem::exists(std::string(runtime) + "/systemd/private", ec);
+}
+
+// Runs argv[0] (found on PATH) and waits; its exit status, or -1.
+int RunCommand(const std::vector<std::string>& argv) {
+  if (argv.empty()) return -1;
+  const pid_t pid = fork();
+  if (pid < 0) return -1;
+  if (pid == 0) {
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+ServiceControl& CurrentControl() {
+  static ServiceControl control = DefaultServiceControl();
+  return control;
+}
+
+std::string UserStorePath() {
+  return StoreFilePath(HKEY_CURRENT_USER);
+}
+
 }  // namespace
+
+ServiceControl DefaultServiceControl() {
+  return ServiceControl{&UserManagerRuns, &RunCommand};
+}
+
+ServiceControl SetServiceControl(ServiceControl control) {
+  ServiceControl previous = CurrentControl();
+  CurrentControl() = std::move(control);
+  return previous;
+}
+
+std::vector<std::string> StopUnitCommand() {
+  return {"systemctl", "--user", "stop", kUnitName};
+}
 
 std::string ActivationFilePath() {
   return CurrentEnv()->AppDataFolder() + "/dbus-1/services/" + kBusName + ".service";
@@ -140,12 +192,15 @@ std::string ActivationFileText(const std::string& exe, bool service) {
 }
 
 std::string UnitFileText(const std::string& exe) {
-  return "[Unit]\nDescription=" + std::string(kDisplayName) +
-         "\n\n[Service]\nType=dbus\nBusName=" + kBusName + "\nExecStart=" + ExecLine(exe) +
-         "\n\n[Install]\nWantedBy=default.target\n";
+  std::string text = kUnitTemplate;
+  const std::string placeholder = kUnitExecPlaceholder;
+  for (size_t at = text.find(placeholder); at != std::string::npos;
+       at = text.find(placeholder, at + 1))
+    text.replace(at, placeholder.size(), ExecLine(exe));
+  return text;
 }
 
-int RegisterServer(const std::string& exe, bool service) {
+int RegisterServer(const std::string& exe, bool service, std::string* report) {
   RemoveFileIfThere(UnitFilePath());  // an installed service of the same name goes first
   if (uint32_t e = WriteApplication()) return static_cast<int>(e);
   {
@@ -162,15 +217,31 @@ int RegisterServer(const std::string& exe, bool service) {
   if (uint32_t e = WriteClass(exe)) return static_cast<int>(e);
   if (!WriteTextFile(ActivationFilePath(), ActivationFileText(exe, service)))
     return kFileWriteError;
+  if (report) {
+    *report = service ? "registered as a service: wrote " + UnitFilePath() + ", "
+                      : "registered for activation: wrote ";
+    *report += ActivationFilePath() + " and the class entries in " + UserStorePath();
+  }
   return 0;
 }
 
-int UnregisterServer() {
+int UnregisterServer(std::string* report) {
+  const ServiceControl control = CurrentControl();
+  const bool systemd = control.available && control.available();
+  // The unit is stopped while its file is still there, so that systemd knows what to stop.
+  const bool stopped = systemd && control.run(StopUnitCommand()) == 0;
   RemoveFileIfThere(UnitFilePath());
   RemoveFileIfThere(ActivationFilePath());
   DeleteClass();
   DeleteTree(AppIdKey());
   DeleteTree(std::string("AppID\\") + kExeKey);
+  if (systemd) control.run({"systemctl", "--user", "daemon-reload"});
+  if (report) {
+    *report = std::string("unregistered: ") +
+              (stopped ? "stopped " + std::string(kUnitName) + ", " : "") + "removed " +
+              UnitFilePath() + ", " + ActivationFilePath() + " and the class entries in " +
+              UserStorePath();
+  }
   return 0;
 }
 

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 #include "host_names.h"
 #include "platform/access_reg.h"
@@ -148,13 +150,97 @@ TEST(Registration, TheUnitPassesSystemdAnalyzeVerify) {
   std::string unit = UnitFileText(MARQUEL64_PATH);
   std::string good = test::TestPath("marquel64.service");
   std::ofstream(good) << unit;
-  EXPECT_EQ(Shell("systemd-analyze verify '" + good + "' 2>&1"), 0);
+  // The manual pages come with the installed package, not with the build.
+  EXPECT_EQ(Shell("systemd-analyze verify --man=no '" + good + "' 2>&1"), 0);
   // The check can fail: a unit with a relative program is refused.
   std::string bad = test::TestPath("broken.service");
   std::string broken = unit;
   broken.replace(broken.find("ExecStart=") + 10, 1, "");
   std::ofstream(bad) << broken;
-  EXPECT_NE(Shell("systemd-analyze verify '" + bad + "' >/dev/null 2>&1"), 0);
+  EXPECT_NE(Shell("systemd-analyze verify --man=no '" + bad + "' >/dev/null 2>&1"), 0);
+}
+
+// The unit restarts a failed server, names its manuals and runs in a sandbox that still
+// reaches media anywhere the user can write.
+TEST(Registration, TheUnitRestartsOnFailureAndIsSandboxed) {
+  const std::string unit = UnitFileText(kExe);
+  for (const char* line :
+       {"Documentation=man:marquel64(1)", "Restart=on-failure\n", "NoNewPrivileges=yes\n",
+        "PrivateTmp=yes\n", "ProtectSystem=full\n", "ExecStart=/opt/halvern/bin/marquel64\n"})
+    EXPECT_NE(unit.find(line), std::string::npos) << line;
+  EXPECT_EQ(unit.find("\nProtectSystem=strict"), std::string::npos);
+  EXPECT_EQ(unit.find("MARQUEL64_EXEC"), std::string::npos);
+}
+
+// systemd rates the sandbox offline; the score is written in docs/dbus.md. It must stay
+// below the "UNSAFE" band (9.0 and up) that an unsandboxed unit gets.
+TEST(Registration, SystemdRatesTheUnitsExposureBelowUnsafe) {
+  if (Shell("systemd-analyze security --help 2>/dev/null | grep -q -- --offline") != 0)
+    GTEST_SKIP() << "systemd-analyze security --offline is not available";
+  std::string path = test::TestPath("marquel64.service");
+  std::ofstream(path) << UnitFileText(MARQUEL64_PATH);
+  std::string out_path = test::TestPath("security.txt");
+  Shell("systemd-analyze security --user --offline=yes '" + path + "' > '" + out_path + "' 2>&1");
+  const std::string out = ReadText(out_path);
+  const size_t at = out.find("Overall exposure level for marquel64.service: ");
+  ASSERT_NE(at, std::string::npos) << out;
+  const double score = std::stod(out.substr(at + 46));
+  std::printf("exposure score: %.1f\n", score);
+  EXPECT_LT(score, 9.0) << out;
+}
+
+// "UnregServer" stops a running unit first when a systemd user manager is there, and has
+// it reload its units after the files are gone; without one it runs nothing.
+TEST(Registration, UnregServerStopsTheRunningUnitUnderSystemd) {
+  ASSERT_EQ(RegisterServer(kExe, true), 0);
+  std::vector<std::vector<std::string>> commands;
+  bool unit_there_at_stop = false;
+  ServiceControl previous = SetServiceControl({[] { return true; },
+                                               [&](const std::vector<std::string>& argv) {
+                                                 if (commands.empty())
+                                                   unit_there_at_stop = Exists(UnitFilePath());
+                                                 commands.push_back(argv);
+                                                 return 0;
+                                               }});
+  std::string report;
+  EXPECT_EQ(UnregisterServer(&report), 0);
+  ASSERT_EQ(commands.size(), 2u);
+  EXPECT_EQ(commands[0],
+            (std::vector<std::string>{"systemctl", "--user", "stop", "marquel64.service"}));
+  EXPECT_EQ(commands[1], (std::vector<std::string>{"systemctl", "--user", "daemon-reload"}));
+  EXPECT_TRUE(unit_there_at_stop);
+  EXPECT_FALSE(Exists(UnitFilePath()));
+  EXPECT_NE(report.find("stopped marquel64.service"), std::string::npos) << report;
+
+  commands.clear();
+  SetServiceControl({[] { return false; },
+                     [&](const std::vector<std::string>& argv) {
+                       commands.push_back(argv);
+                       return 0;
+                     }});
+  ASSERT_EQ(RegisterServer(kExe, true), 0);
+  EXPECT_EQ(UnregisterServer(&report), 0);
+  EXPECT_TRUE(commands.empty());
+  EXPECT_EQ(report.find("stopped"), std::string::npos) << report;
+  SetServiceControl(previous);
+}
+
+// The default finds a user manager by its socket in the runtime folder.
+TEST(Registration, AUserManagerIsFoundByItsSocket) {
+  EXPECT_FALSE(DefaultServiceControl().available());
+  std::filesystem::create_directories(test::TestDir() + "/run/systemd");
+  std::ofstream(test::TestDir() + "/run/systemd/private") << "";
+  EXPECT_TRUE(DefaultServiceControl().available());
+}
+
+// Each switch reports what it wrote and where.
+TEST(Registration, EachSwitchReportsWhatItWroteAndWhere) {
+  std::string report;
+  ASSERT_EQ(RegisterServer(kExe, false, &report), 0);
+  EXPECT_NE(report.find("wrote " + ActivationFilePath()), std::string::npos) << report;
+  EXPECT_NE(report.find(test::TestDir() + "/data/Halvern/registry.db"), std::string::npos);
+  ASSERT_EQ(RegisterServer(kExe, true, &report), 0);
+  EXPECT_NE(report.find("wrote " + UnitFilePath()), std::string::npos) << report;
 }
 
 }  // namespace

@@ -35,15 +35,29 @@ void WriteAll(int fd, const char* data, size_t length) {
   }
 }
 
-void StandardErrorSink(const char* line, size_t length) {
+// The default sink; the journal's entries are made before it (EmitDebugLine), since they
+// carry no date and time prefix.
+void DefaultSink(const char* line, size_t length) {
+  if (DefaultTarget() == Target::kStateFile && internal::AppendToStateFile(line, length)) return;
   WriteAll(STDERR_FILENO, line, length);
 }
 
-std::atomic<DebugSink> g_sink{&StandardErrorSink};
+std::atomic<DebugSink> g_sink{&DefaultSink};
 std::atomic<Clock> g_clock{&SystemClock};
 
 void EndWithLineFeed(std::string& text) {
   if (text.empty() || text.back() != '\n') text += '\n';
+}
+
+// "YYYY-MM-DD hh:mm:ss " of the clock's time in local time, when the setting asks for it.
+std::string WallClockPrefix() {
+  if (internal::g_wall_clock.load(std::memory_order_relaxed) == 0) return std::string();
+  const time_t now = static_cast<time_t>(Now());
+  struct tm local;
+  if (localtime_r(&now, &local) == nullptr) return std::string();
+  char text[64];
+  const size_t n = strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S ", &local);
+  return std::string(text, n);
 }
 
 void EmitDebugLine(const std::string& message) {
@@ -52,7 +66,11 @@ void EmitDebugLine(const std::string& message) {
   line += "] ";
   line += message;
   EndWithLineFeed(line);
-  g_sink.load()(line.data(), line.size());
+  const DebugSink sink = g_sink.load();
+  if (sink == &DefaultSink && DefaultTarget() == Target::kJournal && internal::SendToJournal(line))
+    return;
+  const std::string prefixed = WallClockPrefix() + line;
+  sink(prefixed.data(), prefixed.size());
 }
 
 // Appends one stamped line to the log file, opened and closed for this entry alone.
@@ -68,7 +86,7 @@ void EmitFileLine(std::string message) {
   // A clock set back before the start would give negative fields; keep them in range.
   e %= 86400;
   if (e < 0) e += 86400;
-  fprintf(file, "[%02d:%02d:%02d] %s", static_cast<int>(e / 3600),
+  fprintf(file, "%s[%02d:%02d:%02d] %s", WallClockPrefix().c_str(), static_cast<int>(e / 3600),
           static_cast<int>((e % 3600) / 60), static_cast<int>(e % 60), message.c_str());
   fclose(file);
 }
@@ -163,7 +181,7 @@ int AlertW(const wchar_t* format, ...) {
 }
 
 DebugSink SetDebugSink(DebugSink sink) {
-  return g_sink.exchange(sink != nullptr ? sink : &StandardErrorSink);
+  return g_sink.exchange(sink != nullptr ? sink : &DefaultSink);
 }
 
 Clock SetClock(Clock clock) {

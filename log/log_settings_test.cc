@@ -1,3 +1,5 @@
+#include <stdlib.h>
+
 #include <filesystem>
 #include <string>
 
@@ -14,6 +16,16 @@ constexpr char kKey[] = "Software\\Halvern\\Common\\Marquel";
 // Opens (making it first) the settings key in the test's machine store.
 class LogSettingsTest : public LogTest {
  protected:
+  // These tests read the plain line format; the date and time prefix has tests of
+  // its own.
+  void SetUp() override {
+    LogTest::SetUp();
+    setenv(kLogTimeEnv, "0", 1);
+  }
+  void TearDown() override {
+    unsetenv(kLogTimeEnv);
+    LogTest::TearDown();
+  }
   AccessReg& Key() {
     if (!key_.IsOpen()) {
       EXPECT_TRUE(key_.CreateKey(HKEY_LOCAL_MACHINE, kKey));

@@ -3,10 +3,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <thread>
 
 #include "bus_fixture.h"
+#include "marquel/version.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel::test {
@@ -106,15 +108,25 @@ TEST_F(ServerLifetime, ASecondCopyExitsAtOnceWithZero) {
   EXPECT_EQ(ServerPid(), pid);
 }
 
-// The single-instance check comes before the switches: while a server runs, a
-// registration run is a second copy too and changes nothing.
-TEST_F(ServerLifetime, RegistrationWhileTheServerRunsChangesNothing) {
+// The registration switches touch only files and the store, so they work while a server
+// runs (the server itself stays the only one), and each says in one line what it did.
+TEST_F(ServerLifetime, RegistrationWhileTheServerRunsWritesAndRemovesTheActivationFile) {
   int32_t count = 0;
   EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);
-  ASSERT_GT(ServerPid(), 0);
+  pid_t pid = ServerPid();
+  ASSERT_GT(pid, 0);
   std::filesystem::remove(ActivationFile());
-  EXPECT_EQ(RunProgram({Marquel64Path(), "-RegServer"}), 0);
+  std::string out;
+  EXPECT_EQ(RunProgram({Marquel64Path(), "-RegServer"}, &out), 0);
+  EXPECT_TRUE(std::filesystem::exists(ActivationFile()));
+  EXPECT_NE(out.find("wrote " + ActivationFile()), std::string::npos) << out;
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+  EXPECT_EQ(RunProgram({Marquel64Path(), "-UnregServer"}, &out), 0);
   EXPECT_FALSE(std::filesystem::exists(ActivationFile()));
+  EXPECT_NE(out.find("removed "), std::string::npos) << out;
+  EXPECT_NE(out.find(ActivationFile()), std::string::npos) << out;
+  EXPECT_EQ(ServerPid(), pid);
+  EXPECT_EQ(client_->QueryFileCount(&count), E_FAIL);
 }
 
 // The name alone also keeps a second server out (a lock file in another runtime folder
@@ -148,15 +160,34 @@ TEST_F(ServerLifetime, ServiceThenUnregServerRemovesTheServiceAndLocalService) {
   EXPECT_EQ(RunProgram({Marquel64Path()}), 2);
 }
 
-TEST_F(ServerLifetime, ASwitchWithMoreTextRunsTheServerInstead) {
+// A command line that holds no switch it knows (or a switch with more text) prints the
+// usage and ends with 2; it starts no server.
+TEST_F(ServerLifetime, AnUnknownSwitchPrintsTheUsageAndExitsWith2) {
   client_.reset();
   StopServer();
-  std::string log = TestPath("server.log");
-  Child server = Spawn({Marquel64Path(), "-RegServer", "please"}, log);
-  ASSERT_TRUE(WaitUntil([&] { return ServerPid() == server.pid; }, kLong));
+  for (const char* arg : {"-Bogus", "--verbose", "please"}) {
+    std::string log = TestPath("usage.log");
+    Child run = Spawn({Marquel64Path(), arg}, log);
+    int status = -1;
+    ASSERT_TRUE(WaitForExit(run.pid, kLong, &status)) << arg;
+    EXPECT_EQ(status, 2) << arg;
+    EXPECT_NE(ReadFile(log).find("Usage: marquel64"), std::string::npos) << arg;
+  }
+  Child run = Spawn({Marquel64Path(), "-RegServer", "please"});
   int status = -1;
-  ASSERT_TRUE(WaitForExit(server.pid, kLong, &status));  // no client: idle end
-  EXPECT_EQ(status, 0);
+  ASSERT_TRUE(WaitForExit(run.pid, kLong, &status));
+  EXPECT_EQ(status, 2);
+  EXPECT_EQ(ServerPid(), -1);
+}
+
+// "--version" prints the project's version, the same one marquelctl prints.
+TEST_F(ServerLifetime, VersionPrintsTheProjectVersionAndStartsNothing) {
+  client_.reset();
+  StopServer();
+  std::string out;
+  EXPECT_EQ(RunProgram({Marquel64Path(), "--version"}, &out), 0);
+  EXPECT_EQ(out, std::string("marquel64 ") + MARQUEL_VERSION + "\n");
+  EXPECT_EQ(ServerPid(), -1);
 }
 
 // "--help" prints the usage and exits with 0 without starting a server or registering.

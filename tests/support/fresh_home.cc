@@ -39,7 +39,9 @@ const std::string& TestDir() {
   return Current();
 }
 
-std::string TestPath(const std::string& name) { return TestDir() + "/" + name; }
+std::string TestPath(const std::string& name) {
+  return TestDir() + "/" + name;
+}
 
 void MakeFreshHome(const std::string& label) {
   static int serial = 0;
@@ -51,10 +53,17 @@ void MakeFreshHome(const std::string& label) {
   std::filesystem::create_directories(dir + "/run");
   chmod((dir + "/run").c_str(), 0700);
   std::filesystem::create_directories(dir + "/machine");
+  std::filesystem::create_directories(dir + "/state");
   setenv("HOME", dir.c_str(), 1);
   setenv("XDG_DATA_HOME", (dir + "/data").c_str(), 1);
   setenv("XDG_CONFIG_HOME", (dir + "/config").c_str(), 1);
   setenv("XDG_CACHE_HOME", (dir + "/cache").c_str(), 1);
+  setenv("XDG_STATE_HOME", (dir + "/state").c_str(), 1);
+  // Tests never write to the real journal, and choose the log's settings themselves.
+  for (const char* name :
+       {"JOURNAL_STREAM", "INVOCATION_ID", "DBUS_STARTER_ADDRESS", "DBUS_STARTER_BUS_TYPE",
+        "MARQUEL_LOG", "MARQUEL_LOG_FILE", "MARQUEL_LOG_TIME"})
+    unsetenv(name);
   setenv("XDG_RUNTIME_DIR", (dir + "/run").c_str(), 1);
   setenv("TMPDIR", (dir + "/tmp").c_str(), 1);
   setenv("MARQUEL_MACHINE_STORE", (dir + "/machine/registry.db").c_str(), 1);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ctl_test_util.h"
+#include "marquel/version.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel {

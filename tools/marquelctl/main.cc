@@ -6,6 +6,7 @@
 
 #include "command.h"
 #include "command_names.h"
+#include "marquel/version.h"
 #include "time_text.h"
 
 int main(int argc, char** argv) {

@@ -58,17 +58,6 @@ void PrintText(const nlohmann::json& r) {
   } else if (op == "intervals") {
     for (const auto& i : r["intervals"])
       std::cout << Time(i["start"]) << '\t' << Time(i["end"]) << '\n';
-  } else if (op == "status") {
-    std::cout << "open files\t" << r["open_files"].get<int>() << '\n';
-    std::cout << "memory\t" << r["memory"].get<int64_t>() << '\n';
-    for (const auto& f : r["files"])
-      std::cout << "handle " << f["handle"].get<int>() << "\tmemory " << f["memory"].get<int64_t>()
-                << '\n';
-    for (const auto& p : r["pending"])
-      std::cout << (p["done"].get<bool>() ? "written\t" : "pending\t")
-                << p["file"].get<std::string>() << '\n';
-    for (const auto& s : r["saved_pending"])
-      std::cout << "saved pending\t" << s.get<std::string>() << '\n';
   } else if (op == "wait") {
     std::cout << (r["done"].get<bool>() ? "written" : "still pending") << '\t'
               << r["file"].get<std::string>() << '\n';

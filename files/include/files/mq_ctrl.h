@@ -55,6 +55,11 @@ class MQCtrl : public MarquelFiles {
   bool IsPendingFile(const std::string& name);
   // A copy of the list, in order.
   std::vector<std::string> PendingFiles();
+  // The listed file whose cached tags the monitor is moving now; "" between files.
+  std::string WorkingFile() {
+    std::lock_guard<std::mutex> lock(list_mu_);
+    return working_;
+  }
 
   // Whether a name is on the list with a merge of it still to be rolled back.
   bool IsRollBackPending(const std::string& name);
@@ -86,12 +91,17 @@ class MQCtrl : public MarquelFiles {
   void LoadSavedPending();
   std::vector<Entry> Entries();
   void RemoveFromList(const std::string& path);
+  void SetWorkingFile(const std::string& path) {
+    std::lock_guard<std::mutex> lock(list_mu_);
+    working_ = path;
+  }
   size_t MirrorPendingKeys();
   void Monitor();
 
   MonitorOptions options_;
   std::mutex list_mu_;  // guards pending_; never held while a file is worked on
   std::vector<Entry> pending_;
+  std::string working_;  // under list_mu_; set by RunRound around ProcessFile
   std::mutex round_mu_;  // one round at a time
   std::mutex wake_mu_;
   std::condition_variable wake_;
