@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Every subcommand that `marquelctl --help` lists is offered by the bash and by the zsh
-# completion, and the bash completion completes a command name when sourced.
+# completion (zsh with its description), and the bash completion completes a command name.
 # Usage: check_completion.sh MARQUELCTL BASH_COMPLETION ZSH_COMPLETION
 set -euo pipefail
 ctl="$1"
@@ -22,7 +22,8 @@ offers() {
 missing=0
 for c in $commands; do
   offers "$c" | grep -qx "$c" || { echo "FAIL: bash completion lacks '$c'"; missing=1; }
-  grep -q "^    '$c:" "$zsh_file" || { echo "FAIL: zsh completion lacks '$c'"; missing=1; }
+  # zsh shows each command with its description, several words.
+  grep -q "^    '$c:[^ ]* [^ ]" "$zsh_file" || { echo "FAIL: zsh completion lacks '$c' with its description"; missing=1; }
 done
 [ $missing = 0 ] || exit 1
 [ "$(offers sta)" = "status" ] || { echo "FAIL: 'sta' completed to '$(offers sta)'"; exit 1; }
