@@ -42,11 +42,14 @@ grep -q "Exec=/bin/sh -c '$user/bin/marquel64 -RegServer" "$user/share/dbus-1/se
   || fail "activation file does not follow --prefix"
 "$user/bin/marquelctl" --version | grep -q . || fail "installed marquelctl has no version"
 
-cmake -S "$consumer_src" -B "$scratch/by-cmake" -DCMAKE_PREFIX_PATH="$user" >/dev/null
+# A library built with a sanitizer needs the same flags in the programs that link it.
+flags="${MARQUEL_CONSUMER_FLAGS:-}"
+cmake -S "$consumer_src" -B "$scratch/by-cmake" -DCMAKE_PREFIX_PATH="$user" \
+  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >/dev/null
 cmake --build "$scratch/by-cmake" >/dev/null
 export PKG_CONFIG_PATH="$(dirname "$(compgen -G "$user/lib*/pkgconfig/marquel-client.pc")")"
-# shellcheck disable=SC2046
-g++ "$consumer_src/main.cc" $(pkg-config --cflags --libs marquel-client) -o "$scratch/by-pkg-config"
+# shellcheck disable=SC2046,SC2086
+g++ $flags "$consumer_src/main.cc" $(pkg-config --cflags --libs marquel-client) -o "$scratch/by-pkg-config"
 
 # A fresh home and a private bus whose services come from the installed prefix only.
 home="$scratch/home"
@@ -54,7 +57,8 @@ mkdir -p "$home/data" "$home/config" "$home/cache" "$home/run" "$home/tmp"
 chmod 700 "$home/run"
 video="$home/clip.mpg"
 : >"$video"
-env -i PATH="$PATH" HOME="$home" XDG_DATA_HOME="$home/data" XDG_CONFIG_HOME="$home/config" \
+env -i PATH="$PATH" HOME="$home" ASAN_OPTIONS="${ASAN_OPTIONS:-}" UBSAN_OPTIONS="${UBSAN_OPTIONS:-}" \
+  TSAN_OPTIONS="${TSAN_OPTIONS:-}" XDG_DATA_HOME="$home/data" XDG_CONFIG_HOME="$home/config" \
   XDG_CACHE_HOME="$home/cache" XDG_RUNTIME_DIR="$home/run" TMPDIR="$home/tmp" \
   MARQUEL_MACHINE_STORE="$home/machine.db" MARQUEL_IDLE_GRACE_MS=200 \
   XDG_DATA_DIRS="$user/share" \
