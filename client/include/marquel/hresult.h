@@ -1,6 +1,12 @@
 // HRESULT values of the Marquel interfaces, and their names for messages.
 #pragma once
 
+// The headers use std::variant and inline constexpr values: a program of an older standard
+// gets this message instead of errors deep inside them.
+#if !defined(__cplusplus) || __cplusplus < 201703L
+#error "The Marquel client headers need C++17 or later: compile with -std=c++17 or -std=c++20"
+#endif
+
 #include <cstdint>
 
 // The server's api/hresult.h defines the same values under the same guard, so that a
