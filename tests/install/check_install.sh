@@ -28,10 +28,14 @@ for pattern in 'lib*/libmarquel-client.a' 'lib*/cmake/MarquelClient/MarquelClien
   'lib*/pkgconfig/marquel-client.pc' 'share/zsh/*/_marquelctl'; do
   compgen -G "$root/$pattern" >/dev/null || fail "not installed: $pattern"
 done
-grep -qx "Exec=$prefix/bin/marquel64" \
+grep -qx "Exec=/bin/sh -c '$prefix/bin/marquel64 -RegServer && exec $prefix/bin/marquel64'" \
   "$root/share/dbus-1/services/com.halvern.Marquel64.service" || fail "activation file names another server"
 grep -qx "ExecStart=$prefix/bin/marquel64" "$root/lib/systemd/user/marquel64.service" \
   || fail "unit names another server"
+grep -qx "ExecStartPre=$prefix/bin/marquel64 -Service" "$root/lib/systemd/user/marquel64.service" \
+  || fail "the unit does not register the user first"
+grep -qx "Restart=on-failure" "$root/lib/systemd/user/marquel64.service" \
+  || fail "the unit is not the one the server writes (no Restart=on-failure)"
 grep -q -- '-std=c++17' "$root"/lib*/pkgconfig/marquel-client.pc || fail "pkg-config file names no standard"
 gzip -t "$root/share/man/man1/marquel64.1.gz" || fail "man page is not gzip"
 
