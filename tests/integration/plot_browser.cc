@@ -4,7 +4,8 @@
 // timeline, lets the browser take a screenshot of the SVG and checks the pixels: the
 // picture is not blank, state bands, raw ticks and plain steps are coloured where the SVG
 // puts their rows, and the time axis has dark labels. The screenshot stays in the build
-// folder (scripts/plot-screenshot.sh copies it into docs/).
+// folder (scripts/plot-screenshot.sh copies it into docs/). The PNG reader the checks
+// rely on is tested here too, on a picture made with zlib.
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 
 #include <signal.h>
 #include <stdlib.h>
+#include <zlib.h>
 
 #include "bus_fixture.h"
 #include "png_reader.h"
@@ -136,6 +138,57 @@ class PlotInBrowser : public BusTest {
     ASSERT_TRUE(std::filesystem::exists(png)) << ReadFile(TestPath("chromium.log"));
   }
 };
+
+// A 5 x 5 RGB picture whose rows use the five row filters in turn comes back pixel for
+// pixel, and a picture of another form is refused.
+TEST(PngReader, ReadsEachRowFilterOfAnRgbPicture) {
+  constexpr int kSide = 5;
+  auto pixel = [](int x, int y, int c) { return static_cast<uint8_t>(x * 40 + y * 13 + c * 70); };
+  std::vector<uint8_t> raw;
+  for (int y = 0; y < kSide; ++y) {
+    raw.push_back(static_cast<uint8_t>(y));  // filter type
+    for (int x = 0; x < kSide; ++x)
+      for (int c = 0; c < 3; ++c) {
+        const int a = x > 0 ? pixel(x - 1, y, c) : 0, b = y > 0 ? pixel(x, y - 1, c) : 0;
+        const int d = x > 0 && y > 0 ? pixel(x - 1, y - 1, c) : 0;
+        const int p = a + b - d, pa = std::abs(p - a), pb = std::abs(p - b), pc = std::abs(p - d);
+        const int paeth = pa <= pb && pa <= pc ? a : pb <= pc ? b : d;
+        const int predictor[] = {0, a, b, (a + b) / 2, paeth};
+        raw.push_back(static_cast<uint8_t>(pixel(x, y, c) - predictor[y]));
+      }
+  }
+  uLongf size = compressBound(raw.size());
+  std::string idat(size, '\0');
+  ASSERT_EQ(compress(reinterpret_cast<Bytef*>(idat.data()), &size, raw.data(), raw.size()), Z_OK);
+  idat.resize(size);
+  auto big = [](uint32_t v) {
+    return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                       static_cast<char>(v >> 8), static_cast<char>(v)};
+  };
+  auto chunk = [&](const std::string& type, const std::string& body) {
+    return big(static_cast<uint32_t>(body.size())) + type + body + big(0);  // CRC not checked
+  };
+  const std::string header = big(kSide) + big(kSide) + std::string("\x08\x02\0\0\0", 5);
+  const std::string png = std::string("\x89PNG\r\n\x1a\n", 8) + chunk("IHDR", header) +
+                          chunk("IDAT", idat) + chunk("IEND", "");
+  Picture picture;
+  std::string error;
+  ASSERT_TRUE(DecodePng(png, &picture, &error)) << error;
+  ASSERT_EQ(picture.width, kSide);
+  ASSERT_EQ(picture.height, kSide);
+  for (int y = 0; y < kSide; ++y)
+    for (int x = 0; x < kSide; ++x) {
+      const Picture::Pixel p = picture.At(x, y);
+      EXPECT_EQ(p.r, pixel(x, y, 0));
+      EXPECT_EQ(p.g, pixel(x, y, 1));
+      EXPECT_EQ(p.b, pixel(x, y, 2));
+      EXPECT_EQ(p.a, 255);
+    }
+  std::string palette = png;
+  palette[8 + 8 + 9] = 3;  // colour type 3: a palette picture
+  EXPECT_FALSE(DecodePng(palette, &picture, &error));
+  EXPECT_FALSE(DecodePng("GIF89a", &picture, &error));
+}
 
 TEST_F(PlotInBrowser, ATwoProgramStreamWithTwentyTagsIsDrawnWhereItsRowsAre) {
   const std::string media = CopyTestMedia("ts2prog.ts", "two-programs.ts");
