@@ -31,6 +31,14 @@ int64_t After(int64_t t) {
 
 }  // namespace
 
+Timeline::Track Timeline::Begin(TrackId id, TrackKind kind, size_t samples) {
+  Track track;
+  track.id = id;
+  track.id.kind = kind;
+  track.samples = samples;
+  return track;
+}
+
 Timeline::Timeline(int width) : width_(std::clamp(width, kMinPlotWidth, kMaxPlotWidth)) {}
 
 int Timeline::Height() const {
@@ -73,10 +81,7 @@ void Timeline::Finish(Track track, std::span<const TimeSpan> valid) {
 bool Timeline::AddPlain(TrackId id, std::span<const PlotSample> samples,
                         std::span<const TimeSpan> valid) {
   if (!Admit()) return false;
-  Track track;
-  track.id = id;
-  track.id.kind = TrackKind::kPlain;
-  track.samples = samples.size();
+  Track track = Begin(id, TrackKind::kPlain, samples.size());
   if (!samples.empty()) {
     track.start = samples.front().time;
     track.end = After(samples.back().time);
@@ -105,10 +110,7 @@ bool Timeline::AddPlain(TrackId id, std::span<const PlotSample> samples,
 bool Timeline::AddState(TrackId id, std::span<const PlotSample> samples, int64_t interval,
                         std::span<const TimeSpan> valid) {
   if (!Admit()) return false;
-  Track track;
-  track.id = id;
-  track.id.kind = TrackKind::kState;
-  track.samples = samples.size();
+  Track track = Begin(id, TrackKind::kState, samples.size());
   interval = std::max<int64_t>(interval, 1);
   for (size_t i = 0; i < samples.size(); ++i) {
     const int64_t t = samples[i].time;
@@ -131,10 +133,7 @@ bool Timeline::AddState(TrackId id, std::span<const PlotSample> samples, int64_t
 
 bool Timeline::AddRaw(TrackId id, std::span<const int64_t> times, std::span<const TimeSpan> valid) {
   if (!Admit()) return false;
-  Track track;
-  track.id = id;
-  track.id.kind = TrackKind::kRaw;
-  track.samples = times.size();
+  Track track = Begin(id, TrackKind::kRaw, times.size());
   for (size_t i = 0; i < times.size(); ++i) {
     if (i == 0) track.start = track.end = times[i];
     track.start = std::min(track.start, times[i]);

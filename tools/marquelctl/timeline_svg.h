@@ -93,6 +93,7 @@ class Timeline {
   };
 
   int Columns() const { return width_ - kLabelWidth - kRightMargin; }
+  static Track Begin(TrackId id, TrackKind kind, size_t samples);
   bool Admit() const { return tracks_.size() < kMaxPlotRows; }
   void Finish(Track track, std::span<const TimeSpan> valid);
   std::vector<TimeSpan> Merge(std::vector<TimeSpan> spans, int64_t gap) const;
