@@ -262,7 +262,7 @@ TEST_F(PlotInBrowser, ATwoProgramStreamWithTwentyTagsIsDrawnWhereItsRowsAre) {
   // Both time axes carry dark labels across the plot area.
   const int rows_bottom = height - 40;
   EXPECT_GT(Count(picture, 190, width, rows_bottom + 6, rows_bottom + 22, Dark), 200);
-  EXPECT_GT(Count(picture, 190, width, 62, 80, Dark), 200);
+  EXPECT_GT(Count(picture, 190, width, 78, 96, Dark), 200);
   // Between the rows' blue outline, in an empty stretch right of the data, the picture is
   // white or the stripe colour, so the colours above are not everywhere.
   EXPECT_LT(Count(picture, width - 20, width, 100, rows_bottom - 5,

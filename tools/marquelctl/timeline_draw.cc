@@ -159,9 +159,10 @@ class TimelineDrawing {
     char mark[256];
     std::vector<Item> items;
     std::snprintf(mark, sizeof mark,
-                  "<path d=\"M0 10h8V4h8v6h8\" fill=\"none\" stroke=\"%s\" stroke-width=\"1.5\"/>",
-                  kPlainColour);
-    items.push_back({"plain: value steps", mark});
+                  "<path d=\"M0 10h8V4h8v6h8\" fill=\"none\" stroke=\"%s\" stroke-width=\"1.5\"/>"
+                  "<path d=\"M8 4h0\" stroke=\"%s\" stroke-width=\"5\" stroke-linecap=\"round\"/>",
+                  kPlainColour, kPlainColour);
+    items.push_back({"plain: value steps, samples", mark});
     std::snprintf(mark, sizeof mark, "<rect y=\"2\" width=\"24\" height=\"10\" fill=\"%s\"/>",
                   kStateColour);
     items.push_back({"state: band where 1", mark});
@@ -176,7 +177,7 @@ class TimelineDrawing {
     items.push_back({"valid interval", mark});
     int x = 8, y = 44;
     for (const Item& item : items) {
-      constexpr int kItemWidth = 168;
+      constexpr int kItemWidth = 196;
       if (x + kItemWidth > t_.width_) {
         x = 8;
         y += 16;

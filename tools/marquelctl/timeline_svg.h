@@ -72,7 +72,7 @@ class Timeline {
   static constexpr int kLabelWidth = 190;  // row labels left of the plot area
   static constexpr int kRightMargin = 24;
   static constexpr int kRowHeight = 18;
-  static constexpr int kHeaderHeight = 84;  // title, legend and the upper time axis
+  static constexpr int kHeaderHeight = 100;  // title, legend and the upper time axis
   static constexpr int kProgramHeading = 22;
   static constexpr int kFooterHeight = 40;  // the lower time axis
 
