@@ -20,6 +20,9 @@ namespace {
 
 // Raw samples are read whole for their time codes; a tag holding more bytes is refused.
 constexpr int64_t kMaxRawPlotBytes = int64_t{256} << 20;
+// The most samples or valid intervals of one tag that are read: the server's ceiling of
+// one read, so no larger array is ever made here.
+constexpr int32_t kMaxPlotSamples = 1 << 24;
 // More programs than this are not looked at (a transport stream has far fewer).
 constexpr int32_t kMaxPlotPrograms = 1024;
 
@@ -43,6 +46,7 @@ HRESULT ValidIntervals(IMarquelClient& c, int32_t h, int32_t program, int32_t ta
   int32_t n = 0;
   HRESULT hr = c.QueryValidIntervalSize2(h, program, tag, &n);
   if (hr != S_OK || n <= 0) return hr == S_OK && n < 0 ? E_FAIL : hr;
+  if (n > kMaxPlotSamples) return E_OUTOFMEMORY;
   std::vector<int64_t> starts(static_cast<size_t>(n)), ends(static_cast<size_t>(n));
   hr = c.QueryValidInterval2(h, program, tag, n, starts.data(), ends.data());
   if (hr != S_OK) return hr;
@@ -55,6 +59,7 @@ HRESULT PlainSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
   int32_t n = 0;
   HRESULT hr = SampleCount(c, h, program, tag, &n);
   if (hr != S_OK || n == 0) return hr;
+  if (n > kMaxPlotSamples) return E_OUTOFMEMORY;
   std::vector<MarquelOneTag> list(static_cast<size_t>(n));
   if ((hr = c.GetDataAll2(h, program, tag, n, list.data())) != S_OK) return hr;
   out->reserve(list.size());
@@ -68,6 +73,7 @@ HRESULT RawTimes(IMarquelClient& c, int32_t h, int32_t program, int32_t tag,
   HRESULT hr = SampleCount(c, h, program, tag, &n);
   if (hr != S_OK || n == 0) return hr;
   if ((hr = c.QueryRawDataTagSampleSize(h, program, tag, &size)) != S_OK) return hr;
+  if (n > kMaxPlotSamples || size < 0) return E_OUTOFMEMORY;
   const int64_t bytes = static_cast<int64_t>(n) * std::max(size, 1);
   if (bytes > kMaxRawPlotBytes) {
     *error = "raw tag " + std::to_string(tag) + " of program " + std::to_string(program) +
