@@ -11,6 +11,7 @@ packages=(
   dbus-daemon dbus-bin
   libcli11-dev nlohmann-json3-dev zlib1g-dev
   ffmpeg clang
+  chromium python3-dbus
 )
 
 missing=()

@@ -33,4 +33,7 @@ void AddDetectCommand(CLI::App& app, Action& run);         // detect FILE [--jso
 void AddAnalyseCommand(CLI::App& app, Action& run);        // analyse FILE [--out DIR]
 void AddBlockCommand(CLI::App& app, Action& run);          // block dump FILE [--json]
 
+// plot FILE -o PICTURE.svg [--program N] [--width PX]
+void AddPlotCommand(CLI::App& app, Action& run);
+
 }  // namespace marquel::ctl

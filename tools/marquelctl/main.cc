@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
   AddBlockCommand(app, run);
   AddDetectCommand(app, run);
   AddAnalyseCommand(app, run);
+  AddPlotCommand(app, run);
   if (argc > 1 && argv[1][0] != '-') {
     std::vector<std::string> names;
     for (const CLI::App* sub : app.get_subcommands({})) names.push_back(sub->get_name());

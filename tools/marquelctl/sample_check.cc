@@ -27,6 +27,11 @@ bool CheckTagId(int64_t tag, std::string* error) {
   return false;
 }
 
+int64_t StateSamplingInterval(size_t count, int64_t first, int64_t second) {
+  if (count < 2) return kDefaultStateInterval;
+  return std::max(second - first, TagObject::kMinMeasuredInterval);
+}
+
 bool IsStateTag(int32_t tag) {
   return IsValidTagId(tag) && IsStateTagType(kTagDefinitions[tag].nType);
 }

@@ -34,6 +34,11 @@ bool CheckRawLength(int32_t tag, int64_t length, std::string* error);
 // Whether `tag` is a state tag (0/1 runs filled at the tag's sampling interval).
 bool IsStateTag(int32_t tag);
 
+// The interval the server fills a state tag's samples at, given the tag's sample count and
+// its first two time codes: their distance, at least the server's minimum, or the
+// default interval when the tag has fewer than two samples.
+int64_t StateSamplingInterval(size_t count, int64_t first, int64_t second);
+
 // One line per kind of tag for the help text: which tags are state tags and their
 // interval, and the value widths.
 std::string TagRulesHelp();
