@@ -6,7 +6,8 @@
 //
 // list prints one line per entry: kind, id, media file, then each cache file with its
 // size in bytes ("-" when it is missing). show decodes the cache files of FILE's entries
-// and prints their tags as "block dump" does, per program. delete removes FILE's cache
+// and prints their tags per program, with --json in the form put reads back
+// (sample_json.h); errors are then JSON on standard output too. delete removes FILE's cache
 // data the way the server does (ForceDeleteCacheData), including the entry of a DVD,
 // AVI or other-format file. KIND is VRCache, TSCache, OtherCache, AVICache or TempCache.
 // Exit 0; 1 when there is no entry, a cache file is damaged, or the store or a file
