@@ -25,6 +25,7 @@ SampleText SampleOf(const Json& item) {
     s.time = t.get<int64_t>();
   }
   s.value = v.is_string() ? v.get<std::string>() : std::to_string(v.get<int64_t>());
+  s.raw_data = item.is_object() && item.contains("data");
   return s;
 }
 

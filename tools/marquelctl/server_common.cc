@@ -352,6 +352,10 @@ bool CheckSamples(int64_t tag, bool raw, bool truncate, const std::vector<Sample
     }
     int64_t value = 0;
     int32_t stored = 0;
+    if (s.raw_data) {
+      *error = where + "'" + s.value + "' is raw data; use --raw";
+      return false;
+    }
     if (!ParseDecimal(s.value, &value)) {
       *error = where + "'" + s.value + "' is not a decimal number";
       return false;

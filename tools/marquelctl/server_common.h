@@ -100,7 +100,8 @@ struct TagScope {
 struct SampleText {
   int64_t time = 0;
   std::string value;
-  int line = 0;  // its line in a CSV file, 0 otherwise
+  int line = 0;           // its line in a CSV file, 0 otherwise
+  bool raw_data = false;  // given as JSON "data": hex bytes of a raw tag
 };
 // The most bytes a sample file or script may have.
 constexpr size_t kMaxInputBytes = size_t{64} << 20;
