@@ -49,6 +49,10 @@ TEST_F(Marquelctl, ProgramsListsATransportStreamsProgramsAndProgramFindsThem) {
   EXPECT_NE(j["programs"][0]["pmt_pid"], j["programs"][1]["pmt_pid"]);
   EXPECT_FALSE(j["programs"][1]["streams"].empty());
   std::string out;
+  ASSERT_EQ(Ctl({"programs", ts}, &out), 0);
+  EXPECT_EQ(out.rfind("0\tpmt " + j["programs"][0]["pmt_pid"].dump() + "\t", 0), 0u) << out;
+  EXPECT_NE(out.find("\n1\tpmt " + j["programs"][1]["pmt_pid"].dump() + "\t"), std::string::npos)
+      << out;
   ASSERT_EQ(Ctl({"put", ts, "--program", "1", "--tag", "40", "--sample", "100=7"}, &out), 0) << out;
   j = CtlJson({"get", ts, "--program", "1", "--tag", "40", "--json"});
   EXPECT_EQ(j["program"], 1);

@@ -181,7 +181,7 @@ TEST_F(Marquelctl, FailuresAreExplained) {
 
 TEST_F(Marquelctl, EveryServerCommandHasHelp) {
   for (const char* sub : {"tags", "get", "put", "intervals", "delete", "shift", "copy", "move",
-                          "status", "wait", "file"}) {
+                          "status", "wait", "file", "export", "programs", "mv"}) {
     std::string out;
     EXPECT_EQ(Ctl({sub, "--help"}, &out), 0) << sub;
     EXPECT_NE(out.find("Usage"), std::string::npos) << sub << ": " << out;
