@@ -6,42 +6,11 @@
 
 #include <fstream>
 
-#include "bus_fixture.h"
+#include "marquelctl_fixture.h"
 #include "testsupport/fresh_home.h"
 
 namespace marquel::test {
 namespace {
-
-class Marquelctl : public BusTest {
- protected:
-  void SetUp() override {
-    BusTest::SetUp();
-    file_ = MediaFile("clip.mpg");
-    ASSERT_EQ(client_->InitialFile(file_.c_str(), 0, 0, &handle_), S_OK);
-  }
-
-  // Runs marquelctl; returns its exit status and its standard output and error.
-  int Ctl(std::vector<std::string> args, std::string* out = nullptr) {
-    args.insert(args.begin(), MarquelctlPath());
-    std::string text;
-    int status = RunProgram(args, &text);
-    if (out) *out = text;
-    return status;
-  }
-  nlohmann::json CtlJson(std::vector<std::string> args, int expected_status = 0) {
-    std::string out;
-    EXPECT_EQ(Ctl(args, &out), expected_status) << out;
-    try {
-      return nlohmann::json::parse(out);
-    } catch (const std::exception& e) {
-      ADD_FAILURE() << "not JSON: " << out;
-      return nullptr;
-    }
-  }
-
-  std::string file_;
-  int32_t handle_ = -1;
-};
 
 TEST_F(Marquelctl, PutAndGetInTextAndJson) {
   std::string out;
@@ -100,7 +69,7 @@ TEST_F(Marquelctl, TagsAndIntervals) {
   ASSERT_EQ(Ctl({"put", file_, "--tag", "29", "--raw", "--sample", "0=0102"}), 0);
   std::string out;
   EXPECT_EQ(Ctl({"tags", file_}, &out), 0);
-  EXPECT_EQ(out, "40\t2\tplain\n29\t1\traw\t2\n");
+  EXPECT_EQ(out, "40\t2\tplain\t-\t0\t400000\n29\t1\traw\t2\t0\t0\n");
   nlohmann::json j = CtlJson({"tags", file_, "--json"});
   ASSERT_EQ(j["tags"].size(), 2u);
   EXPECT_EQ(j["tags"][1]["sample_size"], 2);
@@ -212,7 +181,7 @@ TEST_F(Marquelctl, FailuresAreExplained) {
 
 TEST_F(Marquelctl, EveryServerCommandHasHelp) {
   for (const char* sub : {"tags", "get", "put", "intervals", "delete", "shift", "copy", "move",
-                          "status", "wait", "file"}) {
+                          "status", "wait", "file", "export", "programs", "mv"}) {
     std::string out;
     EXPECT_EQ(Ctl({sub, "--help"}, &out), 0) << sub;
     EXPECT_NE(out.find("Usage"), std::string::npos) << sub << ": " << out;

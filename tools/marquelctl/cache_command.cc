@@ -6,7 +6,8 @@
 //
 // list prints one line per entry: kind, id, media file, then each cache file with its
 // size in bytes ("-" when it is missing). show decodes the cache files of FILE's entries
-// and prints their tags as "block dump" does, per program. delete removes FILE's cache
+// and prints their tags per program, with --json in the form put reads back
+// (sample_json.h); errors are then JSON on standard output too. delete removes FILE's cache
 // data the way the server does (ForceDeleteCacheData), including the entry of a DVD,
 // AVI or other-format file. KIND is VRCache, TSCache, OtherCache, AVICache or TempCache.
 // Exit 0; 1 when there is no entry, a cache file is damaged, or the store or a file
@@ -20,7 +21,9 @@
 #include <string>
 #include <vector>
 
+#include "cache_lookup.h"
 #include "command.h"
+#include "json_output.h"
 #include "persist/cache_entry.h"
 #include "persist/marquel_one_file.h"
 #include "tags/block_reader.h"
@@ -39,7 +42,7 @@ struct CacheArgs {
 // The kinds the command looks at: the one named, or all. False for an unknown name.
 bool Kinds(const CacheArgs& args, std::vector<CacheKind>* kinds) {
   if (args.kind.empty()) {
-    for (int32_t i = 0; i < kCacheKindCount; ++i) kinds->push_back(static_cast<CacheKind>(i));
+    *kinds = AllCacheKinds();
     return true;
   }
   CacheKind kind;
@@ -48,21 +51,12 @@ bool Kinds(const CacheArgs& args, std::vector<CacheKind>* kinds) {
   return true;
 }
 
-std::string Absolute(const std::string& path) {
-  std::error_code ec;
-  std::filesystem::path p = std::filesystem::absolute(path, ec);
-  return ec ? path : p.lexically_normal().string();
-}
-
-// The entries of FILE, one per kind at most.
-std::vector<CacheEntry> EntriesOf(const std::string& file, const std::vector<CacheKind>& kinds) {
-  std::vector<CacheEntry> found;
-  for (CacheKind kind : kinds) {
-    CacheEntry e;
-    if (FindEntryByPath(kind, file, &e) || ReadCacheEntry(kind, CacheSubKeyName(file), &e))
-      found.push_back(std::move(e));
-  }
-  return found;
+// Reports an error: as before on standard error, or with --json as a JSON error object on
+// standard output, as every command does.
+int Fail(const CacheArgs& args, const std::string& message, int status) {
+  if (args.json) return ReportError(true, message, status);
+  std::cerr << "marquelctl " << message << "\n";
+  return status;
 }
 
 // The cache files of an entry with the PMT PID of each (0 outside transport streams).
@@ -103,10 +97,7 @@ void PrintEntryLine(const CacheEntry& e) {
 
 int RunList(const CacheArgs& args) {
   std::vector<CacheKind> kinds;
-  if (!Kinds(args, &kinds)) {
-    std::cerr << "marquelctl cache list: unknown kind " << args.kind << "\n";
-    return kExitUsage;
-  }
+  if (!Kinds(args, &kinds)) return Fail(args, "cache list: unknown kind " + args.kind, kExitUsage);
   Json all = Json::array();
   for (CacheKind kind : kinds) {
     for (const CacheEntry& e : ListCacheEntries(kind)) {
@@ -137,50 +128,41 @@ bool DecodeCacheFile(const std::string& path, BlockContent* content, std::string
   return true;
 }
 
+// The tags of a decoded block in the form get and export print and put reads back.
 Json TagsJson(const BlockContent& c) {
-  Json tags = Json::object();
+  Json tags = Json::array();
   for (int32_t id = 0; id < kTagIdCount; ++id) {
     const BlockTagSamples& t = c.tags[id];
     if (!t.present) continue;
     Json samples = Json::array();
     for (size_t i = 0; i < t.size(); ++i) {
-      if (t.raw) {
-        std::string hex;
-        for (int32_t b = 0; b < t.values[i]; ++b) {
-          static const char kDigits[] = "0123456789abcdef";
-          hex.push_back(kDigits[t.RawData(i)[b] >> 4]);
-          hex.push_back(kDigits[t.RawData(i)[b] & 15]);
-        }
-        samples.push_back({t.times[i], hex});
-      } else {
-        samples.push_back({t.times[i], t.values[i]});
-      }
+      if (t.raw)
+        samples.push_back({{"time", t.times[i]}, {"data", Hex(t.RawData(i), t.values[i])}});
+      else
+        samples.push_back({{"time", t.times[i]}, {"value", t.values[i]}});
     }
-    tags[std::to_string(id)] = std::move(samples);
+    tags.push_back({{"id", id}, {"raw", t.raw}, {"samples", std::move(samples)}});
   }
   return tags;
 }
 
 void PrintTags(const Json& tags) {
-  for (const auto& [id, samples] : tags.items()) {
-    std::cout << "  tag " << id << ": " << samples.size()
+  for (const Json& tag : tags) {
+    const Json& samples = tag["samples"];
+    std::cout << "  tag " << tag["id"] << ": " << samples.size()
               << (samples.size() == 1 ? " sample" : " samples") << "\n";
-    for (const Json& s : samples) std::cout << "    " << s[0] << " " << s[1].dump() << "\n";
+    for (const Json& s : samples)
+      std::cout << "    " << s["time"] << " "
+                << (s.contains("data") ? s["data"] : s["value"]).dump() << "\n";
   }
 }
 
 int RunShow(const CacheArgs& args) {
   std::vector<CacheKind> kinds;
-  if (!Kinds(args, &kinds)) {
-    std::cerr << "marquelctl cache show: unknown kind " << args.kind << "\n";
-    return kExitUsage;
-  }
+  if (!Kinds(args, &kinds)) return Fail(args, "cache show: unknown kind " + args.kind, kExitUsage);
   const std::string file = Absolute(args.file);
   std::vector<CacheEntry> entries = EntriesOf(file, kinds);
-  if (entries.empty()) {
-    std::cerr << "marquelctl cache show: " << file << ": no cache entry\n";
-    return kExitNotFound;
-  }
+  if (entries.empty()) return Fail(args, "cache show: " + file + ": no cache entry", kExitNotFound);
   int status = kExitOk;
   Json out = Json::array();
   for (const CacheEntry& e : entries) {

@@ -124,8 +124,9 @@ TEST(CacheCommand, ShowPrintsTheCachedTags) {
   CtlRun j = Ctl({"cache", "show", "/videos/a.vob", "--json"});
   ASSERT_EQ(j.status, 0) << j.err;
   nlohmann::json parsed = nlohmann::json::parse(j.out);
-  EXPECT_EQ(parsed["entries"][0]["programs"][0]["tags"],
-            nlohmann::json::parse(R"({"16":[[100,4660]]})"));
+  EXPECT_EQ(
+      parsed["entries"][0]["programs"][0]["tags"],
+      nlohmann::json::parse(R"([{"id":16,"raw":false,"samples":[{"time":100,"value":4660}]}])"));
   EXPECT_EQ(Ctl({"cache", "show", "/videos/none.vob"}).status, 1);
 }
 

@@ -26,6 +26,10 @@ int main(int argc, char** argv) {
   AddServerPutCommand(app, run);
   AddServerPeriodCommands(app, run);
   AddServerStatusCommands(app, run);
+  AddServerWaitCommand(app, run);
+  AddExportCommand(app, run);
+  AddProgramsCommand(app, run);
+  AddMoveFileCommand(app, run);
   AddServerFileCommand(app, run);
   AddServerMigrateCommand(app, run);
   AddBlockCommand(app, run);

@@ -8,7 +8,9 @@
 #include <sstream>
 
 #include "command.h"
+#include "file_programs.h"
 #include "sample_check.h"
+#include "sample_json.h"
 #include "time_text.h"
 
 namespace marquel::ctl {
@@ -40,7 +42,10 @@ void PrintText(const nlohmann::json& r) {
                 << (t["raw"].get<bool>()      ? "raw"
                     : t.value("state", false) ? "state"
                                               : "plain");
-      if (t.contains("sample_size")) std::cout << '\t' << t["sample_size"].get<int>();
+      std::cout << '\t'
+                << (t.contains("sample_size") ? std::to_string(t["sample_size"].get<int>()) : "-");
+      for (const char* end : {"first", "last"})
+        std::cout << '\t' << (t.value(end, nlohmann::json()).is_null() ? "-" : Time(t[end]));
       std::cout << '\n';
     }
   } else if (op == "get") {
@@ -59,8 +64,13 @@ void PrintText(const nlohmann::json& r) {
     for (const auto& i : r["intervals"])
       std::cout << Time(i["start"]) << '\t' << Time(i["end"]) << '\n';
   } else if (op == "wait") {
-    std::cout << (r["done"].get<bool>() ? "written" : "still pending") << '\t'
-              << r["file"].get<std::string>() << '\n';
+    std::cout << (r["done"].get<bool>()      ? "written"
+                  : r.value("cached", false) ? "kept in the cache"
+                                             : "still pending")
+              << '\t' << r["file"].get<std::string>() << '\n';
+  } else if (op == "mv") {
+    std::cout << "renamed " << r["file"].get<std::string>() << " to "
+              << r["target"].get<std::string>() << "; its tags went with it\n";
   } else {
     std::cout << op << ": done\n";
   }
@@ -76,28 +86,23 @@ int ExitStatusFor(HRESULT hr) {
   return kExitRefused;
 }
 
+nlohmann::json FailureJson(const std::string& what, HRESULT hr) {
+  return {{"operation", what},
+          {"error",
+           {{"hresult", HresultName(hr)},
+            {"code", hr},
+            {"hex", HexCode(hr)},
+            {"message", HresultText(hr)}}}};
+}
+
 int ReportFailure(bool json, const std::string& what, HRESULT hr) {
   if (json) {
-    nlohmann::json error = {{"operation", what},
-                            {"error",
-                             {{"hresult", HresultName(hr)},
-                              {"code", hr},
-                              {"hex", HexCode(hr)},
-                              {"message", HresultText(hr)}}}};
-    std::cout << error.dump(2) << '\n';
+    std::cout << FailureJson(what, hr).dump(2) << '\n';
   } else {
     std::cerr << "marquelctl: " << what << ": " << HresultName(hr) << " (" << HexCode(hr)
               << "): " << HresultText(hr) << '\n';
   }
   return ExitStatusFor(hr);
-}
-
-int ReportError(bool json, const std::string& message, int status) {
-  if (json)
-    std::cout << nlohmann::json({{"error", {{"message", message}}}}).dump(2) << '\n';
-  else
-    std::cerr << "marquelctl: " << message << '\n';
-  return status;
 }
 
 void PrintResult(bool json, const nlohmann::json& result) {
@@ -177,20 +182,36 @@ CLI::Validator TagIdRange() {
       "0-255");
 }
 
-bool CheckMediaFile(const FileOptions& options, const std::string& path, int* status) {
+std::string MediaFileProblem(const FileOptions& options, const std::string& path, int* status) {
   std::error_code ec;
   const auto st = std::filesystem::status(path, ec);
   // A given --type may name a file the server creates; detection needs the file itself.
   if (!std::filesystem::exists(st)) {
-    if (options.type != 0) return true;
-    *status = ReportError(options.json, "no such file: " + path, kExitNotFound);
-    return false;
+    if (options.type != 0) return "";
+    *status = kExitNotFound;
+    return "no such file: " + path;
   }
   if (!std::filesystem::is_regular_file(st)) {
-    *status = ReportError(options.json, "not a regular file: " + path, kExitRefused);
-    return false;
+    *status = kExitRefused;
+    return "not a regular file: " + path;
   }
-  return true;
+  return "";
+}
+
+bool CheckMediaFile(const FileOptions& options, const std::string& path, int* status) {
+  const std::string problem = MediaFileProblem(options, path, status);
+  if (problem.empty()) return true;
+  ReportError(options.json, problem, *status);
+  return false;
+}
+
+bool OpenProgram(IMarquelClient& client, int32_t handle, const FileOptions& options, int32_t* index,
+                 int* status) {
+  std::string error;
+  HRESULT hr = ServerProgramIndex(client, handle, options.file, options.program, index, &error);
+  if (hr == S_OK) return true;
+  *status = ReportError(options.json, error, hr == E_FAIL ? kExitRefused : ExitStatusFor(hr));
+  return false;
 }
 
 int RunOnFile(const FileOptions& options, const std::string& what, const FileOperation& op) {
@@ -201,10 +222,15 @@ int RunOnFile(const FileOptions& options, const std::string& what, const FileOpe
   HeldFile file(*client, options.file, options.type, options.write_to_cache ? 1 : 0);
   if (file.OpenResult() != S_OK)
     return ReportFailure(options.json, "open " + options.file, file.OpenResult());
+  int32_t program = 0;
+  int status_of_program = kExitOk;
+  if (!OpenProgram(*client, file.Handle(), options, &program, &status_of_program))
+    return status_of_program;
   nlohmann::json result;
-  HRESULT hr = op(*client, file.Handle(), &result);
+  HRESULT hr = op(*client, file.Handle(), program, &result);
   if (hr != S_OK && hr != S_FALSE) return ReportFailure(options.json, what, hr);
   result["file"] = options.file;
+  if (result.contains("program")) result["program"] = options.program;
   HRESULT closed = file.Close();
   if (closed != S_OK) return ReportFailure(options.json, "close " + options.file, closed);
   PrintResult(options.json, result);
@@ -235,40 +261,8 @@ bool ParseSample(const std::string& text, SampleText* out, std::string* error) {
   return ParseTime(Trim(text.substr(0, eq)), &out->time, error);
 }
 
-namespace {
-
-bool ReadJsonSamples(std::istream& in, const std::string& path, std::vector<SampleText>* out,
-                     std::string* error) {
-  try {
-    nlohmann::json doc = nlohmann::json::parse(in);
-    if (!doc.is_array()) throw std::runtime_error("expected an array of samples");
-    for (const auto& item : doc) {
-      const auto& t = item.is_array() ? item.at(0) : item.at("time");
-      const auto& v = item.is_array() ? item.at(1) : item.at("value");
-      SampleText s;
-      if (t.is_string()) {
-        if (!ParseTime(t.get<std::string>(), &s.time, error)) {
-          *error = path + ": " + *error;
-          return false;
-        }
-      } else {
-        s.time = t.get<int64_t>();
-      }
-      s.value = v.is_string() ? v.get<std::string>() : std::to_string(v.get<int64_t>());
-      out->push_back(s);
-      if (out->size() > kMaxPutSamples) throw std::runtime_error("too many samples");
-    }
-    return true;
-  } catch (const std::exception& e) {
-    *error = path + ": " + e.what();
-    return false;
-  }
-}
-
-}  // namespace
-
 bool ReadSampleFile(const std::string& path, bool json_file, std::vector<SampleText>* out,
-                    std::string* error) {
+                    std::string* error, int64_t tag, int32_t program) {
   std::ifstream file(path, std::ios::binary);
   std::string content;
   if (!file) {
@@ -279,8 +273,15 @@ bool ReadSampleFile(const std::string& path, bool json_file, std::vector<SampleT
     *error = path + ": more than " + std::to_string(kMaxInputBytes) + " bytes";
     return false;
   }
+  if (json_file) {
+    nlohmann::json doc = nlohmann::json::parse(content, nullptr, false);
+    if (doc.is_discarded() || !SamplesFromJson(doc, tag, program, out, error)) {
+      *error = path + ": " + (doc.is_discarded() ? "not JSON" : *error);
+      return false;
+    }
+    return true;
+  }
   std::istringstream in(content);
-  if (json_file) return ReadJsonSamples(in, path, out, error);
   std::string line;
   for (int number = 1; std::getline(in, line); ++number) {
     line = Trim(line);
@@ -340,6 +341,10 @@ bool CheckSamples(int64_t tag, bool raw, bool truncate, const std::vector<Sample
     }
     int64_t value = 0;
     int32_t stored = 0;
+    if (s.raw_data) {
+      *error = where + "'" + s.value + "' is raw data; use --raw";
+      return false;
+    }
     if (!ParseDecimal(s.value, &value)) {
       *error = where + "'" + s.value + "' is not a decimal number";
       return false;
@@ -369,16 +374,6 @@ bool ParseHex(const std::string& text, std::vector<uint8_t>* out) {
     out->push_back(static_cast<uint8_t>(hi * 16 + lo));
   }
   return true;
-}
-
-std::string Hex(const uint8_t* data, size_t n) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (size_t i = 0; i < n; ++i) {
-    out.push_back(kDigits[data[i] >> 4]);
-    out.push_back(kDigits[data[i] & 15]);
-  }
-  return out;
 }
 
 }  // namespace marquel::ctl

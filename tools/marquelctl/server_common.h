@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "json_output.h"
 #include "marquel/marquel_client.h"
 
 namespace marquel::ctl {
@@ -25,8 +26,8 @@ int ExitStatusFor(HRESULT hr);
 // Tells the user that `what` failed with `hr`: a line on standard error, or with `json`
 // an {"error": {...}} object on standard output. Returns the exit status.
 int ReportFailure(bool json, const std::string& what, HRESULT hr);
-// The same for a failure that is not an HRESULT (usage, files).
-int ReportError(bool json, const std::string& message, int status);
+// The JSON object that prints: {"operation", "error": {hresult, code, hex, message}}.
+nlohmann::json FailureJson(const std::string& what, HRESULT hr);
 
 // Prints a result: JSON as it is, or its text form.
 void PrintResult(bool json, const nlohmann::json& result);
@@ -66,6 +67,11 @@ struct FileOptions {
 // Adds FILE, --program, --type, --write-to-cache and --json to a subcommand.
 void AddFileOptions(CLI::App* sub, FileOptions* options);
 
+// Finds program `program` of the open file on the server; false after reporting why not
+// (a program the file does not have is refused, exit 1), with *status the exit status.
+bool OpenProgram(IMarquelClient& client, int32_t handle, const FileOptions& options, int32_t* index,
+                 int* status);
+
 // Adds a required decimal --tag option that refuses ids outside 0-255 by name.
 void AddTagOption(CLI::App* sub, int32_t* tag);
 // Refuses a tag id outside 0-255 with "no such tag id N (tag ids are 0-255)".
@@ -74,10 +80,14 @@ CLI::Validator TagIdRange();
 // Whether `path` is a regular file the server can open; false after reporting "no such
 // file" (not found) or "not a regular file" (refused), with *status the exit status.
 bool CheckMediaFile(const FileOptions& options, const std::string& path, int* status);
+// What CheckMediaFile would report about `path` ("" when nothing), without reporting it.
+std::string MediaFileProblem(const FileOptions& options, const std::string& path, int* status);
 
-using FileOperation = std::function<HRESULT(IMarquelClient&, int32_t handle, nlohmann::json*)>;
-// Connects, opens the file, runs the operation, prints its result, closes the file.
-// Returns the exit status.
+// An operation on an open file, given the server's index of the program to work on.
+using FileOperation =
+    std::function<HRESULT(IMarquelClient&, int32_t handle, int32_t program, nlohmann::json*)>;
+// Connects, opens the file, finds --program on the server (file_programs.h), runs the
+// operation, prints its result, closes the file. Returns the exit status.
 int RunOnFile(const FileOptions& options, const std::string& what, const FileOperation& op);
 
 // Which tags a period operation touches: all, one tag, or one category.
@@ -90,7 +100,8 @@ struct TagScope {
 struct SampleText {
   int64_t time = 0;
   std::string value;
-  int line = 0;  // its line in a CSV file, 0 otherwise
+  int line = 0;           // its line in a CSV file, 0 otherwise
+  bool raw_data = false;  // given as JSON "data": hex bytes of a raw tag
 };
 // The most bytes a sample file or script may have.
 constexpr size_t kMaxInputBytes = size_t{64} << 20;
@@ -100,10 +111,11 @@ bool ReadBounded(std::istream& in, std::string* text);
 // Parses "TIME=VALUE" (TIME in any form ParseTime takes); false with *error saying why.
 bool ParseSample(const std::string& text, SampleText* out, std::string* error);
 // Reads samples from a CSV file (time,value per line; '#' comments and a header line are
-// skipped) or a JSON file ([{"time":T,"value":V}, ...] or [[T,V], ...]); at most
-// kMaxPutSamples. Errors name the file and, for CSV, the line.
+// skipped) or a JSON file in any form of sample_json.h (for a document of several tags,
+// those of `tag` in `program`); at most kMaxPutSamples. Errors name the file and, for
+// CSV, the line.
 bool ReadSampleFile(const std::string& path, bool json_file, std::vector<SampleText>* out,
-                    std::string* error);
+                    std::string* error, int64_t tag = -1, int32_t program = 0);
 
 // Samples checked against their tag's definition, ready to send.
 struct CheckedSamples {
@@ -117,10 +129,11 @@ bool CheckSamples(int64_t tag, bool raw, bool truncate, const std::vector<Sample
                   CheckedSamples* out, std::string* error);
 // Parses hex bytes ("0a1b..."); false for an odd length or another character.
 bool ParseHex(const std::string& text, std::vector<uint8_t>* out);
-std::string Hex(const uint8_t* data, size_t n);
 
 // The operations on an open file. Each fills `out` and returns the HRESULT that decides.
-HRESULT ListTags(IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out);
+// The tags of a program with their counts and, `with_span`, their first and last time.
+HRESULT ListTags(IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out,
+                 bool with_span = true);
 HRESULT GetSamples(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, bool raw,
                    std::optional<std::pair<int64_t, int64_t>> period, std::optional<int64_t> at,
                    nlohmann::json* out);

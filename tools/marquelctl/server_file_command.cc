@@ -28,6 +28,7 @@
 #include <sstream>
 
 #include "command.h"
+#include "file_programs.h"
 #include "sample_check.h"
 #include "server_common.h"
 #include "time_text.h"
@@ -55,7 +56,7 @@ struct OperationWords {
 };
 
 // An operation checked and ready to run on the open file.
-using Operation = std::function<HRESULT(IMarquelClient&, int32_t, nlohmann::json*)>;
+using Operation = FileOperation;
 
 bool ToInt32(const std::string& s, int32_t* v) {
   int64_t wide = 0;
@@ -112,7 +113,7 @@ bool TagWord(const std::string& word, int32_t* tag, std::string* usage) {
 }
 
 // Checks one operation's words and builds it; null with *usage set when they are wrong.
-Operation ParseOperation(int32_t program, const Words& op, std::string* usage) {
+Operation ParseOperation(const Words& op, std::string* usage) {
   const std::string& name = op[0];
   int32_t tag = 0;
   auto bad = [&](const char* form) {
@@ -123,8 +124,10 @@ Operation ParseOperation(int32_t program, const Words& op, std::string* usage) {
   if (name == "tags" || name == "clean") {
     if (op.size() != 1) return bad(name == "tags" ? "tags" : "clean");
     if (name == "clean")
-      return [](IMarquelClient& c, int32_t h, nlohmann::json* out) { return CleanAll(c, h, out); };
-    return [program](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+      return [](IMarquelClient& c, int32_t h, int32_t, nlohmann::json* out) {
+        return CleanAll(c, h, out);
+      };
+    return [](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
       return ListTags(c, h, program, out);
     };
   }
@@ -142,11 +145,11 @@ Operation ParseOperation(int32_t program, const Words& op, std::string* usage) {
     }
     if (name == "get-raw" && !CheckRawLength(tag, 1, usage)) return bad("");
     if (name == "count")
-      return [=](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+      return [=](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
         return CountSamples(c, h, program, tag, period, out);
       };
     const bool raw = name == "get-raw";
-    return [=](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+    return [=](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
       return GetSamples(c, h, program, tag, raw, period, at, out);
     };
   }
@@ -160,7 +163,7 @@ Operation ParseOperation(int32_t program, const Words& op, std::string* usage) {
     }
     auto samples = std::make_shared<CheckedSamples>();
     if (!CheckSamples(tag, name == "put-raw", false, given, samples.get(), usage)) return bad("");
-    return [=](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+    return [=](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
       return PutSamples(c, h, program, tag, *samples, out);
     };
   }
@@ -169,7 +172,7 @@ Operation ParseOperation(int32_t program, const Words& op, std::string* usage) {
     TagScope scope;
     if (op.size() < 3 || !ToTime(op[1], &a) || !ToTime(op[2], &b) || !ParseScope(op, 3, &scope))
       return bad("FROM TO [tag=T|category=C]");
-    return [=](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+    return [=](IMarquelClient& c, int32_t h, int32_t, nlohmann::json* out) {
       return DeletePeriod(c, h, a, b, scope, out);
     };
   }
@@ -178,12 +181,12 @@ Operation ParseOperation(int32_t program, const Words& op, std::string* usage) {
     TagScope scope;
     if (op.size() < 2 || !ToTime(op[1], &offset) || !ParseScope(op, 2, &scope))
       return bad("OFFSET [tag=T|category=C]");
-    return [=](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+    return [=](IMarquelClient& c, int32_t h, int32_t, nlohmann::json* out) {
       return ShiftTimes(c, h, offset, scope, out);
     };
   }
   if (op.size() != 2 || !TagWord(op[1], &tag, usage)) return bad("TAG");
-  return [=](IMarquelClient& c, int32_t h, nlohmann::json* out) {
+  return [=](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
     return ListIntervals(c, h, program, tag, out);
   };
 }
@@ -221,46 +224,87 @@ bool ReadScript(const std::string& path, std::vector<std::pair<std::string, int>
   return true;
 }
 
-int RunFileCommand(const FileCommandOptions& o) {
+// With --json every outcome is one array: the results so far, then the failure.
+int FailUsage(const FileCommandOptions& o, const std::string& message, int status) {
+  if (!o.file.json) return ReportError(false, message, status);
+  std::cout << nlohmann::json::array({ErrorJson(message)}).dump(2) << '\n';
+  return status;
+}
+
+int FailCall(const FileCommandOptions& o, nlohmann::json results, const std::string& what,
+             HRESULT hr) {
+  if (!o.file.json) {
+    PrintResult(false, results);
+    return ReportFailure(false, what, hr);
+  }
+  results.push_back(FailureJson(what, hr));
+  std::cout << results.dump(2) << '\n';
+  return ExitStatusFor(hr);
+}
+
+// Checks every operation before the file is opened, so that a mistake late in a script
+// changes nothing; false after reporting the first wrong one.
+bool ParseAll(const FileCommandOptions& o, std::vector<OperationWords>* split,
+              std::vector<Operation>* ops, int* status) {
   std::vector<std::pair<std::string, int>> words;
   std::string error;
-  if (!o.script.empty() && !ReadScript(o.script, &words, &error))
-    return ReportError(o.file.json, "file: " + error, kExitUsage);
+  if (!o.script.empty() && !ReadScript(o.script, &words, &error)) {
+    *status = FailUsage(o, "file: " + error, kExitUsage);
+    return false;
+  }
   for (const std::string& w : o.words) words.emplace_back(w, 0);
-  std::vector<OperationWords> split;
-  if (!SplitOperations(words, &split, &error))
-    return ReportError(o.file.json, "file: " + error, kExitUsage);
-  if (split.empty()) return ReportError(o.file.json, "file: no operations given", kExitUsage);
-  // Every operation is checked before the file is opened, so that a mistake late in a
-  // script changes nothing.
-  std::vector<Operation> ops;
-  for (const OperationWords& op : split) {
+  split->clear();
+  if (!SplitOperations(words, split, &error)) {
+    *status = FailUsage(o, "file: " + error, kExitUsage);
+    return false;
+  }
+  if (split->empty()) {
+    *status = FailUsage(o, "file: no operations given", kExitUsage);
+    return false;
+  }
+  ops->clear();
+  for (const OperationWords& op : *split) {
     std::string usage;
-    ops.push_back(ParseOperation(o.file.program, op.words, &usage));
-    if (!ops.back()) {
+    ops->push_back(ParseOperation(op.words, &usage));
+    if (!ops->back()) {
       const std::string where = op.line > 0 ? o.script + ":" + std::to_string(op.line) + ": " : "";
-      return ReportError(o.file.json, "file: " + where + usage, kExitUsage);
+      *status = FailUsage(o, "file: " + where + usage, kExitUsage);
+      return false;
     }
   }
+  return true;
+}
+
+int RunFileCommand(const FileCommandOptions& o) {
+  std::vector<OperationWords> split;
+  std::vector<Operation> ops;
   int status = kExitOk;
-  if (!CheckMediaFile(o.file, o.file.file, &status)) return status;
-  auto client = Connect(o.file.json);
-  if (!client) return kExitUnreachable;
+  if (!ParseAll(o, &split, &ops, &status)) return status;
+  const std::string problem = MediaFileProblem(o.file, o.file.file, &status);
+  if (!problem.empty()) return FailUsage(o, problem, status);
+  std::string error;
+  auto client = CreateMarquelClient(&error);
+  if (!client) return FailUsage(o, "cannot reach the session bus: " + error, kExitUnreachable);
   HeldFile file(*client, o.file.file, o.file.type, o.file.write_to_cache ? 1 : 0);
   if (file.OpenResult() != S_OK)
-    return ReportFailure(o.file.json, "open " + o.file.file, file.OpenResult());
+    return FailCall(o, nlohmann::json::array(), "open " + o.file.file, file.OpenResult());
+  int32_t program = 0;
+  HRESULT hr =
+      ServerProgramIndex(*client, file.Handle(), o.file.file, o.file.program, &program, &error);
+  if (hr != S_OK) return FailUsage(o, error, hr == E_FAIL ? kExitRefused : ExitStatusFor(hr));
   nlohmann::json results = nlohmann::json::array();
   for (size_t i = 0; i < ops.size(); ++i) {
     nlohmann::json result;
-    HRESULT hr = ops[i](*client, file.Handle(), &result);
-    if (hr != S_OK && hr != S_FALSE) {
-      if (!o.file.json) PrintResult(false, results);
-      return ReportFailure(o.file.json, split[i].words[0], hr);
-    }
+    hr = ops[i](*client, file.Handle(), program, &result);
+    if (result.contains("program")) result["program"] = o.file.program;
+    if (hr != S_OK && hr != S_FALSE) return FailCall(o, results, split[i].words[0], hr);
     results.push_back(result);
   }
   HRESULT closed = file.Close();
-  if (closed != S_OK) return ReportFailure(o.file.json, "close " + o.file.file, closed);
+  // In text a failed close shows no results: what they changed was not kept.
+  if (closed != S_OK)
+    return FailCall(o, o.file.json ? results : nlohmann::json::array(), "close " + o.file.file,
+                    closed);
   PrintResult(o.file.json, results);
   return kExitOk;
 }

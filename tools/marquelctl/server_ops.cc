@@ -1,4 +1,5 @@
 // marquelctl's operations on an open file, shared by the single commands and `file`.
+#include <algorithm>
 #include <climits>
 
 #include "sample_check.h"
@@ -49,9 +50,39 @@ HRESULT GetRaw(IMarquelClient& c, int32_t h, int32_t program, int32_t tag, int32
   return S_OK;
 }
 
+// The most bytes fetched to find a raw tag's first and last time; beyond it they are
+// left unknown rather than held in memory.
+constexpr int64_t kMaxSpanBytes = int64_t{64} << 20;
+
+// Adds "first" and "last" (null when unknown) to a tag of `tags` with n samples.
+void AddSpan(IMarquelClient& c, int32_t h, int32_t program, int32_t n, int32_t size,
+             nlohmann::json* tag) {
+  (*tag)["first"] = nullptr;
+  (*tag)["last"] = nullptr;
+  const int32_t id = (*tag)["id"].get<int32_t>();
+  std::vector<int64_t> times;
+  if (n <= 0) return;
+  if (!(*tag)["raw"].get<bool>()) {
+    std::vector<MarquelOneTag> list(n);
+    if (c.GetDataAll2(h, program, id, n, list.data()) != S_OK) return;
+    for (const MarquelOneTag& s : list) times.push_back(s.llTimeCode);
+  } else {
+    if (size <= 0 || int64_t{n} * size > kMaxSpanBytes) return;
+    std::vector<uint8_t> bytes(static_cast<size_t>(n) * size);
+    std::vector<MarquelRawDataTag> list(n);
+    for (int32_t i = 0; i < n; ++i)
+      list[i] = MarquelRawDataTag{0, size, bytes.data() + static_cast<size_t>(i) * size};
+    if (c.GetRawDataAll2(h, program, id, n, list.data()) != S_OK) return;
+    for (const MarquelRawDataTag& s : list) times.push_back(s.llTimeCode);
+  }
+  (*tag)["first"] = *std::min_element(times.begin(), times.end());
+  (*tag)["last"] = *std::max_element(times.begin(), times.end());
+}
+
 }  // namespace
 
-HRESULT ListTags(IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
+HRESULT ListTags(IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out,
+                 bool with_span) {
   *out = {{"operation", "tags"}, {"program", program}, {"tags", nlohmann::json::array()}};
   int32_t plain = 0, raw = 0;
   HRESULT hr = c.QueryOneFileTagCount2(h, program, &plain);
@@ -67,14 +98,18 @@ HRESULT ListTags(IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* 
   for (int32_t i = 0; i < plain; ++i) {
     int32_t n = 0;
     Count(c, h, program, ids[i], std::nullopt, &n);
-    (*out)["tags"].push_back(
-        {{"id", ids[i]}, {"count", n}, {"raw", false}, {"state", IsStateTag(ids[i])}});
+    nlohmann::json tag = {
+        {"id", ids[i]}, {"count", n}, {"raw", false}, {"state", IsStateTag(ids[i])}};
+    if (with_span) AddSpan(c, h, program, n, 0, &tag);
+    (*out)["tags"].push_back(std::move(tag));
   }
   for (int32_t i = 0; i < std::max(raw, 0); ++i) {
     int32_t n = 0;
     Count(c, h, program, raw_ids[i], std::nullopt, &n);
-    (*out)["tags"].push_back(
-        {{"id", raw_ids[i]}, {"count", n}, {"raw", true}, {"sample_size", sizes[i]}});
+    nlohmann::json tag = {
+        {"id", raw_ids[i]}, {"count", n}, {"raw", true}, {"sample_size", sizes[i]}};
+    if (with_span) AddSpan(c, h, program, n, sizes[i], &tag);
+    (*out)["tags"].push_back(std::move(tag));
   }
   return S_OK;
 }
@@ -188,7 +223,7 @@ HRESULT CountInScope(IMarquelClient& c, int32_t h, const TagScope& scope,
   if (hr != S_OK) return hr;
   for (int32_t p = 0; p < std::min(programs, kMaxPrograms); ++p) {
     nlohmann::json tags;
-    if ((hr = ListTags(c, h, p, &tags)) != S_OK) return hr;
+    if ((hr = ListTags(c, h, p, &tags, false)) != S_OK) return hr;
     for (const auto& t : tags["tags"]) {
       const int32_t id = t["id"].get<int32_t>();
       if (!IsValidTagId(id) || (scope.tag && *scope.tag != id) ||

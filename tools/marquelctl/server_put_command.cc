@@ -5,8 +5,8 @@
 //
 // TIME takes every time form (time_text.h). VALUE is a decimal number that fits the tag
 // (or is cut to its low bits with --truncate), or hex bytes with --raw. Everything is
-// checked before the file is opened. A CSV file holds TIME,VALUE lines; a JSON file an
-// array of {"time": T, "value": V} objects or [T, V] pairs.
+// checked before the file is opened. A CSV file holds TIME,VALUE lines; a JSON file any
+// form that get, export and cache show print (sample_json.h), or an array of samples.
 #include <memory>
 
 #include "command.h"
@@ -37,7 +37,8 @@ bool CollectSamples(const PutOptions& o, CheckedSamples* out) {
     given.push_back(s);
   }
   if (error.empty() && !o.csv.empty()) ReadSampleFile(o.csv, false, &given, &error);
-  if (error.empty() && !o.json_file.empty()) ReadSampleFile(o.json_file, true, &given, &error);
+  if (error.empty() && !o.json_file.empty())
+    ReadSampleFile(o.json_file, true, &given, &error, o.tag, o.file.program);
   if (error.empty()) CheckSamples(o.tag, o.raw, o.truncate, given, out, &error);
   if (error.empty()) return true;
   ReportError(o.file.json, "put: " + error, kExitUsage);
@@ -63,8 +64,9 @@ void AddServerPutCommand(CLI::App& app, Action& run) {
       CheckedSamples samples;
       if (!CollectSamples(*o, &samples)) return kExitUsage;
       return RunOnFile(
-          o->file, "put", [o, &samples](IMarquelClient& c, int32_t h, nlohmann::json* out) {
-            return PutSamples(c, h, o->file.program, static_cast<int32_t>(o->tag), samples, out);
+          o->file, "put",
+          [o, &samples](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
+            return PutSamples(c, h, program, static_cast<int32_t>(o->tag), samples, out);
           });
     };
   });

@@ -30,9 +30,10 @@ void AddTags(CLI::App& app, Action& run) {
   sub->footer(std::string(TimeFormsHelp()) + "\n" + TagRulesHelp());
   sub->callback([o, &run] {
     run = [o] {
-      return RunOnFile(*o, "tags", [o](IMarquelClient& c, int32_t h, nlohmann::json* out) {
-        return ListTags(c, h, o->program, out);
-      });
+      return RunOnFile(*o, "tags",
+                       [](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
+                         return ListTags(c, h, program, out);
+                       });
     };
   });
 }
@@ -57,8 +58,9 @@ void AddGet(CLI::App& app, Action& run) {
       std::optional<std::pair<int64_t, int64_t>> period;
       if (o->from || o->to) period = std::make_pair(o->from.value_or(0), o->to.value_or(-1));
       return RunOnFile(
-          o->file, "get", [o, period](IMarquelClient& c, int32_t h, nlohmann::json* out) {
-            return GetSamples(c, h, o->file.program, o->tag, o->raw, period, o->at, out);
+          o->file, "get",
+          [o, period](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
+            return GetSamples(c, h, program, o->tag, o->raw, period, o->at, out);
           });
     };
   });
@@ -72,8 +74,8 @@ void AddIntervals(CLI::App& app, Action& run) {
   sub->callback([o, &run] {
     run = [o] {
       return RunOnFile(o->file, "intervals",
-                       [o](IMarquelClient& c, int32_t h, nlohmann::json* out) {
-                         return ListIntervals(c, h, o->file.program, o->tag, out);
+                       [o](IMarquelClient& c, int32_t h, int32_t program, nlohmann::json* out) {
+                         return ListIntervals(c, h, program, o->tag, out);
                        });
     };
   });

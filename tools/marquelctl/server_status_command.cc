@@ -1,4 +1,4 @@
-// marquelctl status | wait: the server's open files and the moves still to be done.
+// marquelctl status: the server's open files and the moves still to be done.
 //
 //   status [FILE ...] [--json]
 //       the server (pid, mode, version, uptime), open files by name with their handles,
@@ -6,10 +6,6 @@
 //       state (cached, moving), whether each FILE still waits for its data to be written
 //       into it, and the moves saved in the store. Without a server: the saved moves,
 //       exit status 3.
-//   wait FILE [--timeout SECONDS] [--interval MS] [--json]
-//       waits until the server has written FILE's data into it (IsWriteToFileDone),
-//       showing a progress line on standard error (not with --json); exit status 1 on
-//       timeout (it has not been written)
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
@@ -31,13 +27,6 @@ namespace {
 
 struct StatusOptions {
   std::vector<std::string> files;
-  bool json = false;
-};
-
-struct WaitOptions {
-  std::string file;
-  double timeout_s = 60;
-  int interval_ms = 500;
   bool json = false;
 };
 
@@ -171,34 +160,6 @@ int Status(const StatusOptions& o) {
   return kExitOk;
 }
 
-int Wait(const WaitOptions& o) {
-  auto client = Connect(o.json);
-  if (!client) return kExitUnreachable;
-  auto start = std::chrono::steady_clock::now();
-  for (;;) {
-    int32_t done = 0;
-    HRESULT hr = client->IsWriteToFileDone(o.file.c_str(), &done);
-    if (hr != S_OK) return ReportFailure(o.json, "wait " + o.file, hr);
-    double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    bool timed_out = !done && waited >= o.timeout_s;
-    if (done || timed_out) {
-      if (!o.json)
-        std::cerr << "\rwaiting for " << o.file << ": " << (done ? "written" : "timed out")
-                  << " after " << static_cast<int64_t>(waited * 1000) << " ms\n";
-      PrintResult(o.json, {{"operation", "wait"},
-                           {"file", o.file},
-                           {"done", done != 0},
-                           {"waited_ms", static_cast<int64_t>(waited * 1000)}});
-      return done ? kExitOk : kExitRefused;
-    }
-    // The progress line is for people; JSON output stays a single document.
-    if (!o.json)
-      std::cerr << "\rwaiting for " << o.file << ": still pending, " << static_cast<int>(waited)
-                << " s" << std::flush;
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::max(o.interval_ms, 10)));
-  }
-}
-
 }  // namespace
 
 void AddServerStatusCommands(CLI::App& app, Action& run) {
@@ -207,16 +168,6 @@ void AddServerStatusCommands(CLI::App& app, Action& run) {
   status->add_option("FILE", s->files, "files whose pending move to report");
   status->add_flag("--json", s->json, "print the result as JSON");
   status->callback([s, &run] { run = [s] { return Status(*s); }; });
-
-  auto w = std::make_shared<WaitOptions>();
-  CLI::App* wait = app.add_subcommand("wait", "Wait until the server has written a file's data");
-  wait->add_option("FILE", w->file, "the media file")->required();
-  wait->add_option("--timeout", w->timeout_s, "give up after this many seconds (default 60)");
-  wait->add_option("--interval", w->interval_ms, "poll every this many ms (default 500)")
-      ->transform(DecimalNumber())
-      ->check(CLI::Range(1, 60000));
-  wait->add_flag("--json", w->json, "print the result as JSON");
-  wait->callback([w, &run] { run = [w] { return Wait(*w); }; });
 }
 
 }  // namespace marquel::ctl
