@@ -54,12 +54,16 @@ HRESULT CMQInterface::QueryOrgFileSizeAndMTime(const std::string& wFileName,
 }
 
 // The file's cache entries move to the new name (persist/cache_writer.h); a file without
-// one has nothing to carry over, which is a success.
+// one has nothing to carry over, which is a success. A move still pending for the old name
+// follows too: otherwise the monitor would find the old name gone and the tags would stay
+// in the cache, never moved into the renamed file.
 HRESULT CMQInterface::CacheRename(const std::string& wOriFileName, const std::string& wNewFileName,
                                   int32_t nFileType) {
   MQ_LOG("CMQInterface::CacheRename");
   if (!IsAbsoluteFileName(wOriFileName) || !IsAbsoluteFileName(wNewFileName)) return E_INVALIDARG;
-  return R1(marquel::CacheRename(wOriFileName, wNewFileName, nFileType));
+  const HRESULT hr = R1(marquel::CacheRename(wOriFileName, wNewFileName, nFileType));
+  if (hr == S_OK) ctrl_->RenamePendingFile(wOriFileName, wNewFileName);
+  return hr;
 }
 
 // The move on a session of its own (-5203). The move's 1 covers both "moved" and "nothing

@@ -87,6 +87,24 @@ bool MQCtrl::IsPendingFile(const std::string& name) {
                      [&](const Entry& e) { return SameFile(MakeFileKey(e.path), key); });
 }
 
+bool MQCtrl::RenamePendingFile(const std::string& from, const std::string& to) {
+  Entry renamed;
+  {
+    std::lock_guard<std::mutex> lock(list_mu_);
+    auto it = std::find_if(pending_.begin(), pending_.end(),
+                           [&](const Entry& e) { return Same(e.path, from); });
+    if (it == pending_.end()) return false;
+    it->path = to;
+    if (it->roll_back) it->record.media = to;
+    renamed = *it;
+  }
+  // The new key first: a crash in between leaves the file listed under one name or both.
+  WritePendingKey(to, renamed.roll_back ? &renamed.record : nullptr);
+  AccessReg().DeleteKey(HKEY_CURRENT_USER, PendingKey(from).c_str());
+  MQ_LOG("MQCtrl: '%s' renamed to '%s' on the list", from.c_str(), to.c_str());
+  return true;
+}
+
 bool MQCtrl::IsRollBackPending(const std::string& name) {
   std::lock_guard<std::mutex> lock(list_mu_);
   return std::any_of(pending_.begin(), pending_.end(),

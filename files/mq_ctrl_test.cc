@@ -211,6 +211,18 @@ TEST(MQCtrlTest, AnOpenOfAFileBeingMovedWaitsForTheMove) {
   EXPECT_FALSE(ctrl.ClaimClosedFile(path)) << "an open file is not taken for a move";
 }
 
+TEST(MQCtrlTest, ARenamedListedFileIsListedAndKeptInTheStoreUnderItsNewName) {
+  MQCtrl ctrl(NoThread());
+  const std::string from = Made("take1.mpg");
+  ASSERT_EQ(ctrl.AddPendingFile(from), 1);
+  const std::string to = test::TestPath("final.mpg");
+  ASSERT_EQ(std::rename(from.c_str(), to.c_str()), 0);
+  EXPECT_TRUE(ctrl.RenamePendingFile(from, to));
+  EXPECT_EQ(ctrl.PendingFiles(), std::vector<std::string>{to});
+  EXPECT_EQ(StoredPaths(), std::vector<std::string>{to});
+  EXPECT_FALSE(ctrl.RenamePendingFile(from, to)) << "the old name is not listed any more";
+}
+
 TEST(MQCtrlTest, TheMonitorThreadWorksTheListOffAndStopWaitsForIt) {
   MQCtrl ctrl(MonitorOptions{20ms, true});
   ASSERT_EQ(ctrl.Start(), 1);

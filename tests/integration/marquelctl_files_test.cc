@@ -76,6 +76,8 @@ TEST_F(Marquelctl, MvCarriesTheTagsToTheNewNameEvenWithAMovePending) {
   ASSERT_EQ(Ctl({"mv", old_name, new_name}, &out), 0) << out;
   EXPECT_EQ(out, "renamed " + old_name + " to " + new_name + "; its tags went with it\n");
   EXPECT_EQ(Tag16(*client_, new_name), (Pairs{{100000, 7}, {500000, 9}}));
+  ASSERT_EQ(client_->IsWriteToFileDone(new_name.c_str(), &done), S_OK);
+  EXPECT_EQ(done, 0) << "the pending move follows the file to its new name";
   const std::string taken = CopyTestMedia("mpeg2ps.mpg", "taken.mpg");
   EXPECT_EQ(Ctl({"mv", new_name, taken}, &out), 1);
   EXPECT_NE(out.find(taken + " exists; use --force"), std::string::npos) << out;

@@ -53,6 +53,10 @@ class MQCtrl : public MarquelFiles {
   int32_t AddPendingFile(const std::string& name);
   // Whether a name is on the list.
   bool IsPendingFile(const std::string& name);
+  // After a rename of a listed file (its caches renamed with it): the entry and its
+  // MQTemp sub-key name the new path, so that the move goes into the file under its new
+  // name. False when the old name is not listed.
+  bool RenamePendingFile(const std::string& from, const std::string& to);
   // A copy of the list, in order.
   std::vector<std::string> PendingFiles();
   // The listed file whose cached tags the monitor is moving now; "" between files.
