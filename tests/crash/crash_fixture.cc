@@ -12,6 +12,11 @@ namespace marquel::test {
 
 const std::vector<std::string> kCrashState = {"data", "config", "cache", "tmp", "machine", "media"};
 
+bool LongRun() {
+  const char* wanted = std::getenv("MARQUEL_CRASH_POINTS");
+  return wanted != nullptr && *wanted != '\0';
+}
+
 std::vector<uint64_t> ChosenPoints(uint64_t count, uint64_t short_tries) {
   const char* wanted = std::getenv("MARQUEL_CRASH_POINTS");
   uint64_t tries = short_tries;

@@ -19,6 +19,10 @@ namespace marquel::test {
 // The folders a run may change; the rest of the home (the bus's files) is the harness's.
 extern const std::vector<std::string> kCrashState;
 
+// Whether MARQUEL_CRASH_POINTS asks for more than the short form: the long media and the
+// points it names.
+bool LongRun();
+
 // How many points of `count` a short run tries by default; MARQUEL_CRASH_POINTS=all
 // tries every point and MARQUEL_CRASH_POINTS=<n> n of them.
 std::vector<uint64_t> ChosenPoints(uint64_t count, uint64_t short_tries);
