@@ -147,12 +147,7 @@ INSTANTIATE_TEST_SUITE_P(Media, CloseFaults,
                          testing::Values(CrashMedium{"mpeg2ps.mpg", 1, 1, 0},
                                          CrashMedium{"ts188.ts", 1, 1, 0},
                                          CrashMedium{"ts2prog.ts", 1, 2, 0}),
-                         [](const testing::TestParamInfo<CrashMedium>& info) {
-                           std::string name = info.param.source;
-                           for (char& c : name)
-                             if (c == '.') c = '_';
-                           return name;
-                         });
+                         MediumName);
 
 }  // namespace
 }  // namespace marquel::test

@@ -32,6 +32,12 @@ std::vector<uint64_t> ChosenPoints(uint64_t count, uint64_t short_tries) {
   return points;
 }
 
+std::string MediumName(const testing::TestParamInfo<CrashMedium>& info) {
+  std::string name = info.param.source;
+  std::replace(name.begin(), name.end(), '.', '_');
+  return name;
+}
+
 void CrashFixture::TearDown() {
   bus_.Stop();
   unsetenv("DBUS_SESSION_BUS_ADDRESS");

@@ -27,6 +27,9 @@ bool LongRun();
 // tries every point and MARQUEL_CRASH_POINTS=<n> n of them.
 std::vector<uint64_t> ChosenPoints(uint64_t count, uint64_t short_tries);
 
+// A test's name for a medium: its file name with "_" for ".".
+std::string MediumName(const testing::TestParamInfo<CrashMedium>& info);
+
 class CrashFixture : public testing::Test {
  protected:
   static constexpr int kRoundMs = 100;

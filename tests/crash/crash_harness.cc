@@ -51,6 +51,11 @@ TagSet SampleTags(int programs, size_t bulk_bytes) {
   return set;
 }
 
+void PrintTo(const CrashMedium& medium, std::ostream* os) {
+  *os << medium.source << " x" << medium.copies << ", " << medium.programs << " program(s), "
+      << medium.bulk_bytes << " bytes";
+}
+
 bool MakeMedium(const std::string& source, int copies, const std::string& dest) {
   const std::vector<uint8_t> clip = FileBytes(source);
   if (clip.empty()) return false;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,9 @@ struct CrashMedium {
   int programs;
   size_t bulk_bytes;
 };
+
+// How a test's parameter prints: "<source> x<copies>, <programs> program(s), <bulk> bytes".
+void PrintTo(const CrashMedium& medium, std::ostream* os);
 
 // Two plain tags, raw samples of 1 to 120 bytes and, per program, `bulk_bytes` of raw
 // samples of 64 KiB filled with a pseudo-random pattern (no codec shortens them), so that

@@ -117,12 +117,7 @@ INSTANTIATE_TEST_SUITE_P(Media, CrashHarness,
                                          CrashMedium{"m2ts192.ts", 100, 1, 4 << 20},
                                          CrashMedium{"ts204.ts", 100, 1, 4 << 20},
                                          CrashMedium{"ts2prog.ts", 50, 2, 2 << 20}),
-                         [](const testing::TestParamInfo<CrashMedium>& info) {
-                           std::string name = info.param.source;
-                           for (char& c : name)
-                             if (c == '.') c = '_';
-                           return name;
-                         });
+                         MediumName);
 
 }  // namespace
 }  // namespace marquel::test

@@ -79,12 +79,7 @@ TEST_P(StopDuringMove, ASigtermWhileTheFileIsRewrittenEndsWithItWholeOrRecordedF
 INSTANTIATE_TEST_SUITE_P(Media, StopDuringMove,
                          testing::Values(CrashMedium{"mpeg2ps.mpg", 60, 1, 6 << 20},
                                          CrashMedium{"ts188.ts", 100, 1, 4 << 20}),
-                         [](const testing::TestParamInfo<CrashMedium>& info) {
-                           std::string name = info.param.source;
-                           for (char& c : name)
-                             if (c == '.') c = '_';
-                           return name;
-                         });
+                         MediumName);
 
 }  // namespace
 }  // namespace marquel::test
