@@ -39,7 +39,8 @@ class CrashFixture : public testing::Test {
   // Registers the server, starts the bus and copies `medium` into the home.
   void MakeWorld(const CrashMedium& medium);
   // Tags the medium through a server of its own and closes it, so that its move is
-  // pending; the server is stopped then and the home saved in snapshot_.
+  // pending; the server is stopped then and the home saved in snapshot_ (replacing what
+  // was saved there).
   void TagAndClose();
 
   std::string Log(const std::string& what) const { return home_ + "-" + what + ".log"; }
