@@ -16,11 +16,7 @@ namespace {
 // The short form tries points among the last kShortRange of a session, where the close's
 // cache write and the move lie; the full form tries every point from the server's start.
 constexpr uint64_t kShortRange = 16;
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint64_t kShortTries = 2;
-#else
-constexpr uint64_t kShortTries = 4;
-#endif
+constexpr uint64_t kShortTries = kSanitized ? 2 : 4;
 
 struct Tally {
   int runs = 0;

@@ -19,6 +19,14 @@ namespace marquel::test {
 // The folders a run may change; the rest of the home (the bus's files) is the harness's.
 extern const std::vector<std::string> kCrashState;
 
+// Whether this build runs under AddressSanitizer, where every server is several times
+// slower and the short form tries fewer points.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 // Whether MARQUEL_CRASH_POINTS asks for more than the short form: the long media and the
 // points it names.
 bool LongRun();

@@ -17,11 +17,7 @@ namespace {
 // Points per medium in the short form, which moves a few samples into each clip as it
 // is (six media, each point killed and failed); under the sanitizers, where every server
 // is several times slower, fewer.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint64_t kShortTries = 1;
-#else
-constexpr uint64_t kShortTries = 3;
-#endif
+constexpr uint64_t kShortTries = kSanitized ? 1 : 3;
 
 struct Tally {
   int runs = 0;
