@@ -80,8 +80,11 @@ int32_t WriteBlockFile(const std::string& path, size_t index, const CacheBlockWr
     return -1;
   }
   int32_t result = write ? write(index, file) : -1;
+  // A store entry names the file once we answer 1, so its bytes and its name must be on
+  // the disk by then; a failed sync leaves them unknown and counts as a failed write.
+  bool synced = result == 1 && SyncFileHandle(file);
   bool closed = CloseFileHandle(file);
-  if (result != 1 || !closed) {
+  if (result != 1 || !synced || !closed || !SyncFolder(FolderOf(path))) {
     RemoveFile(path);
     return -1;
   }

@@ -20,18 +20,79 @@ namespace marquel::test {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-TagSet SampleTags() {
+TagSet SampleTags(int programs, size_t bulk_bytes) {
   TagSet set;
-  // Two plain tags over the whole clip, one sparse and 4 bits wide; times in 100 ns units.
-  for (int32_t i = 0; i < 200; ++i) set.plain[16].push_back({int64_t{i} * 100000, i * 3 + 1});
-  for (int32_t i = 0; i < 40; ++i) set.plain[20].push_back({int64_t{i} * 330000 + 7, i % 16});
-  // Raw samples from 1 byte up to 120, each with its own pattern.
-  for (int32_t i = 0; i < 24; ++i) {
-    std::vector<uint8_t> bytes(static_cast<size_t>(1 + (i * 37) % 120));
-    for (size_t k = 0; k < bytes.size(); ++k) bytes[k] = static_cast<uint8_t>(i * 11 + k);
-    set.raw[29][int64_t{i} * 250000 + 3] = std::move(bytes);
+  for (int32_t p = 0; p < programs; ++p) {
+    ProgramTags tags;
+    // Two plain tags over the whole clip, one sparse and 4 bits wide; times in 100 ns.
+    for (int32_t i = 0; i < 200; ++i)
+      tags.plain[16].push_back({int64_t{i} * 100000, i * 3 + 1 + p * 1000});
+    for (int32_t i = 0; i < 40; ++i)
+      tags.plain[20].push_back({int64_t{i} * 330000 + 7, (i + p) % 16});
+    // Raw samples from 1 byte up to 120, each with its own pattern.
+    for (int32_t i = 0; i < 24; ++i) {
+      std::vector<uint8_t> bytes(static_cast<size_t>(1 + (i * 37) % 120));
+      for (size_t k = 0; k < bytes.size(); ++k) bytes[k] = static_cast<uint8_t>(i * 11 + k + p);
+      tags.raw[29][int64_t{i} * 250000 + 3] = std::move(bytes);
+    }
+    // The bulk: a linear congruential pattern, seeded per program.
+    uint32_t state = 12345u + static_cast<uint32_t>(p) * 7919u;
+    constexpr size_t kPiece = 64 * 1024;
+    for (size_t i = 0; i * kPiece < bulk_bytes; ++i) {
+      std::vector<uint8_t> bytes(kPiece);
+      for (uint8_t& b : bytes) {
+        state = state * 1664525u + 1013904223u;
+        b = static_cast<uint8_t>(state >> 24);
+      }
+      tags.raw[32][static_cast<int64_t>(i) * 400000 + 11] = std::move(bytes);
+    }
+    set.programs.push_back(std::move(tags));
   }
   return set;
+}
+
+void PrintTo(const CrashMedium& medium, std::ostream* os) {
+  *os << medium.source << " x" << medium.copies << ", " << medium.programs << " program(s), "
+      << medium.bulk_bytes << " bytes";
+}
+
+bool MakeMedium(const std::string& source, int copies, const std::string& dest) {
+  const std::vector<uint8_t> clip = FileBytes(source);
+  if (clip.empty()) return false;
+  std::ofstream out(dest, std::ios::binary | std::ios::trunc);
+  for (int i = 0; i < copies && out; ++i)
+    out.write(reinterpret_cast<const char*>(clip.data()),
+              static_cast<std::streamsize>(clip.size()));
+  out.close();
+  return static_cast<bool>(out);
+}
+
+std::string InsertTags(IMarquelClient& client, int32_t h, const TagSet& tags) {
+  // Programs past the first are made with PMT PIDs of their own.
+  if (tags.programs.size() > 1 && client.SetPMTPID(h, 0, 0x1000) != S_OK)
+    return "the PMT PID of program 0 cannot be set";
+  for (size_t p = 1; p < tags.programs.size(); ++p) {
+    int32_t index = -1;
+    if (client.InsertNewProgram(h, 0x1000 + static_cast<int32_t>(p), &index) != S_OK ||
+        index != static_cast<int32_t>(p))
+      return "program " + std::to_string(p) + " cannot be made";
+  }
+  for (size_t p = 0; p < tags.programs.size(); ++p) {
+    const int32_t program = static_cast<int32_t>(p);
+    for (const auto& [tag, samples] : tags.programs[p].plain) {
+      if (client.InsertDataPeriod2(h, program, tag, samples.data(),
+                                   static_cast<int32_t>(samples.size())) != S_OK)
+        return "the insert of tag " + std::to_string(tag) + " failed";
+    }
+    for (const auto& [tag, samples] : tags.programs[p].raw) {
+      for (const auto& [time, bytes] : samples) {
+        if (client.InsertRawDataOne2(h, program, tag, time, static_cast<int32_t>(bytes.size()),
+                                     bytes.data()) != S_OK)
+          return "the insert of raw tag " + std::to_string(tag) + " failed";
+      }
+    }
+  }
+  return "";
 }
 
 namespace {
@@ -166,16 +227,17 @@ int RollBackRecords(const std::string& store) {
 
 namespace {
 
-void CheckPlain(IMarquelClient& client, int32_t h, int32_t tag,
+void CheckPlain(IMarquelClient& client, int32_t h, int32_t program, int32_t tag,
                 const std::vector<MarquelOneTag>& want, std::vector<std::string>* bad) {
   int32_t n = 0;
-  if (client.QueryOneTagSize2(h, 0, tag, &n) != S_OK || n != static_cast<int32_t>(want.size())) {
+  if (client.QueryOneTagSize2(h, program, tag, &n) != S_OK ||
+      n != static_cast<int32_t>(want.size())) {
     bad->push_back("tag " + std::to_string(tag) + " holds " + std::to_string(n) + " samples, not " +
                    std::to_string(want.size()));
     return;
   }
   std::vector<MarquelOneTag> got(static_cast<size_t>(n));
-  if (client.GetDataAll2(h, 0, tag, n, got.data()) != S_OK) {
+  if (client.GetDataAll2(h, program, tag, n, got.data()) != S_OK) {
     bad->push_back("tag " + std::to_string(tag) + " cannot be read");
     return;
   }
@@ -187,12 +249,12 @@ void CheckPlain(IMarquelClient& client, int32_t h, int32_t tag,
   }
 }
 
-void CheckRaw(IMarquelClient& client, int32_t h, int32_t tag,
+void CheckRaw(IMarquelClient& client, int32_t h, int32_t program, int32_t tag,
               const std::map<int64_t, std::vector<uint8_t>>& want, std::vector<std::string>* bad) {
   for (const auto& [time, bytes] : want) {
     std::vector<uint8_t> got(bytes.size());
-    if (client.GetRawDataOne2(h, 0, tag, time, static_cast<int32_t>(got.size()), got.data()) !=
-            S_OK ||
+    if (client.GetRawDataOne2(h, program, tag, time, static_cast<int32_t>(got.size()),
+                              got.data()) != S_OK ||
         got != bytes) {
       bad->push_back("raw tag " + std::to_string(tag) + " at " + std::to_string(time) +
                      " is lost or differs");
@@ -201,10 +263,22 @@ void CheckRaw(IMarquelClient& client, int32_t h, int32_t tag,
   }
 }
 
+// Whether the open handle holds no tag in any program of `tags`.
+bool HoldsNone(IMarquelClient& client, int32_t h, const TagSet& tags) {
+  for (size_t p = 0; p < tags.programs.size(); ++p) {
+    // A program past the first that the file does not have holds nothing either.
+    int32_t count = -1;
+    const bool asked = client.QueryOneFileTagCount2(h, static_cast<int32_t>(p), &count) == S_OK;
+    if (p == 0 ? !asked || count != 0 : asked && count > 0) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::vector<std::string> CheckTagsThroughBus(IMarquelClient& client, const std::string& path,
-                                             const TagSet& tags, int32_t* from_file) {
+                                             const TagSet& tags, int32_t* from_file,
+                                             bool none_is_fine) {
   std::vector<std::string> bad;
   int32_t h = -1;
   if (client.InitialFile(path.c_str(), 0, 0, &h) != S_OK) {
@@ -213,8 +287,15 @@ std::vector<std::string> CheckTagsThroughBus(IMarquelClient& client, const std::
   }
   *from_file = -1;
   client.QueryMQDataStatus(h, from_file);
-  for (const auto& [tag, samples] : tags.plain) CheckPlain(client, h, tag, samples, &bad);
-  for (const auto& [tag, samples] : tags.raw) CheckRaw(client, h, tag, samples, &bad);
+  if (!(none_is_fine && HoldsNone(client, h, tags))) {
+    for (size_t p = 0; p < tags.programs.size(); ++p) {
+      const int32_t program = static_cast<int32_t>(p);
+      for (const auto& [tag, samples] : tags.programs[p].plain)
+        CheckPlain(client, h, program, tag, samples, &bad);
+      for (const auto& [tag, samples] : tags.programs[p].raw)
+        CheckRaw(client, h, program, tag, samples, &bad);
+    }
+  }
   // A read-only close: it must not change the file or leave anything behind.
   if (client.CloseFile(h, 1) != S_OK) bad.push_back("the close after reading failed");
   return bad;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -16,15 +17,40 @@
 
 namespace marquel::test {
 
-// The samples a medium is tagged with; they must all come back through the bus.
-struct TagSet {
+// The samples of one program; they must all come back through the bus.
+struct ProgramTags {
   std::map<int32_t, std::vector<MarquelOneTag>> plain;             // by tag ID, in time order
   std::map<int32_t, std::map<int64_t, std::vector<uint8_t>>> raw;  // tag ID, time, bytes
 };
 
-// Several plain tags and raw samples of varied lengths, enough that a move writes a few
-// hundred points.
-TagSet SampleTags();
+// The samples a medium is tagged with, by program index.
+struct TagSet {
+  std::vector<ProgramTags> programs;
+};
+
+// A medium the harness moves tags into: a test clip repeated `copies` times end to end
+// (a longer stream, so that the move rewrites a longer stretch), tagged in `programs`
+// programs, each with about `bulk_bytes` of large raw samples besides the small ones.
+struct CrashMedium {
+  const char* source;
+  int copies;
+  int programs;
+  size_t bulk_bytes;
+};
+
+// How a test's parameter prints: "<source> x<copies>, <programs> program(s), <bulk> bytes".
+void PrintTo(const CrashMedium& medium, std::ostream* os);
+
+// Two plain tags, raw samples of 1 to 120 bytes and, per program, `bulk_bytes` of raw
+// samples of 64 KiB filled with a pseudo-random pattern (no codec shortens them), so that
+// the move's copies write many 1 MiB pieces. Each program's values differ.
+TagSet SampleTags(int programs, size_t bulk_bytes);
+
+// Writes `copies` copies of `source` end to end into `dest`; false on a failure.
+bool MakeMedium(const std::string& source, int copies, const std::string& dest);
+
+// Inserts every sample of `tags` into the open handle `h`; the first failure as text, or "".
+std::string InsertTags(IMarquelClient& client, int32_t h, const TagSet& tags);
 
 // Starts marquel64 directly (not by activation) with `fault` ("" for none, else
 // "<n>:kill" or "<n>:fail") and `count_file` ("" for none) in its environment, and a
@@ -57,8 +83,10 @@ int RollBackRecords(const std::string& store);
 
 // What a client sees of `path` after the move: every violation found, as text. Opens the
 // file through the bus, reads every tag of `tags` back and compares; *from_file receives
-// QueryMQDataStatus (1: the tags were read from the file itself).
+// QueryMQDataStatus (1: the tags were read from the file itself). With `none_is_fine`,
+// a file that holds no sample at all passes too (tags whose keeping was never promised).
 std::vector<std::string> CheckTagsThroughBus(IMarquelClient& client, const std::string& path,
-                                             const TagSet& tags, int32_t* from_file);
+                                             const TagSet& tags, int32_t* from_file,
+                                             bool none_is_fine = false);
 
 }  // namespace marquel::test

@@ -75,8 +75,8 @@ std::string SideFilePath(const std::string& mediaPath);
 // folder levels when missing. False when the folder or the file cannot be made.
 bool MakeCacheFile(std::string* path);
 
-// Creates `path` anew and has `write` put block `index` into it. Returns 1; otherwise the
-// file is removed and -1 returned.
+// Creates `path` anew and has `write` put block `index` into it, then syncs the file and
+// its folder. Returns 1; otherwise (a failed sync too) the file is removed and -1 returned.
 int32_t WriteBlockFile(const std::string& path, size_t index, const CacheBlockWriter& write);
 
 }  // namespace marquel
