@@ -154,5 +154,36 @@ TEST(MQCtrlRollBack, ACopyThatFailsKeepsTheFlagAndTheMoveWaits) {
   EXPECT_EQ(m.MediaBytes(), m.old_bytes);
 }
 
+TEST(MQCtrlRollBack, EachWriteTruncateAndSyncOfTheRestoreFailingInTurnKeepsTheBackups) {
+  uint64_t points = 0;
+  {
+    test::UnfinishedMerge clean;
+    clean.Make();
+    MQCtrl ctrl(NoThread());
+    ASSERT_EQ(ctrl.Start(), 1);
+    ConfigureFaultPoints("1000000:fail", "");  // armed far off: the points are counted
+    ctrl.RunRound();
+    points = FaultPointsPassed();
+    ConfigureFaultPoints("", "");
+    ASSERT_EQ(clean.MediaBytes(), clean.old_bytes);
+  }
+  ASSERT_GE(points, 3u) << "the copies, the cut and the sync";
+  for (uint64_t n = 1; n <= points; ++n) {
+    test::UnfinishedMerge m;
+    m.Make();
+    MQCtrl ctrl(NoThread());
+    ASSERT_EQ(ctrl.Start(), 1);
+    ConfigureFaultPoints(std::to_string(n) + ":fail", "");
+    ctrl.RunRound();
+    ConfigureFaultPoints("", "");
+    EXPECT_TRUE(ctrl.IsRollBackPending(m.media)) << "point " << n;
+    EXPECT_TRUE(FileExists(m.packs) && FileExists(m.tail)) << "point " << n << ": a restore "
+                                                             "not known to be on disk keeps them";
+    ctrl.RunRound();
+    EXPECT_EQ(m.MediaBytes(), m.old_bytes) << "point " << n;
+    EXPECT_FALSE(FileExists(m.packs)) << "point " << n;
+  }
+}
+
 }  // namespace
 }  // namespace marquel
