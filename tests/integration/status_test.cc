@@ -80,6 +80,30 @@ TEST_F(Status, MarquelctlShowsTheServerItsOpenFilesAndThePendingMoves) {
   EXPECT_EQ(client_->CloseFile(h, 1), S_OK);
 }
 
+// Each FILE's state says where its tags are: waiting in a cache for the move, kept in a
+// cache with no move to come, in the file itself, or nowhere.
+TEST_F(Status, StatusOfAFileSaysWhetherItsTagsAreCachedInTheFileOrNowhere) {
+  const std::string waiting = TaggedCopy(*client_, "mpeg2ps.mpg", "waiting.mpg");
+  const std::string kept = CopyTestMedia("mpeg2ps.mpg", "kept.mpg");
+  int32_t h = -1;
+  ASSERT_EQ(client_->InitialFile(kept.c_str(), 0, 0, &h), S_OK);
+  ASSERT_EQ(client_->InsertDataOne(h, 16, 100000, 7), S_OK);
+  ASSERT_EQ(client_->CloseFile(h, 1), S_OK);  // kept in the cache: no move pending
+  const std::string bare = CopyTestMedia("mpeg2ps.mpg", "bare.mpg");
+  std::string out;
+  ASSERT_EQ(Ctl({"status", waiting, kept, bare, "--json"}, &out), 0) << out;
+  nlohmann::json j = nlohmann::json::parse(out);
+  ASSERT_EQ(j["pending"].size(), 3u);
+  EXPECT_EQ(j["pending"][0]["state"], "cached");
+  EXPECT_EQ(j["pending"][0]["done"], false);
+  EXPECT_EQ(j["pending"][1]["state"], "cached") << "nothing pending is not yet in the file";
+  EXPECT_EQ(j["pending"][1]["done"], true);
+  EXPECT_EQ(j["pending"][2]["state"], "no tags");
+  ASSERT_EQ(client_->MoveCacheDataToOrgFile(kept.c_str()), S_OK);
+  ASSERT_EQ(Ctl({"status", kept}, &out), 0) << out;
+  EXPECT_NE(out.find("in file\t" + kept), std::string::npos) << out;
+}
+
 TEST_F(Status, WithoutAServerMarquelctlShowsTheSavedMovesAndExits3) {
   const std::string pending = TaggedCopy(*client_, "ts188.ts", "waiting.ts");
   client_.reset();

@@ -15,6 +15,7 @@
 #include <memory>
 #include <thread>
 
+#include "cache_lookup.h"
 #include "command.h"
 #include "files/saved_pending.h"
 #include "platform/access_reg.h"
@@ -79,10 +80,30 @@ void PrintStatusText(const nlohmann::json& r) {
       std::cout << p["state"].get<std::string>() << '\t' << p["file"].get<std::string>() << '\n';
   }
   for (const auto& p : r["pending"])
-    std::cout << (p["done"].get<bool>() ? "not pending\t" : "pending\t")
-              << p["file"].get<std::string>() << '\n';
+    std::cout << p["state"].get<std::string>() << '\t' << p["file"].get<std::string>() << '\n';
   for (const auto& saved : r["saved_pending"])
     std::cout << "saved pending\t" << saved.get<std::string>() << '\n';
+}
+
+// Where a file's tags are: the server's state of its pending move ("cached" while it
+// waits, "moving"); with none pending, "cached" while a cache still holds them (the move
+// has nothing to go into, or the close kept them there), "in file" when the file itself
+// holds them (read-only open, QueryMQDataStatus 1), else "no tags". Nothing pending is
+// never taken for "in file" on its own.
+std::string FileState(IMarquelClient& client, const std::string& file, int32_t done,
+                      const nlohmann::json& status) {
+  const std::string absolute = Absolute(file);
+  if (!done) {
+    for (const auto& p : status["pending"])
+      if (p.value("file", "") == absolute) return p.value("state", "cached");
+    return "cached";
+  }
+  if (!EntriesOf(absolute, AllCacheKinds()).empty()) return "cached";
+  HeldFile held(client, file, 0, 0, /*read_only=*/true);
+  int32_t source = 0;
+  if (held.OpenResult() != S_OK || client.QueryMQDataStatus(held.Handle(), &source) != S_OK)
+    return "unknown";
+  return source == 1 ? "in file" : "no tags";
 }
 
 // The open files of the status with their memory figures from the standard methods, so
@@ -150,7 +171,8 @@ int Status(const StatusOptions& o) {
     int32_t done = 1;
     HRESULT hr = client->IsWriteToFileDone(file.c_str(), &done);
     if (hr != S_OK) return ReportFailure(o.json, "status " + file, hr);
-    result["pending"].push_back({{"file", file}, {"done", done != 0}});
+    result["pending"].push_back(
+        {{"file", file}, {"done", done != 0}, {"state", FileState(*client, file, done, status)}});
   }
   result["saved_pending"] = SavedPending();
   if (o.json)
