@@ -18,7 +18,7 @@ prefix="$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$build/CMakeCache.txt")"
 DESTDIR="$scratch/dest" cmake --install "$build" >/dev/null
 root="$scratch/dest$prefix"
 for f in bin/marquel64 bin/marquelctl include/marquel/marquel_client.h include/marquel/hresult.h \
-  share/dbus-1/interfaces/com.halvern.Marquel64.xml \
+  share/dbus-1/interfaces/com.halvern.Marquel64.xml share/dbus-1/interfaces/com.halvern.Marquel.Status1.xml \
   share/dbus-1/services/com.halvern.Marquel64.service lib/systemd/user/marquel64.service \
   share/man/man1/marquel64.1.gz share/man/man1/marquelctl.1.gz share/man/man7/marquel.7.gz \
   share/bash-completion/completions/marquelctl share/doc/marquel/copyright; do
