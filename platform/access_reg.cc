@@ -53,7 +53,7 @@ bool AccessReg::Open(RegRoot root, const char* subKeyPath) {
   Close();  // the old key goes even when the new open fails
   std::vector<std::string> parts;
   uint32_t status = store::SplitKeyPath(root, subKeyPath, &parts);
-  std::unique_ptr<store::Connection> conn;
+  store::ConnectionRef conn;
   if (status == ERROR_SUCCESS) status = store::Connection::Open(root, false, &conn);
   int64_t id = 0;
   if (status == ERROR_FILE_NOT_FOUND && conn == nullptr && parts.empty()) {
@@ -215,7 +215,7 @@ bool AccessReg::DeleteValue(const char* valueName) {
 bool AccessReg::CreateKey(RegRoot root, const char* subKeyPath, const char* className) {
   std::vector<std::string> parts;
   if (store::SplitKeyPath(root, subKeyPath, &parts) != ERROR_SUCCESS) return false;
-  std::unique_ptr<store::Connection> conn;
+  store::ConnectionRef conn;
   if (store::Connection::Open(root, true, &conn) != ERROR_SUCCESS) return false;
   int64_t id = 0;
   return conn->CreateKeyPath(0, parts, className != nullptr ? className : "", &id) == ERROR_SUCCESS;
@@ -225,9 +225,27 @@ bool AccessReg::DeleteKey(RegRoot root, const char* subKeyPath) {
   std::vector<std::string> parts;
   if (store::SplitKeyPath(root, subKeyPath, &parts) != ERROR_SUCCESS) return false;
   if (parts.empty()) return Refuse(ERROR_ACCESS_DENIED, "a root cannot be deleted");
-  std::unique_ptr<store::Connection> conn;
+  store::ConnectionRef conn;
   if (store::Connection::Open(root, false, &conn) != ERROR_SUCCESS) return false;
   return conn->DeleteKeyPath(0, parts) == ERROR_SUCCESS;
+}
+
+bool AccessReg::FindSubKeysByValue(const char* valueName, const void* data, uint32_t size,
+                                   std::vector<std::string>* names) {
+  if (names == nullptr) return false;
+  names->clear();
+  if (m_hKey == nullptr) return NoKey();
+  if (data == nullptr && size > 0) return Refuse(ERROR_INVALID_PARAMETER, "no data");
+  if (store::CheckValueName(valueName) != ERROR_SUCCESS) return false;
+  if (m_hKey->conn == nullptr) {
+    if (size > store::kMaxIndexedValueBytes) {
+      return Refuse(ERROR_INVALID_PARAMETER, "value too long to be looked up by its contents");
+    }
+    store::Ok();
+    return true;
+  }
+  return m_hKey->conn->SubKeysWithValue(m_hKey->keyId, valueName != nullptr ? valueName : "", data,
+                                        size, names) == ERROR_SUCCESS;
 }
 
 bool AccessReg::EnumKey(uint32_t index, char* nameBuffer, uint32_t capacity) {

@@ -6,14 +6,19 @@
 // message, in the thread's store status.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/reg_types.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
+struct stat;
 
 namespace marquel {
 namespace store {
@@ -32,6 +37,40 @@ uint32_t SplitKeyPath(RegRoot root, const char* path, std::vector<std::string>* 
 // ERROR_INVALID_PARAMETER for a value name over 16383 characters.
 uint32_t CheckValueName(const char* name);
 
+// Values of at most this many bytes can be found by their contents through an index.
+constexpr uint32_t kMaxIndexedValueBytes = 16;
+
+// The number of store connections the calling thread has opened so far.
+uint64_t ConnectionsOpened();
+
+class Connection;
+
+// A use of a store connection. Each thread keeps one connection per store file and hands
+// it to every object of that thread; a connection that has written is closed when its last
+// user lets go, so that its log is folded into the store file as when each object had
+// its own connection.
+class ConnectionRef {
+ public:
+  ConnectionRef() = default;
+  explicit ConnectionRef(std::shared_ptr<Connection> conn) : conn_(std::move(conn)) {}
+  ~ConnectionRef() { Release(); }
+  ConnectionRef(ConnectionRef&&) = default;
+  ConnectionRef& operator=(ConnectionRef&& other) {
+    if (this != &other) {
+      Release();
+      conn_ = std::move(other.conn_);
+    }
+    return *this;
+  }
+
+  Connection* operator->() const { return conn_.get(); }
+  bool operator==(std::nullptr_t) const { return conn_ == nullptr; }
+  void Release();
+
+ private:
+  std::shared_ptr<Connection> conn_;
+};
+
 class Connection {
  public:
   ~Connection();
@@ -42,7 +81,9 @@ class Connection {
   // and nothing is created. For writing, the per-user store makes its folder and file when
   // missing; the machine store makes its file but never a folder (ERROR_PATH_NOT_FOUND).
   // A file that is not a valid store gives ERROR_BADDB and is left untouched.
-  static uint32_t Open(RegRoot root, bool forWrite, std::unique_ptr<Connection>* out);
+  // The thread's connection to the file is reused while the file is the same one (path,
+  // device, inode, mode, size and times) in the same process; otherwise a new one is opened.
+  static uint32_t Open(RegRoot root, bool forWrite, ConnectionRef* out);
 
   // Key id of `parts` below key `from` (0 is the root).
   uint32_t FindKey(int64_t from, const std::vector<std::string>& parts, int64_t* id);
@@ -64,10 +105,27 @@ class Connection {
   uint32_t SubKeyAt(int64_t key, uint32_t index, std::string* name);
   uint32_t ValueAt(int64_t key, uint32_t index, std::string* name, uint32_t* type, uint32_t* size);
 
+  // The names of the sub-keys of `parent`, in creation order, whose value `name` holds
+  // exactly the `size` bytes at `data` (at most kMaxIndexedValueBytes; longer values are
+  // not indexed and give ERROR_INVALID_PARAMETER).
+  uint32_t SubKeysWithValue(int64_t parent, const std::string& name, const void* data,
+                            uint32_t size, std::vector<std::string>* names);
+
   bool CanWrite() const { return canWrite_; }
+  bool Wrote() const { return wrote_; }
 
  private:
+  struct CachedStatement {
+    sqlite3_stmt* stmt = nullptr;
+    bool inUse = false;
+  };
+
   Connection(sqlite3* db, std::string path, bool machine);
+  static uint32_t OpenNew(const std::string& path, bool machine, bool forWrite,
+                          std::shared_ptr<Connection>* out);
+  bool SameFile(const std::string& path, const struct stat& st) const;
+  void Remember(const struct stat& st);
+  void UpgradeIndex();      // adds the value index to a store made without it
   uint32_t Inspect();       // checks the file is a store of ours; sets hasSchema_
   uint32_t EnsureSchema();  // makes the tables in an empty store
   uint32_t Exec(const char* sql);
@@ -82,8 +140,20 @@ class Connection {
   bool machine_;
   bool hasSchema_ = false;
   bool canWrite_ = false;
+  bool wrote_ = false;
+  pid_t pid_;
+  // What the file looked like when last seen by this connection.
+  dev_t dev_ = 0;
+  ino_t ino_ = 0;
+  mode_t mode_ = 0;
+  uid_t uid_ = 0;
+  off_t size_ = 0;
+  int64_t mtimeNs_ = 0;
+  int64_t ctimeNs_ = 0;
+  std::unordered_map<std::string, CachedStatement> statements_;
 
   friend class Statement;
+  friend class ConnectionRef;
 };
 
 }  // namespace store
@@ -94,7 +164,7 @@ struct OpenStoreKey {
   int64_t keyId = 0;
   // Null only for a root opened while its store file did not exist yet; the first write
   // opens (and makes) the store.
-  std::unique_ptr<store::Connection> conn;
+  store::ConnectionRef conn;
 };
 
 }  // namespace marquel

@@ -35,12 +35,35 @@ constexpr const char* kSchema =
     "  type INTEGER NOT NULL,"
     "  data BLOB NOT NULL,"
     "  UNIQUE(key, name));"
+    "CREATE INDEX IF NOT EXISTS vals_by_small_data ON vals(name, data) WHERE length(data) <= 16;"
     "PRAGMA application_id = 1297175111;"
     "PRAGMA user_version = 1;";
 static_assert(kApplicationId == 1297175111);
+static_assert(store::kMaxIndexedValueBytes == 16);
+
+// Stores made before the value index get it on their first writable open; the schema
+// version stays, so that older programs keep reading the store.
+constexpr const char* kIndexUpgrade =
+    "CREATE INDEX IF NOT EXISTS vals_by_small_data ON vals(name, data) WHERE length(data) <= 16";
 
 thread_local uint32_t t_lastError = ERROR_SUCCESS;
 thread_local std::string t_lastMessage;
+thread_local uint64_t t_connectionsOpened = 0;
+
+// The thread's connections, one per store: the per-user store and the machine store.
+// Closed at thread exit (a forked child's copy is never closed, see ~Connection).
+thread_local bool t_connectionsGone = false;
+struct ThreadConnections {
+  ~ThreadConnections() { t_connectionsGone = true; }
+  std::shared_ptr<store::Connection> user;
+  std::shared_ptr<store::Connection> machine;
+  std::shared_ptr<store::Connection>& For(bool isMachine) { return isMachine ? machine : user; }
+};
+thread_local ThreadConnections t_connections;
+
+int64_t Nanoseconds(const struct timespec& t) {
+  return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
 
 bool IsFolder(const std::string& path) {
   struct stat st;
@@ -113,34 +136,101 @@ uint32_t SetStatus(uint32_t code, std::string message) {
   return code;
 }
 
+uint64_t ConnectionsOpened() {
+  return t_connectionsOpened;
+}
+
+void ConnectionRef::Release() {
+  if (conn_ == nullptr) return;
+  if (t_connectionsGone) {
+    conn_.reset();
+    return;
+  }
+  // A connection that wrote is closed with its last user: the close folds its log into
+  // the store file, which other programs and copies of the file then see whole.
+  std::shared_ptr<Connection>& cached = t_connections.For(conn_->machine_);
+  if (conn_->Wrote() && cached == conn_ && conn_.use_count() == 2) cached.reset();
+  conn_.reset();
+}
+
 Connection::Connection(sqlite3* db, std::string path, bool machine)
-    : db_(db), path_(std::move(path)), machine_(machine) {}
+    : db_(db), path_(std::move(path)), machine_(machine), pid_(getpid()) {}
 
 Connection::~Connection() {
+  if (pid_ != getpid()) {
+    // Inherited over fork: closing it here could fold or remove the parent's log. Kept
+    // reachable and never used.
+    static auto* inherited = new std::vector<sqlite3*>();
+    inherited->push_back(db_);
+    return;
+  }
+  for (auto& [sql, cached] : statements_) sqlite3_finalize(cached.stmt);
   sqlite3_close_v2(db_);
 }
 
-uint32_t Connection::Open(RegRoot root, bool forWrite, std::unique_ptr<Connection>* out) {
-  out->reset();
+bool Connection::SameFile(const std::string& path, const struct stat& st) const {
+  return pid_ == getpid() && path == path_ && st.st_dev == dev_ && st.st_ino == ino_ &&
+         st.st_mode == mode_ && st.st_uid == uid_ && st.st_size == size_ &&
+         Nanoseconds(st.st_mtim) == mtimeNs_ && Nanoseconds(st.st_ctim) == ctimeNs_;
+}
+
+void Connection::Remember(const struct stat& st) {
+  dev_ = st.st_dev;
+  ino_ = st.st_ino;
+  mode_ = st.st_mode;
+  uid_ = st.st_uid;
+  size_ = st.st_size;
+  mtimeNs_ = Nanoseconds(st.st_mtim);
+  ctimeNs_ = Nanoseconds(st.st_ctim);
+}
+
+uint32_t Connection::Open(RegRoot root, bool forWrite, ConnectionRef* out) {
+  *out = ConnectionRef();
   const bool machine = root == RegRoot::kLocalMachine;
+  std::shared_ptr<Connection>& cached = t_connections.For(machine);
   const std::string path = StoreFilePath(root);
   if (path.empty()) {
+    cached.reset();
     return SetStatus(ERROR_PATH_NOT_FOUND,
                      "no store location: neither XDG_DATA_HOME nor HOME is set");
   }
   struct stat st;
   if (stat(path.c_str(), &st) != 0) {
+    cached.reset();
     if (!forWrite) return SetStatus(ERROR_FILE_NOT_FOUND, "store file " + path + " does not exist");
     const uint32_t made = CreateStoreFile(path, machine);
     if (made != ERROR_SUCCESS) return made;
   } else if (!S_ISREG(st.st_mode)) {
+    cached.reset();
     return SetStatus(ERROR_BADDB, "store file " + path + " is not a regular file");
+  } else if (cached != nullptr && cached->SameFile(path, st)) {
+    uint32_t status = cached->hasSchema_ ? ERROR_SUCCESS : cached->Inspect();
+    if (status == ERROR_SUCCESS && forWrite && !cached->hasSchema_) status = cached->EnsureSchema();
+    if (status != ERROR_SUCCESS) {
+      cached.reset();
+      return status;
+    }
+    *out = ConnectionRef(cached);
+    return Ok();
   }
+  std::shared_ptr<Connection> conn;
+  const uint32_t status = OpenNew(path, machine, forWrite, &conn);
+  // A connection still in use by an object keeps working; the thread moves on to the new one.
+  cached.reset();
+  if (status != ERROR_SUCCESS) return status;
+  cached = conn;
+  *out = ConnectionRef(std::move(conn));
+  return Ok();
+}
+
+uint32_t Connection::OpenNew(const std::string& path, bool machine, bool forWrite,
+                             std::shared_ptr<Connection>* out) {
   sqlite3* db = nullptr;
   // No SQLITE_OPEN_CREATE: only CreateStoreFile makes files. A file the user may not
   // write is opened read-only by SQLite; writes to it then fail as access denied.
   int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-  std::unique_ptr<Connection> conn(new Connection(db, path, machine));
+  ++t_connectionsOpened;
+  std::shared_ptr<Connection> conn(new Connection(db, path, machine));
   if (rc != SQLITE_OK) return conn->Fail(rc, "opening");
   sqlite3_busy_timeout(db, kBusyTimeoutMs);
   sqlite3_extended_result_codes(db, 1);
@@ -154,8 +244,24 @@ uint32_t Connection::Open(RegRoot root, bool forWrite, std::unique_ptr<Connectio
     status = conn->EnsureSchema();
     if (status != ERROR_SUCCESS) return status;
   }
+  if (conn->hasSchema_ && conn->canWrite_) conn->UpgradeIndex();
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0)
+    return SetStatus(ERROR_FILE_NOT_FOUND, "store file " + path + " does not exist");
+  conn->Remember(st);
   *out = std::move(conn);
   return Ok();
+}
+
+void Connection::UpgradeIndex() {
+  {
+    Statement s(*this,
+                "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = 'vals_by_small_data'");
+    if (s.Step() != SQLITE_DONE) return;  // present, or unreadable: lookups still scan
+  }
+  // Best effort: a store without the index answers the same, only slower.
+  if (Exec("BEGIN IMMEDIATE") != ERROR_SUCCESS) return;
+  if (Exec(kIndexUpgrade) != ERROR_SUCCESS || Commit() != ERROR_SUCCESS) Rollback();
 }
 
 uint32_t Connection::Inspect() {
@@ -216,8 +322,12 @@ uint32_t Connection::Exec(const char* sql) {
 }
 
 uint32_t Connection::Commit() {
+  wrote_ = true;
   uint32_t status = Exec("COMMIT");
   if (status != ERROR_SUCCESS) Rollback();
+  // The commit may have folded the log into the file; that change is this connection's own.
+  struct stat st;
+  if (status == ERROR_SUCCESS && stat(path_.c_str(), &st) == 0) Remember(st);
   return status;
 }
 

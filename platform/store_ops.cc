@@ -196,6 +196,7 @@ uint32_t Connection::DeleteValue(int64_t key, const std::string& name) {
   s.Bind(2, name);
   int rc = s.Step();
   if (rc != SQLITE_DONE) return Fail(rc, "writing");
+  wrote_ = true;
   return sqlite3_changes(db_) == 0 ? NotFound("value") : Ok();
 }
 
@@ -225,6 +226,32 @@ uint32_t Connection::ValueAt(int64_t key, uint32_t index, std::string* name, uin
   *name = s.Text(0);
   *type = static_cast<uint32_t>(s.Int(1));
   *size = static_cast<uint32_t>(s.Int(2));
+  return Ok();
+}
+
+uint32_t Connection::SubKeysWithValue(int64_t parent, const std::string& name, const void* data,
+                                      uint32_t size, std::vector<std::string>* names) {
+  names->clear();
+  if (size > kMaxIndexedValueBytes) {
+    return SetStatus(ERROR_INVALID_PARAMETER, "value too long to be looked up by its contents");
+  }
+  if (!hasSchema_) return Ok();
+  // The values lead (CROSS JOIN keeps that order), so the index on (name, data) finds the
+  // few matches instead of reading every sub-key of `parent`. The length term lets the
+  // partial index serve; a store without the index gives the same answer by a scan.
+  Statement s(*this,
+              "SELECT k.name FROM vals AS v CROSS JOIN keys AS k ON k.id = v.key "
+              "WHERE v.name = ?1 AND v.data = ?2 AND length(data) <= 16 AND k.parent = ?3 "
+              "ORDER BY k.id");
+  s.Bind(1, name);
+  s.BindBlob(2, data, size);
+  s.Bind(3, parent);
+  int rc;
+  while ((rc = s.Step()) == SQLITE_ROW) names->push_back(s.Text(0));
+  if (rc != SQLITE_DONE) {
+    names->clear();
+    return Fail(rc, "reading");
+  }
   return Ok();
 }
 

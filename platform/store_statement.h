@@ -1,4 +1,5 @@
-// A prepared SQLite statement that finalises itself (private to the store).
+// A prepared SQLite statement of a connection's cache (private to the store). It is reset
+// when the object goes, so that no read stays open between calls.
 #pragma once
 
 #include <sqlite3.h>
@@ -14,9 +15,33 @@ namespace store {
 class Statement {
  public:
   Statement(Connection& conn, const char* sql) {
-    rc_ = sqlite3_prepare_v2(conn.db_, sql, -1, &stmt_, nullptr);
+    Connection::CachedStatement& cached = conn.statements_[sql];
+    if (cached.inUse) {  // the same text twice at once: a private copy
+      rc_ = sqlite3_prepare_v2(conn.db_, sql, -1, &stmt_, nullptr);
+      return;
+    }
+    if (cached.stmt == nullptr) {
+      rc_ = sqlite3_prepare_v3(conn.db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &cached.stmt, nullptr);
+      if (rc_ != SQLITE_OK) {
+        sqlite3_finalize(cached.stmt);
+        cached.stmt = nullptr;
+        return;
+      }
+    }
+    rc_ = SQLITE_OK;
+    stmt_ = cached.stmt;
+    cached_ = &cached;
+    cached.inUse = true;
   }
-  ~Statement() { sqlite3_finalize(stmt_); }
+  ~Statement() {
+    if (cached_ == nullptr) {
+      sqlite3_finalize(stmt_);
+      return;
+    }
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+    cached_->inUse = false;
+  }
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
 
@@ -54,6 +79,7 @@ class Statement {
 
  private:
   sqlite3_stmt* stmt_ = nullptr;
+  Connection::CachedStatement* cached_ = nullptr;
   int rc_;
 };
 

@@ -89,6 +89,14 @@ class AccessReg {
   // sub-keys, and for a root itself.
   bool DeleteKey(RegRoot root, const char* subKeyPath);
 
+  // Collects into *names, in creation order, the sub-keys of the open key whose value
+  // `valueName` holds exactly the `size` bytes at `data` (any type). Such lookups go
+  // through an index, so they cost the same for ten sub-keys as for ten thousand. Values of
+  // at most 16 bytes only: a longer `size` fails with ERROR_INVALID_PARAMETER. True, with
+  // perhaps no names, when the lookup ran.
+  bool FindSubKeysByValue(const char* valueName, const void* data, uint32_t size,
+                          std::vector<std::string>* names);
+
   // Copies the name of the sub-key at `index` (0-based, creation order) of the open key
   // into nameBuffer (capacity in bytes, terminator included). False past the last
   // sub-key, or when the name does not fit.
