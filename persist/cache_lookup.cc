@@ -37,6 +37,27 @@ bool EntryFileMayBeTakenOver(const std::string& entryPath, const std::string& me
          of_entry.st_ino == of_media.st_ino;
 }
 
+// The entries of `kind` whose "CONTENTINFO" is `content`, in creation order, found through
+// the store's index rather than by reading every entry.
+std::vector<CacheEntry> EntriesWithContent(CacheKind kind, uint32_t content) {
+  AccessReg base;
+  std::vector<std::string> names;
+  const uint8_t bytes[4] = {static_cast<uint8_t>(content), static_cast<uint8_t>(content >> 8),
+                            static_cast<uint8_t>(content >> 16),
+                            static_cast<uint8_t>(content >> 24)};
+  if (!base.Open(HKEY_CURRENT_USER, CacheBaseKey(kind)) ||
+      !base.FindSubKeysByValue(kContentInfoValue, bytes, sizeof bytes, &names)) {
+    return {};
+  }
+  base.Close();
+  std::vector<CacheEntry> entries;
+  for (const std::string& name : names) {
+    CacheEntry entry;
+    if (ReadCacheEntry(kind, name, &entry)) entries.push_back(std::move(entry));
+  }
+  return entries;
+}
+
 }  // namespace
 
 bool FindEntryByPath(CacheKind kind, const std::string& mediaPath, CacheEntry* out) {
@@ -67,7 +88,7 @@ bool FindCacheEntry(CacheKind kind, const std::string& mediaPath, const uint64_t
   // A file whose name or folder changed keeps its cache: the first entry with the same
   // content and identity words is the file's, unless that entry's own file is still there.
   if (!sample.taken) return false;
-  for (CacheEntry& candidate : ListCacheEntries(kind)) {
+  for (CacheEntry& candidate : EntriesWithContent(kind, sample.crc)) {
     if (candidate.Complete() && candidate.has_content && candidate.content == sample.crc &&
         SameIdentity(candidate.file, identity) &&
         EntryFileMayBeTakenOver(candidate.file.media_path, mediaPath)) {
