@@ -8,9 +8,8 @@
 //   insert_period_1m       InsertDataPeriod of 1,000,000 samples, end to end; ratio against
 //                          2,000,000 samples/s (goal 1)
 //   get_all_1m             GetDataAll of 1,000,000 samples; ratio against 2,000,000 samples/s
-// Lines starting with "#" give the baselines. The run makes a home of its own under
-// $TMPDIR (XDG folders, store), registers the built marquel64 there for activation, and
-// starts its own dbus-daemon; everything is removed at the end.
+// Lines starting with "#" give the baselines. The run happens in a private world
+// (bus_world.h).
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -27,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "bus_world.h"
 #include "marquel/marquel_client.h"
 
 namespace {
@@ -73,90 +73,6 @@ const sd_bus_vtable kNoopTable[] = {
     if (r < 0) _exit(0);
     if (r == 0 && sd_bus_wait(bus, UINT64_MAX) < 0) _exit(0);
   }
-}
-
-// --- The private world -------------------------------------------------------------
-
-struct World {
-  std::string root;
-  pid_t daemon = -1;
-  pid_t noop = -1;
-};
-
-bool Run(const std::vector<std::string>& argv) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-bool MakeWorld(World* w) {
-  const char* tmp = getenv("TMPDIR");
-  std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/marquel-ipc-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) return false;
-  w->root = pattern;
-  for (const char* dir : {"/data", "/run", "/tmp", "/machine"})
-    std::filesystem::create_directories(w->root + dir);
-  chmod((w->root + "/run").c_str(), 0700);
-  setenv("HOME", w->root.c_str(), 1);
-  setenv("XDG_DATA_HOME", (w->root + "/data").c_str(), 1);
-  setenv("XDG_RUNTIME_DIR", (w->root + "/run").c_str(), 1);
-  setenv("TMPDIR", (w->root + "/tmp").c_str(), 1);
-  setenv("MARQUEL_MACHINE_STORE", (w->root + "/machine/registry.db").c_str(), 1);
-  if (!Run({MARQUEL64_PATH, "-RegServer"})) return false;
-  std::string config = w->root + "/bus.conf";
-  std::ofstream(config) << "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
-                           "<auth>EXTERNAL</auth><standard_session_servicedirs/>"
-                           "<policy context=\"default\"><allow user=\"*\"/>"
-                           "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                           "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
-                           "<limit name=\"max_message_size\">1000000000</limit>"
-                           "<limit name=\"max_incoming_bytes\">1000000000</limit>"
-                           "<limit name=\"max_outgoing_bytes\">1000000000</limit></busconfig>";
-  int fds[2];
-  if (pipe(fds) != 0) return false;
-  w->daemon = fork();
-  if (w->daemon == 0) {
-    close(fds[0]);
-    // The daemon and the server it starts keep quiet: only BENCH lines go to the output.
-    int null_fd = open("/dev/null", O_RDWR);
-    dup2(null_fd, 1);
-    dup2(null_fd, 2);
-    std::string conf = "--config-file=" + config;
-    std::string print = "--print-address=" + std::to_string(fds[1]);
-    execlp("dbus-daemon", "dbus-daemon", conf.c_str(), "--nofork", print.c_str(), nullptr);
-    _exit(127);
-  }
-  close(fds[1]);
-  char buffer[512];
-  ssize_t n = read(fds[0], buffer, sizeof buffer - 1);
-  close(fds[0]);
-  if (n <= 0) return false;
-  buffer[n] = '\0';
-  std::string address(buffer);
-  address.erase(address.find('\n'));
-  setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-  w->noop = fork();
-  if (w->noop == 0) ServeNoop();
-  return true;
-}
-
-void EndWorld(World* w) {
-  for (pid_t pid : {w->noop, w->daemon}) {
-    if (pid > 0) {
-      kill(pid, SIGTERM);
-      waitpid(pid, nullptr, 0);
-    }
-  }
-  std::error_code ec;
-  if (!w->root.empty()) std::filesystem::remove_all(w->root, ec);
 }
 
 // --- The figures -------------------------------------------------------------------
@@ -238,14 +154,14 @@ int Bench() {
 }  // namespace
 
 int main() {
-  World world;
-  if (!MakeWorld(&world)) {
+  benchworld::World world;
+  if (!benchworld::MakeWorld(&world, ServeNoop)) {
     std::fprintf(stderr, "ipc: cannot set up the private bus\n");
-    EndWorld(&world);
+    benchworld::EndWorld(&world);
     return 1;
   }
   int status = Bench();
   if (status != 0) std::fprintf(stderr, "ipc: a call failed (%d)\n", status);
-  EndWorld(&world);
+  benchworld::EndWorld(&world);
   return status;
 }
