@@ -19,6 +19,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include "bus_world.h"
 #include "marquel/marquel_client.h"
@@ -145,7 +146,9 @@ bool GrowCaches(int from, int to) {
 std::string MakeMedia(const std::string& name) {
   std::string path = std::string(getenv("TMPDIR")) + "/" + name;
   std::string bytes(1 << 20, '\0');
-  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>((i * 131) ^ (i >> 9));
+  const size_t seed = std::hash<std::string>()(name);
+  for (size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<char>((i * 131) ^ (i >> 9) ^ seed);
   std::ofstream(path, std::ios::binary) << bytes;
   return path;
 }
@@ -172,7 +175,14 @@ int OpenWithBigCache(marquel::IMarquelClient& client) {
       client.CloseFile(h, 0);
     }
     medians.push_back(Median(times));
-    std::printf("# open_with_big_cache entries=%d median %.3f ms\n", size, medians.back());
+    // A file new to the cache is looked up by its fingerprint among every entry of its kind.
+    const std::string fresh = MakeMedia("new" + std::to_string(size) + ".mpg");
+    auto start = Clock::now();
+    const bool opened = client.InitialFile(fresh.c_str(), 0, 0, &h) == marquel::S_OK;
+    const double freshMs = Seconds(start) * 1000;
+    if (opened) client.CloseFile(h, 0);
+    std::printf("# open_with_big_cache entries=%d median %.3f ms; a new file %.3f ms%s\n", size,
+                medians.back(), freshMs, opened ? "" : " (failed)");
   }
   const double ratio = medians.back() / medians.front();
   const bool fast = *std::max_element(medians.begin(), medians.end()) <= 0.5;
@@ -220,14 +230,17 @@ int CloseToCache(marquel::IMarquelClient& client, const std::string& root) {
   for (int round = 0; round < 3; ++round) {
     const std::string file = MakeMedia("close" + std::to_string(round) + ".mpg");
     int32_t h = -1;
-    if (client.InitialFile(file.c_str(), 0, 0, &h) != marquel::S_OK) return 2;
+    if (client.InitialFile(file.c_str(), 0, 0, &h) != marquel::S_OK) return 3;
     // Tags of plain samples: an id the block writes as raw bytes refuses them, and is
     // skipped.
     int tags = 0;
     for (int32_t id = 40; tags < kTags && id < 255; ++id) {
       tags += client.InsertDataPeriod(h, id, samples.data(), kEach) == marquel::S_OK;
     }
-    if (tags < kTags) return 2;
+    if (tags < kTags) {
+      std::fprintf(stderr, "open_cache: only %d tags took samples\n", tags);
+      return 2;
+    }
     auto start = Clock::now();
     const auto hr = client.CloseFile(h, 1);
     if (hr != marquel::S_OK) {
