@@ -259,9 +259,14 @@ void Connection::UpgradeIndex() {
                 "SELECT 1 FROM sqlite_master WHERE type = 'index' AND name = 'vals_by_small_data'");
     if (s.Step() != SQLITE_DONE) return;  // present, or unreadable: lookups still scan
   }
-  // Best effort: a store without the index answers the same, only slower.
-  if (Exec("BEGIN IMMEDIATE") != ERROR_SUCCESS) return;
-  if (Exec(kIndexUpgrade) != ERROR_SUCCESS || Commit() != ERROR_SUCCESS) Rollback();
+  // Best effort, and never waiting for another writer: a store without the index answers
+  // the same, only slower, and a later connection tries again.
+  sqlite3_busy_timeout(db_, 0);
+  if (Exec("BEGIN IMMEDIATE") == ERROR_SUCCESS &&
+      (Exec(kIndexUpgrade) != ERROR_SUCCESS || Commit() != ERROR_SUCCESS)) {
+    Rollback();
+  }
+  sqlite3_busy_timeout(db_, kBusyTimeoutMs);
 }
 
 uint32_t Connection::Inspect() {
