@@ -16,8 +16,12 @@ namespace {
 constexpr char kPathValue[] = "PATH";
 constexpr char kRollBackValue[] = "ROLLBACK";
 
+std::string SubKey(const std::string& keyName) {
+  return std::string(kPendingMovesKey) + "\\" + keyName;
+}
+
 std::string PendingKey(const std::string& path) {
-  return std::string(kPendingMovesKey) + "\\" + CacheSubKeyName(path);
+  return SubKey(CacheSubKeyName(path));
 }
 
 // The sub-key of a listed file. Its name may be a hash of the path (a long path does not
@@ -43,8 +47,7 @@ bool ReadCarriedRecord(const std::string& keyName, RollBackRecord* record) {
   AccessReg reg;
   uint32_t kind = 0;
   std::vector<uint8_t> packed;
-  const std::string key = std::string(kPendingMovesKey) + "\\" + keyName;
-  return reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
+  return reg.Open(HKEY_CURRENT_USER, SubKey(keyName).c_str()) &&
          reg.QueryValue(kRollBackValue, &kind, &packed) && UnpackRollBackRecord(packed, record);
 }
 
@@ -91,9 +94,14 @@ bool MQCtrl::RenamePendingFile(const std::string& from, const std::string& to) {
   Entry renamed;
   {
     std::lock_guard<std::mutex> lock(list_mu_);
-    auto it = std::find_if(pending_.begin(), pending_.end(),
-                           [&](const Entry& e) { return Same(e.path, from); });
+    auto is_from = [&](const Entry& e) { return Same(e.path, from); };
+    auto it = std::find_if(pending_.begin(), pending_.end(), is_from);
     if (it == pending_.end()) return false;
+    // A listed file the rename replaced is gone: its entry would only repeat this one.
+    pending_.erase(std::remove_if(pending_.begin(), pending_.end(),
+                                  [&](const Entry& e) { return !is_from(e) && Same(e.path, to); }),
+                   pending_.end());
+    it = std::find_if(pending_.begin(), pending_.end(), is_from);
     it->path = to;
     if (it->roll_back) it->record.media = to;
     renamed = *it;
@@ -122,10 +130,15 @@ std::vector<MQCtrl::Entry> MQCtrl::Entries() {
   return pending_;
 }
 
-// What is still pending is written again, so that the store mirrors the list.
+// A key whose write failed earlier is written again, so that the store mirrors the list.
+// Keys that are there are left as they are: each one rewritten would cost a synced store
+// write per pending file every round.
 size_t MQCtrl::MirrorPendingKeys() {
   const std::vector<Entry> left = Entries();
-  for (const Entry& e : left) WritePendingKey(e.path, e.roll_back ? &e.record : nullptr);
+  for (const Entry& e : left) {
+    if (!AccessReg().Open(HKEY_CURRENT_USER, PendingKey(e.path).c_str()))
+      WritePendingKey(e.path, e.roll_back ? &e.record : nullptr);
+  }
   return left.size();
 }
 
@@ -150,10 +163,6 @@ void MQCtrl::RemoveFromList(const std::string& path) {
   reg.DeleteKey(HKEY_CURRENT_USER, PendingKey(path).c_str());
 }
 
-// The listed files of the last run are read back. Their keys stay until each file leaves
-// the list, so that a server killed before its first round ends still finds them at the
-// next start. A file that is not there is kept only while its folder is not there either
-// (a volume that is not mounted now); the key of a dropped file goes.
 std::vector<SavedPendingFile> SavedPendingFiles() {
   std::vector<SavedPendingFile> saved;
   AccessReg root;
@@ -163,8 +172,7 @@ std::vector<SavedPendingFile> SavedPendingFiles() {
   for (SavedPendingFile& f : saved) {
     AccessReg reg;
     char path[4096];
-    const std::string key = std::string(kPendingMovesKey) + "\\" + f.key_name;
-    if (reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
+    if (reg.Open(HKEY_CURRENT_USER, SubKey(f.key_name).c_str()) &&
         reg.QueryString(kPathValue, path, sizeof path) && path[0] == '/')
       f.path = path;
   }
@@ -220,8 +228,7 @@ void MQCtrl::LoadSavedPending() {
       continue;
     }
     if (flagged) DiscardRollBackBackups(carried);
-    AccessReg().DeleteKey(HKEY_CURRENT_USER,
-                          (std::string(kPendingMovesKey) + "\\" + f.key_name).c_str());
+    AccessReg().DeleteKey(HKEY_CURRENT_USER, SubKey(f.key_name).c_str());
   }
 }
 

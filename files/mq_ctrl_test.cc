@@ -223,6 +223,31 @@ TEST(MQCtrlTest, ARenamedListedFileIsListedAndKeptInTheStoreUnderItsNewName) {
   EXPECT_FALSE(ctrl.RenamePendingFile(from, to)) << "the old name is not listed any more";
 }
 
+TEST(MQCtrlTest, ARenameOntoAnotherListedFileLeavesOneEntry) {
+  MQCtrl ctrl(NoThread());
+  const std::string from = Made("new_take.mpg");
+  const std::string to = Made("old_take.mpg");
+  ASSERT_EQ(ctrl.AddPendingFile(from), 1);
+  ASSERT_EQ(ctrl.AddPendingFile(to), 1);
+  ASSERT_EQ(std::rename(from.c_str(), to.c_str()), 0);
+  EXPECT_TRUE(ctrl.RenamePendingFile(from, to));
+  EXPECT_EQ(ctrl.PendingFiles(), std::vector<std::string>{to});
+}
+
+TEST(MQCtrlTest, ARoundWritesAgainTheKeyOfAListedFileTheStoreLost) {
+  MQCtrl ctrl(NoThread());
+  const std::string path = Made("kept_open.mpg");
+  const int32_t h = ctrl.OpenFile(path, 0, 0, 0, nullptr, 0, 0, -1);
+  ASSERT_GE(h, 0);
+  ASSERT_EQ(ctrl.AddPendingFile(path), 1);
+  const std::string key = std::string(kMQTemp) + "\\" + SavedPendingFiles().at(0).key_name;
+  ASSERT_TRUE(AccessReg().DeleteKey(HKEY_CURRENT_USER, key.c_str()));
+  ASSERT_TRUE(StoredPaths().empty());
+  EXPECT_EQ(ctrl.RunRound(), 1u) << "open: skipped";
+  EXPECT_EQ(StoredPaths(), std::vector<std::string>{path});
+  ctrl.CloseFile(h, 1);
+}
+
 TEST(MQCtrlTest, TheMonitorThreadWorksTheListOffAndStopWaitsForIt) {
   MQCtrl ctrl(MonitorOptions{20ms, true});
   ASSERT_EQ(ctrl.Start(), 1);

@@ -52,12 +52,6 @@ size_t MQCtrl::RunRound() {
 // by another program since, clears it as a finished one does.
 bool MQCtrl::RollBackFile(const Entry& entry) {
   const std::string& path = entry.path;
-  if (!CurrentEnv()->IsPathPresent(path)) {
-    if (!CurrentEnv()->IsPathPresent(FolderOf(path))) return false;  // kept below
-    DiscardRollBackBackups(entry.record);  // deleted: nothing to restore into
-    ClearRollBack(path);
-    return true;
-  }
   MQ_LOG("MQCtrl: RollBackToOrg(%s)", path.c_str());
   if (RollBackToOrg(entry.record) == RollBackOutcome::kFailed) {
     MQ_LOG("MQCtrl: RollBackToOrg(%s) failed; the file waits for the next round", path.c_str());
@@ -72,7 +66,6 @@ bool MQCtrl::ProcessFile(const Entry& entry) {
   const std::string& path = entry.path;
   MarquelOneFile session;
   session.SetHandle(MarquelOneFile::kDetachedSessionNumber);
-  if (entry.roll_back && !RollBackFile(entry) && CurrentEnv()->IsPathPresent(path)) return false;
   if (!CurrentEnv()->IsPathPresent(path)) {
     // An unplugged disk is not a deleted file: its tags wait for the volume to return.
     if (!CurrentEnv()->IsPathPresent(FolderOf(path))) {
@@ -82,9 +75,11 @@ bool MQCtrl::ProcessFile(const Entry& entry) {
           path.c_str());
       return false;
     }
+    if (entry.roll_back) DiscardRollBackBackups(entry.record);  // nothing to restore into
     session.ForceDeleteCacheData(path);
     return true;
   }
+  if (entry.roll_back && !RollBackFile(entry)) return false;
   MQ_LOG("MQCtrl: MoveCacheDataToOrgFile(%s)", path.c_str());
   return session.MoveCacheDataToOrgFile(path, 1) != -1;
 }

@@ -76,17 +76,28 @@ bool WriteRollBackValues(const std::string& mediaPath, uint32_t type,
                     ReadState(media, added, &state);
   if (media != kInvalidFileHandle) CloseFileHandle(media);
   if (!read) return false;
-  const std::string key = RollBackKey(mediaPath);
-  AccessReg reg;
-  bool ok = reg.CreateKey(HKEY_CURRENT_USER, key.c_str()) &&
-            reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
-            reg.SetValue("BUF", buf.data(), REG_BINARY, static_cast<uint32_t>(buf.size())) &&
-            reg.SetValue("GUARD", guard, REG_BINARY, sizeof guard) &&
-            reg.SetValue("STATE", &state, REG_BINARY, sizeof state) &&
-            reg.SetString("PATH", mediaPath.c_str()) && reg.SetDword("TYPE", type);
-  reg.Close();
+  RollBackRecord record;
+  record.media = mediaPath;
+  record.type = type;
+  record.buf = buf;
+  record.guard.assign(guard, guard + sizeof guard);
+  const uint8_t* s = reinterpret_cast<const uint8_t*>(&state);
+  record.state.assign(s, s + sizeof state);
+  const bool ok = StoreRollBackValues(RollBackKey(mediaPath), record);
   if (!ok) DeleteRollBackRecord(mediaPath);
   return ok;
+}
+
+bool StoreRollBackValues(const std::string& key, const RollBackRecord& r) {
+  AccessReg reg;
+  auto set = [&reg](const char* name, const std::vector<uint8_t>& bytes) {
+    return bytes.empty() ||
+           reg.SetValue(name, bytes.data(), REG_BINARY, static_cast<uint32_t>(bytes.size()));
+  };
+  return reg.CreateKey(HKEY_CURRENT_USER, key.c_str()) &&
+         reg.Open(HKEY_CURRENT_USER, key.c_str()) && set("BUF", r.buf) && set("GUARD", r.guard) &&
+         set("STATE", r.state) && reg.SetString("PATH", r.media.c_str()) &&
+         reg.SetDword("TYPE", r.type);
 }
 
 bool RollBackStillTheMergesFile(const std::vector<uint8_t>& guard,

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "persist/merge_rollback.h"
 #include "platform/files.h"
 
 namespace marquel {
@@ -36,6 +37,9 @@ bool WriteRollBackValues(const std::string& mediaPath, uint32_t type,
 bool RollBackStillTheMergesFile(const std::vector<uint8_t>& guard,
                                 const std::vector<uint8_t>& state, FileHandle media,
                                 int64_t offset);
+// Writes `record`'s values ("BUF", "GUARD" and "STATE" when not empty, "PATH", "TYPE")
+// under `key`, creating it. False when the store cannot take them all.
+bool StoreRollBackValues(const std::string& key, const RollBackRecord& record);
 // Deletes the record. True also when there was none; false when it stays.
 bool DeleteRollBackRecord(const std::string& mediaPath);
 

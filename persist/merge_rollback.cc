@@ -127,19 +127,10 @@ void DeleteRollBackRecords(const std::vector<RollBackRecord>& records) {
 }
 
 bool KeepRollBackRecord(const RollBackRecord& r) {
-  const std::string key = r.key_name.empty()
-                              ? RollBackKey(r.media)
-                              : std::string(kRollBackRoot) + "\\" + r.key_name;
-  AccessReg reg;
-  bool ok = reg.CreateKey(HKEY_CURRENT_USER, key.c_str()) &&
-            reg.Open(HKEY_CURRENT_USER, key.c_str()) &&
-            reg.SetValue("BUF", r.buf.data(), REG_BINARY, static_cast<uint32_t>(r.buf.size())) &&
-            reg.SetString("PATH", r.media.c_str()) && reg.SetDword("TYPE", r.type);
-  if (ok && !r.guard.empty())
-    ok = reg.SetValue("GUARD", r.guard.data(), REG_BINARY, static_cast<uint32_t>(r.guard.size()));
-  if (ok && !r.state.empty())
-    ok = reg.SetValue("STATE", r.state.data(), REG_BINARY, static_cast<uint32_t>(r.state.size()));
-  return ok;
+  return StoreRollBackValues(r.key_name.empty()
+                                 ? RollBackKey(r.media)
+                                 : std::string(kRollBackRoot) + "\\" + r.key_name,
+                             r);
 }
 
 std::vector<uint8_t> PackRollBackRecord(const RollBackRecord& r) {
