@@ -107,8 +107,10 @@ bool MQCtrl::RenamePendingFile(const std::string& from, const std::string& to) {
     renamed = *it;
   }
   // The new key first: a crash in between leaves the file listed under one name or both.
-  WritePendingKey(to, renamed.roll_back ? &renamed.record : nullptr);
-  AccessReg().DeleteKey(HKEY_CURRENT_USER, PendingKey(from).c_str());
+  // When the store cannot take it the old key stays, so a restart still finds the move;
+  // the round's mirror writes the new key once the store can.
+  if (WritePendingKey(to, renamed.roll_back ? &renamed.record : nullptr))
+    AccessReg().DeleteKey(HKEY_CURRENT_USER, PendingKey(from).c_str());
   MQ_LOG("MQCtrl: '%s' renamed to '%s' on the list", from.c_str(), to.c_str());
   return true;
 }

@@ -37,11 +37,12 @@ uint32_t WriteKey(const std::string& path, const char* default_text,
   return ERROR_SUCCESS;
 }
 
-// Deletes a key with everything below it; a missing key is no error.
-void DeleteTree(const std::string& path) {
+// Deletes a key with everything below it; a missing key is no error. False when the key
+// is still there afterwards.
+bool DeleteTree(const std::string& path) {
   {
     AccessReg reg;
-    if (!reg.Open(HKEY_CLASSES_ROOT, path.c_str())) return;
+    if (!reg.Open(HKEY_CLASSES_ROOT, path.c_str())) return true;
     char name[512];
     std::vector<std::string> children;
     for (uint32_t i = 0; reg.EnumKey(i, name, sizeof name); ++i) children.push_back(name);
@@ -49,7 +50,7 @@ void DeleteTree(const std::string& path) {
     for (const std::string& child : children) DeleteTree(path + "\\" + child);
   }
   AccessReg reg;
-  reg.DeleteKey(HKEY_CLASSES_ROOT, path.c_str());
+  return reg.DeleteKey(HKEY_CLASSES_ROOT, path.c_str());
 }
 
 // The application entries: the AppID key named "Marquel64" and the executable's key.
@@ -107,9 +108,11 @@ bool WriteTextFile(const std::string& path, const std::string& text) {
   return !ec;
 }
 
-void RemoveFileIfThere(const std::string& path) {
+// True when the file is not there afterwards.
+bool RemoveFileIfThere(const std::string& path) {
   std::error_code ec;
   std::filesystem::remove(path, ec);
+  return !ec;
 }
 
 // The Exec line of the activation file: quoted when the path holds a space.
@@ -230,12 +233,15 @@ int UnregisterServer(std::string* report) {
   const bool systemd = control.available && control.available();
   // The unit is stopped while its file is still there, so that systemd knows what to stop.
   const bool stopped = systemd && control.run(StopUnitCommand()) == 0;
-  RemoveFileIfThere(UnitFilePath());
-  RemoveFileIfThere(ActivationFilePath());
+  const bool files_gone =
+      RemoveFileIfThere(UnitFilePath()) && RemoveFileIfThere(ActivationFilePath());
   DeleteClass();
-  DeleteTree(AppIdKey());
-  DeleteTree(std::string("AppID\\") + kExeKey);
+  // The application key decides whether a server runs: it must be gone.
+  const bool keys_gone =
+      DeleteTree(AppIdKey()) && DeleteTree(std::string("AppID\\") + kExeKey);
   if (systemd) control.run({"systemctl", "--user", "daemon-reload"});
+  if (!files_gone) return static_cast<int>(kFileWriteError);
+  if (!keys_gone) return static_cast<int>(StoreLastError());
   if (report) {
     *report = std::string("unregistered: ") +
               (stopped ? "stopped " + std::string(kUnitName) + ", " : "") + "removed " +

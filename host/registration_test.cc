@@ -103,6 +103,15 @@ TEST(Registration, ServiceThenUnregServerRemovesEverything) {
   EXPECT_FALSE(service);
 }
 
+TEST(Registration, UnregServerThatCannotRemoveTheActivationFileSaysSo) {
+  ASSERT_EQ(RegisterServer(kExe, false), 0);
+  // A folder that is not empty where the activation file is cannot be removed.
+  std::filesystem::remove(ActivationFilePath());
+  std::filesystem::create_directories(ActivationFilePath() + "/held");
+  EXPECT_NE(UnregisterServer(), 0) << "never report as removed what is still there";
+  std::filesystem::remove_all(ActivationFilePath());
+}
+
 TEST(Registration, RegServerAfterServiceMakesAPlainServerAgain) {
   ASSERT_EQ(RegisterServer(kExe, true), 0);
   ASSERT_EQ(RegisterServer(kExe, false), 0);

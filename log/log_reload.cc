@@ -1,5 +1,7 @@
 // The log settings follow the stores while the server runs: a change is picked up within
-// a few seconds, without a restart, and looking for one costs a few stat calls.
+// a few seconds, without a restart, and looking for one costs a few stat calls. The
+// write-ahead logs change with the server's own store writes, so a busy server reads its
+// settings again about every kReloadSeconds.
 #include <sys/stat.h>
 
 #include <chrono>
@@ -64,6 +66,8 @@ bool ReloadSettingsIfChanged() {
   // From zero, so that a value taken out of a store switches its setting off again; the
   // new settings replace the old in one step, so no line is dropped on the way.
   ApplySettings(internal::ReadSettings(Settings()));
+  // The print is taken again after the read: reading folds the write-ahead log into the
+  // store file, which would otherwise count as a change at the next look.
   internal::NoteStoresRead();
   return true;
 }

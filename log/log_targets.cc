@@ -72,13 +72,22 @@ bool SendToJournal(const std::string& line) {
 bool AppendToStateFile(const char* line, size_t length) {
   const std::string path = StateLogPath();
   if (path.empty()) return false;
-  MakeFolders(path);
-  struct stat st;
-  // The file has a ceiling: past it the old lines move aside once.
-  if (stat(path.c_str(), &st) == 0 && st.st_size > kStateFileMaxBytes)
-    rename(path.c_str(), (path + ".1").c_str());
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
+  int fd = open(path.c_str(), flags, 0600);
+  if (fd < 0 && errno == ENOENT) {  // the first line: the folders are made once
+    MakeFolders(path);
+    fd = open(path.c_str(), flags, 0600);
+  }
   if (fd < 0) return false;
+  struct stat st;
+  // The file has a ceiling: past it the old lines move aside once, and this line starts
+  // a new file.
+  if (fstat(fd, &st) == 0 && st.st_size > kStateFileMaxBytes &&
+      rename(path.c_str(), (path + ".1").c_str()) == 0) {
+    close(fd);
+    fd = open(path.c_str(), flags, 0600);
+    if (fd < 0) return false;
+  }
   bool ok = true;
   while (length > 0) {
     const ssize_t done = write(fd, line, length);
