@@ -85,6 +85,18 @@ TEST_F(Marquelctl, MvCarriesTheTagsToTheNewNameEvenWithAMovePending) {
   EXPECT_EQ(Tag16(*client_, taken), (Pairs{{100000, 7}, {500000, 9}}));
 }
 
+TEST_F(Marquelctl, MvWithoutAServerRenamesNothing) {
+  const std::string old_name = CopyTestMedia("mpeg2ps.mpg", "stays.mpg");
+  client_.reset();
+  StopServer();
+  std::filesystem::remove(TestDir() + "/data/dbus-1/services/com.halvern.Marquel64.service");
+  const std::string new_name = TestPath("moved.mpg");
+  std::string out;
+  EXPECT_EQ(Ctl({"mv", old_name, new_name}, &out), 3) << out;
+  EXPECT_TRUE(std::filesystem::exists(old_name)) << "the tags could not have followed";
+  EXPECT_FALSE(std::filesystem::exists(new_name));
+}
+
 TEST_F(Marquelctl, MvSaysSoWhenTheTagsCannotFollowAndHowToGetThemBack) {
   const std::string old_name = TaggedCopy(*client_, "mpeg2ps.mpg", "short.mpg");
   // A name too long for a cache record: the rename works, the server's cannot.

@@ -48,6 +48,9 @@ int RunMoveFile(const MoveFileOptions& o) {
   auto client = Connect(o.file.json);
   if (!client) return kExitUnreachable;
   const std::string from = Absolute(o.file.file), to = Absolute(o.target);
+  int32_t done = 0;  // a call the server answers: connecting alone does not start it
+  if (HRESULT hr = client->IsWriteToFileDone(from.c_str(), &done); hr != S_OK)
+    return ReportFailure(o.file.json, "mv " + o.file.file, hr);
   if (std::rename(o.file.file.c_str(), o.target.c_str()) != 0) {
     return ReportError(
         o.file.json,
