@@ -27,4 +27,10 @@ std::vector<CacheEntry> EntriesOf(const std::string& file, const std::vector<Cac
   return found;
 }
 
+bool HasCachedTags(const std::string& file) {
+  for (const CacheEntry& e : EntriesOf(file, AllCacheKinds()))
+    if (e.Complete()) return true;
+  return false;
+}
+
 }  // namespace marquel::ctl

@@ -19,4 +19,8 @@ std::vector<CacheKind> AllCacheKinds();
 // The entries of the media file `file` (absolute), one per kind of `kinds` at most.
 std::vector<CacheEntry> EntriesOf(const std::string& file, const std::vector<CacheKind>& kinds);
 
+// Whether a cache keeps tags of `file` (absolute) that the server would use: a complete
+// entry of any kind. A half-written entry (a killed close) names none.
+bool HasCachedTags(const std::string& file);
+
 }  // namespace marquel::ctl

@@ -142,7 +142,7 @@ int Plot(const PlotOptions& o) {
   size_t rows = 0;
   for (int32_t p = first; p <= last; ++p) {
     nlohmann::json tags;
-    if ((hr = ListTags(*client, h, p, &tags)) != S_OK)
+    if ((hr = ListTags(*client, h, p, &tags, false)) != S_OK)
       return ReportFailure(json, "plot: tags of program " + std::to_string(p), hr);
     rows += tags["tags"].size();
     lists.emplace_back(p, std::move(tags));

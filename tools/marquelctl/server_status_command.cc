@@ -98,7 +98,7 @@ std::string FileState(IMarquelClient& client, const std::string& file, int32_t d
       if (p.value("file", "") == absolute) return p.value("state", "cached");
     return "cached";
   }
-  if (!EntriesOf(absolute, AllCacheKinds()).empty()) return "cached";
+  if (HasCachedTags(absolute)) return "cached";
   HeldFile held(client, file, 0, 0, /*read_only=*/true);
   int32_t source = 0;
   if (held.OpenResult() != S_OK || client.QueryMQDataStatus(held.Handle(), &source) != S_OK)

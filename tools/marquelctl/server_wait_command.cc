@@ -73,7 +73,7 @@ int Wait(const WaitOptions& o) {
     const int64_t waited_ms = static_cast<int64_t>(waited * 1000);
     if (done || waited >= o.timeout_s) {
       // Nothing pending is not yet "written": the tags may sit only in a cache.
-      const bool cached = done && !EntriesOf(Absolute(o.file.file), AllCacheKinds()).empty();
+      const bool cached = done && HasCachedTags(Absolute(o.file.file));
       const char* outcome = !done ? "timed out" : cached ? "kept in the cache" : "written";
       progress.End(outcome, waited_ms);
       PrintResult(o.file.json, {{"operation", "wait"},
